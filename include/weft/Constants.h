@@ -1,0 +1,55 @@
+#pragma once
+
+#include <tavo/Types.h>
+
+// Sizes, windows and time-outs of the protocol and its transports, in one place.
+
+// ---- WEFT messages ----
+// Protocol version carried in every message header.
+constexpr uint8 WEFT_VERSION = 1;
+// version (1) + command (1) + payload length (2).
+constexpr unsigned int WEFT_HEADER_SIZE = 4;
+// A whole message fits one EUDP datagram payload.
+constexpr unsigned int WEFT_MAX_PACKET_SIZE = 1492;
+constexpr unsigned int WEFT_MAX_PAYLOAD = WEFT_MAX_PACKET_SIZE - WEFT_HEADER_SIZE;
+// A list's entry count travels in one byte.
+constexpr unsigned int PARAM_LIST_MAX_ENTRIES = 255;
+// Pause before a connection closes its transport, so that requests sent just
+// before leave first.
+constexpr unsigned int WEFT_DISCONNECT_DELAY_MS = 10;
+
+// ---- TCP ----
+// Pending connections the kernel keeps for a listener.
+constexpr int TCP_LISTEN_BACKLOG = 5;
+// The length prefix is two little-endian bytes.
+constexpr unsigned int TCP_LENGTH_PREFIX_SIZE = 2;
+constexpr unsigned int TCP_MAX_MESSAGE_SIZE = 65535;
+
+// ---- EUDP ----
+constexpr uint8 EUDP_VERSION = 1;
+// version (1) + command letters (3) + argument (4).
+constexpr unsigned int EUDP_HEADER_SIZE = 8;
+// Room for the largest WEFT message.
+constexpr unsigned int EUDP_MAX_PAYLOAD = 1492;
+// Header and payload; also the size of every receive on an EUDP socket.
+constexpr unsigned int EUDP_MAX_PACKET_SIZE = EUDP_HEADER_SIZE + EUDP_MAX_PAYLOAD;
+// Slots in each packet ring; one stays free, so a ring holds 999 packets.
+constexpr unsigned int EUDP_RING_CAPACITY = 1000;
+// Sequence numbers count modulo 65535 (0 to 65534).
+constexpr int EUDP_SEQ_RANGE = 65535;
+// Half the number space: a number up to this many steps ahead is "after".
+constexpr int EUDP_SEQ_HALF = 32767;
+// Unacknowledged packets a reliable sender may have in flight at first.
+constexpr int EUDP_DEFAULT_WINDOW = 10;
+// Silence after a keep-alive, in microseconds, after which the peer is dead.
+constexpr unsigned int EUDP_DEAD_PEER_TIMEOUT = 10000000;
+// Idle time before a keep-alive, in microseconds: an accepted transport speaks
+// first so that the connecting side hears from it early.
+constexpr unsigned int EUDP_ACCEPTED_KEEPALIVE_US = 500000;
+constexpr unsigned int EUDP_CONNECTING_KEEPALIVE_US = 1000000;
+// How long connect waits for the answer to its CON, in milliseconds.
+constexpr unsigned int EUDP_CONNECT_TIMEOUT_MS = 5000;
+// How long a mode or window request waits for the peer's answer, in milliseconds.
+constexpr unsigned int EUDP_NEGOTIATION_TIMEOUT_MS = 10000;
+// Silence after which a reliable sender goes back and repeats, in milliseconds.
+constexpr unsigned int EUDP_RETRANSMIT_TIMEOUT_MS = 500;

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <tavo/Export.h>
+
+#include <mutex>
+
+namespace tavo
+{
+
+// Owns a socket descriptor shared by several threads. close() wakes every
+// thread blocked on the socket (through shutdown(), since a plain close() on
+// Linux does not), and the descriptor itself is released only once no thread
+// uses it any more, so its number can never be reused under a running call.
+class TAVO_EXPORT SocketDescriptor
+{
+public:
+    explicit SocketDescriptor(int fd = -1);
+    ~SocketDescriptor();
+    SocketDescriptor(const SocketDescriptor&) = delete;
+    SocketDescriptor& operator=(const SocketDescriptor&) = delete;
+
+    // Marks the start of a call on the socket: the descriptor, or -1 when the
+    // socket is closed. Every successful acquire() is paired with release().
+    int acquire();
+    void release();
+
+    // Closes the socket for every present and future call. Idempotent.
+    void close();
+    bool isClosed() const;
+
+private:
+    mutable std::mutex m_mutex;
+    int m_fd;
+    int m_users;
+    bool m_closed;
+};
+
+// Holds one use of a SocketDescriptor for a scope.
+class SocketUse
+{
+public:
+    explicit SocketUse(SocketDescriptor& descriptor)
+        : m_descriptor(descriptor), m_fd(descriptor.acquire())
+    {
+    }
+    ~SocketUse()
+    {
+        if (m_fd >= 0)
+        {
+            m_descriptor.release();
+        }
+    }
+    SocketUse(const SocketUse&) = delete;
+    SocketUse& operator=(const SocketUse&) = delete;
+
+    int fd() const { return m_fd; }
+    bool valid() const { return m_fd >= 0; }
+
+private:
+    SocketDescriptor& m_descriptor;
+    int m_fd;
+};
+
+} // namespace tavo

@@ -1,0 +1,264 @@
+#include <tavo/TcpSocket.h>
+
+#include "../SocketAddress.h"
+
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+namespace tavo
+{
+
+namespace
+{
+
+// How long accept backs off when the process is out of descriptors or memory,
+// so that a listener survives the shortage instead of ending.
+constexpr auto ACCEPT_RESOURCE_BACKOFF = std::chrono::milliseconds(10);
+
+int newStreamSocket()
+{
+    return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
+
+bool isTransientAcceptError(int error)
+{
+    switch (error)
+    {
+    case EINTR:
+    case ECONNABORTED:
+    case EPROTO:
+    case ENETDOWN:
+    case ENOPROTOOPT:
+    case EHOSTDOWN:
+    case ENONET:
+    case EHOSTUNREACH:
+    case EOPNOTSUPP:
+    case ENETUNREACH:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool isResourceShortage(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+} // namespace
+
+uint16 localPortOf(int fd)
+{
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    if (fd < 0 || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    {
+        return 0;
+    }
+    return ntohs(address.sin_port);
+}
+
+TcpSocket::TcpSocket() : m_descriptor(newStreamSocket()) {}
+
+TcpSocket::TcpSocket(int fd) : m_descriptor(fd) {}
+
+TcpSocket::~TcpSocket() = default;
+
+bool TcpSocket::setNoDelay(bool on)
+{
+    SocketUse use(m_descriptor);
+    const int value = on ? 1 : 0;
+    return use.valid() &&
+           ::setsockopt(use.fd(), IPPROTO_TCP, TCP_NODELAY, &value, sizeof(value)) == 0;
+}
+
+bool TcpSocket::connect(const HostAddress& address, uint16 port)
+{
+    SocketUse use(m_descriptor);
+    if (!use.valid() || !address.isValid())
+    {
+        return false;
+    }
+    const sockaddr_in target = toSocketAddress(address, port);
+    int result;
+    do
+    {
+        result = ::connect(use.fd(), reinterpret_cast<const sockaddr*>(&target), sizeof(target));
+    } while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
+bool TcpSocket::bind(const HostAddress& address, uint16 port)
+{
+    SocketUse use(m_descriptor);
+    if (!use.valid() || !address.isValid())
+    {
+        return false;
+    }
+    const int reuse = 1;
+    ::setsockopt(use.fd(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
+    const sockaddr_in local = toSocketAddress(address, port);
+    return ::bind(use.fd(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0;
+}
+
+bool TcpSocket::listen(int backlog)
+{
+    SocketUse use(m_descriptor);
+    return use.valid() && ::listen(use.fd(), backlog) == 0;
+}
+
+TcpSocket* TcpSocket::accept()
+{
+    for (;;)
+    {
+        int accepted;
+        int error;
+        {
+            SocketUse use(m_descriptor);
+            if (!use.valid())
+            {
+                return nullptr;
+            }
+            accepted = ::accept4(use.fd(), nullptr, nullptr, SOCK_CLOEXEC);
+            error = errno;
+        }
+        if (accepted >= 0)
+        {
+            if (m_descriptor.isClosed())
+            {
+                ::close(accepted);
+                return nullptr;
+            }
+            return new TcpSocket(accepted);
+        }
+        if (m_descriptor.isClosed())
+        {
+            return nullptr;
+        }
+        if (isResourceShortage(error))
+        {
+            std::this_thread::sleep_for(ACCEPT_RESOURCE_BACKOFF);
+            continue;
+        }
+        if (!isTransientAcceptError(error))
+        {
+            return nullptr;
+        }
+    }
+}
+
+void TcpSocket::close()
+{
+    m_descriptor.close();
+}
+
+bool TcpSocket::isClosed() const
+{
+    return m_descriptor.isClosed();
+}
+
+int TcpSocket::send(const uint8* data, int length)
+{
+    return send(data, length, nullptr, 0);
+}
+
+int TcpSocket::send(const uint8* first, int firstLength, const uint8* second, int secondLength)
+{
+    if (firstLength < 0 || secondLength < 0)
+    {
+        return -1;
+    }
+    SocketUse use(m_descriptor);
+    if (!use.valid())
+    {
+        return -1;
+    }
+    iovec parts[2];
+    parts[0].iov_base = const_cast<uint8*>(first);
+    parts[0].iov_len = static_cast<std::size_t>(firstLength);
+    parts[1].iov_base = const_cast<uint8*>(second);
+    parts[1].iov_len = static_cast<std::size_t>(secondLength);
+    iovec* pending = parts;
+    int pendingCount = secondLength > 0 ? 2 : 1;
+    const int total = firstLength + secondLength;
+    int sent = 0;
+    while (sent < total)
+    {
+        msghdr message{};
+        message.msg_iov = pending;
+        message.msg_iovlen = static_cast<std::size_t>(pendingCount);
+        const ssize_t result = ::sendmsg(use.fd(), &message, MSG_NOSIGNAL);
+        if (result < 0)
+        {
+            if (errno == EINTR)
+            {
+                continue;
+            }
+            return -1;
+        }
+        sent += static_cast<int>(result);
+        std::size_t advance = static_cast<std::size_t>(result);
+        while (pendingCount > 0 && advance >= pending->iov_len)
+        {
+            advance -= pending->iov_len;
+            ++pending;
+            --pendingCount;
+        }
+        if (pendingCount > 0)
+        {
+            pending->iov_base = static_cast<uint8*>(pending->iov_base) + advance;
+            pending->iov_len -= advance;
+        }
+    }
+    return sent;
+}
+
+int TcpSocket::receive(uint8* buffer, int length)
+{
+    if (length <= 0)
+    {
+        return -1;
+    }
+    SocketUse use(m_descriptor);
+    if (!use.valid())
+    {
+        return -1;
+    }
+    ssize_t result;
+    do
+    {
+        result = ::recv(use.fd(), buffer, static_cast<std::size_t>(length), 0);
+    } while (result < 0 && errno == EINTR);
+    if (result <= 0 && m_descriptor.isClosed())
+    {
+        return -1;
+    }
+    return static_cast<int>(result);
+}
+
+bool TcpSocket::getPeerName(HostAddress& address, uint16& port) const
+{
+    SocketUse use(m_descriptor);
+    sockaddr_in peer{};
+    socklen_t length = sizeof(peer);
+    if (!use.valid() || ::getpeername(use.fd(), reinterpret_cast<sockaddr*>(&peer), &length) != 0)
+    {
+        return false;
+    }
+    fromSocketAddress(peer, address, port);
+    return true;
+}
+
+uint16 TcpSocket::getLocalPort() const
+{
+    SocketUse use(m_descriptor);
+    return use.valid() ? localPortOf(use.fd()) : 0;
+}
+
+} // namespace tavo

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <tavo/Export.h>
+#include <tavo/HostAddress.h>
+#include <tavo/SocketDescriptor.h>
+#include <tavo/Types.h>
+
+namespace tavo
+{
+
+// A blocking TCP stream socket. close() may be called from any thread and
+// makes calls blocked on the socket in other threads return with failure.
+class TAVO_EXPORT TcpSocket
+{
+public:
+    // A new, unconnected stream socket.
+    TcpSocket();
+    // Adopts a connected descriptor (as returned by accept).
+    explicit TcpSocket(int fd);
+    virtual ~TcpSocket();
+    TcpSocket(const TcpSocket&) = delete;
+    TcpSocket& operator=(const TcpSocket&) = delete;
+
+    // With true, small writes leave at once instead of being coalesced.
+    bool setNoDelay(bool on);
+
+    bool connect(const HostAddress& address, uint16 port);
+    // Binds to a local address and port (port 0: any free port). The address
+    // may be reused at once after an earlier listener on it has closed.
+    bool bind(const HostAddress& address, uint16 port);
+    bool listen(int backlog);
+    // Blocks until a connection arrives; the new socket belongs to the caller.
+    // Null once the socket is closed or fails for good.
+    TcpSocket* accept();
+
+    void close();
+    bool isClosed() const;
+
+    // Sends all bytes: the count sent on success, negative on failure.
+    int send(const uint8* data, int length);
+    // Sends two buffers as one write (all bytes of both, in order).
+    int send(const uint8* first, int firstLength, const uint8* second, int secondLength);
+    // Blocks until data is there: the count placed in the buffer (1 to
+    // `length`), 0 when the peer has closed the stream, negative on error or
+    // after close().
+    int receive(uint8* buffer, int length);
+
+    // The peer's address and port; left as they were when unknown.
+    bool getPeerName(HostAddress& address, uint16& port) const;
+    uint16 getLocalPort() const;
+
+private:
+    mutable SocketDescriptor m_descriptor;
+};
+
+} // namespace tavo

@@ -1,0 +1,189 @@
+#include <tavo/Timer.h>
+
+#include <tavo/Assert.h>
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <condition_variable>
+
+namespace tavo
+{
+
+// The process's timer thread and its schedule. It is created on first use and
+// lives until the process ends, so no timer can outlive it.
+class TimerService
+{
+public:
+    static TimerService& instance()
+    {
+        static TimerService* service = new TimerService();
+        return *service;
+    }
+
+    void start(Timer& timer, std::chrono::microseconds period, bool oneShot)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        unschedule(timer);
+        timer.m_period = period;
+        timer.m_oneShot = oneShot;
+        schedule(timer, std::chrono::steady_clock::now() + period);
+        m_wake.notify_one();
+    }
+
+    void stop(Timer& timer)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        unschedule(timer);
+        // A callback of this timer may be running right now; wait for it so
+        // that the caller may free what the callback uses. The timer thread
+        // itself runs callbacks one after another and never waits.
+        if (!isTimerThread())
+        {
+            m_idle.wait(lock, [&] { return m_firing != &timer; });
+        }
+    }
+
+    bool isArmed(const Timer& timer)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return timer.m_armed;
+    }
+
+private:
+    TimerService() : m_firing(nullptr)
+    {
+        pthread_t thread;
+        pthread_attr_t attributes;
+        ::pthread_attr_init(&attributes);
+        ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+        const int result = ::pthread_create(&thread, &attributes, &TimerService::entry, this);
+        ::pthread_attr_destroy(&attributes);
+        TAVO_ASSERT_TEXT(result == 0, "timer thread could not be created");
+    }
+
+    static void* entry(void* self)
+    {
+        ::pthread_setname_np(::pthread_self(), "tavo-timer");
+        isTimerThread() = true;
+        static_cast<TimerService*>(self)->loop();
+        return nullptr;
+    }
+
+    static bool& isTimerThread()
+    {
+        static thread_local bool onTimerThread = false;
+        return onTimerThread;
+    }
+
+    void schedule(Timer& timer, std::chrono::steady_clock::time_point deadline)
+    {
+        timer.m_entry = m_schedule.emplace(deadline, &timer);
+        timer.m_armed = true;
+    }
+
+    void unschedule(Timer& timer)
+    {
+        if (timer.m_armed)
+        {
+            m_schedule.erase(timer.m_entry);
+            timer.m_armed = false;
+        }
+    }
+
+    void loop()
+    {
+        std::vector<ICallback*> due;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        for (;;)
+        {
+            if (m_schedule.empty())
+            {
+                m_wake.wait(lock);
+                continue;
+            }
+            const auto first = m_schedule.begin();
+            const auto now = std::chrono::steady_clock::now();
+            if (now < first->first)
+            {
+                m_wake.wait_until(lock, first->first);
+                continue;
+            }
+            Timer& timer = *first->second;
+            const auto deadline = first->first;
+            m_schedule.erase(first);
+            timer.m_armed = false;
+            if (!timer.m_oneShot)
+            {
+                // A periodic timer keeps its rhythm but never fires in a burst
+                // to catch up on periods it missed.
+                schedule(timer, std::max(now, deadline) + timer.m_period);
+            }
+            m_firing = &timer;
+            {
+                std::lock_guard<std::mutex> callbacks(timer.m_callbackMutex);
+                due = timer.m_callbacks;
+            }
+            lock.unlock();
+            for (ICallback* callback : due)
+            {
+                callback->call();
+            }
+            lock.lock();
+            m_firing = nullptr;
+            m_idle.notify_all();
+        }
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::condition_variable m_idle;
+    Timer::Schedule m_schedule;
+    Timer* m_firing;
+};
+
+Timer::Timer() : m_armed(false), m_oneShot(true), m_period(0), m_entry() {}
+
+Timer::~Timer()
+{
+    stop();
+}
+
+bool Timer::start(int periodUs, bool oneShot)
+{
+    TimerService::instance().start(*this, std::chrono::microseconds(periodUs < 0 ? 0 : periodUs),
+                                   oneShot);
+    return true;
+}
+
+void Timer::stop()
+{
+    TimerService::instance().stop(*this);
+}
+
+bool Timer::isRunning() const
+{
+    return TimerService::instance().isArmed(*this);
+}
+
+void Timer::addCallback(ICallback* callback)
+{
+    std::lock_guard<std::mutex> lock(m_callbackMutex);
+    m_callbacks.push_back(callback);
+}
+
+bool Timer::removeCallback(ICallback* callback)
+{
+    std::lock_guard<std::mutex> lock(m_callbackMutex);
+    for (auto it = m_callbacks.begin(); it != m_callbacks.end(); ++it)
+    {
+        if (*it == callback)
+        {
+            m_callbacks.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace tavo

@@ -1,0 +1,192 @@
+#include <weft/TCPTransport.h>
+
+#include <weft/Constants.h>
+
+#include <tavo/Assert.h>
+#include <tavo/TcpSocket.h>
+
+TCPTransport::TCPTransport() : m_pSocket(new tavo::TcpSocket()), m_closed(false)
+{
+    m_pSocket->setNoDelay(true);
+}
+
+TCPTransport::TCPTransport(tavo::TcpSocket* socket) : m_pSocket(socket), m_closed(false)
+{
+    if (m_pSocket != nullptr)
+    {
+        m_pSocket->setNoDelay(true);
+    }
+}
+
+TCPTransport::~TCPTransport()
+{
+    if (m_pSocket != nullptr)
+    {
+        if (!m_closed)
+        {
+            m_pSocket->close();
+        }
+        delete m_pSocket;
+    }
+}
+
+bool TCPTransport::setWindowSize(uint)
+{
+    return false;
+}
+
+bool TCPTransport::listen(const tavo::HostAddress& address, uint16 port)
+{
+    TAVO_ASSERT(m_pSocket);
+    if (!m_pSocket->bind(address, port))
+    {
+        return false;
+    }
+    return m_pSocket->listen(TCP_LISTEN_BACKLOG);
+}
+
+IWEFTTransport* TCPTransport::accept()
+{
+    TAVO_ASSERT(m_pSocket);
+    tavo::TcpSocket* socket = m_pSocket->accept();
+    if (socket == nullptr)
+    {
+        return nullptr;
+    }
+    return new TCPTransport(socket);
+}
+
+void TCPTransport::allowSendMode(bool, bool) {}
+
+void TCPTransport::allowReceiveMode(bool, bool) {}
+
+bool TCPTransport::setSendMode(EConnMode mode)
+{
+    return mode == CONN_MODE_RELIABLE;
+}
+
+bool TCPTransport::setReceiveMode(EConnMode mode)
+{
+    return mode == CONN_MODE_RELIABLE;
+}
+
+bool TCPTransport::connect(const tavo::HostAddress& address, uint16 port)
+{
+    TAVO_ASSERT(m_pSocket);
+    if (m_closed)
+    {
+        delete m_pSocket;
+        m_pSocket = new tavo::TcpSocket();
+        m_pSocket->setNoDelay(true);
+        m_closed = false;
+    }
+    return m_pSocket->connect(address, port);
+}
+
+void TCPTransport::disconnect()
+{
+    TAVO_ASSERT(m_pSocket);
+    if (!m_closed.exchange(true))
+    {
+        m_pSocket->close();
+    }
+}
+
+bool TCPTransport::sendData(const uint8* data, uint length)
+{
+    TAVO_ASSERT(m_pSocket);
+    // A longer message cannot be framed; cutting it would send a different one.
+    if (length > TCP_MAX_MESSAGE_SIZE)
+    {
+        return false;
+    }
+    const uint8 prefix[TCP_LENGTH_PREFIX_SIZE] = {static_cast<uint8>(length & 0xFF),
+                                                  static_cast<uint8>((length >> 8) & 0xFF)};
+    const int total = static_cast<int>(TCP_LENGTH_PREFIX_SIZE + length);
+    // Prefix and body leave in one write, so a message is never split between
+    // two system calls and concurrent senders cannot interleave their bytes.
+    std::lock_guard<std::mutex> lock(m_sendMutex);
+    return m_pSocket->send(prefix, TCP_LENGTH_PREFIX_SIZE, data, static_cast<int>(length)) == total;
+}
+
+int TCPTransport::receiveFully(uint8* buffer, uint size)
+{
+    uint received = 0;
+    while (received < size)
+    {
+        const int result = m_pSocket->receive(buffer + received, static_cast<int>(size - received));
+        if (result <= 0)
+        {
+            return result;
+        }
+        received += static_cast<uint>(result);
+    }
+    return static_cast<int>(received);
+}
+
+int TCPTransport::receiveData(uint8* buffer, uint size)
+{
+    TAVO_ASSERT(m_pSocket);
+    int pending = 0;
+    for (;;)
+    {
+        if (m_closed)
+        {
+            return pending;
+        }
+        // The prefix is read whole even when its two bytes arrive apart.
+        uint8 prefix[TCP_LENGTH_PREFIX_SIZE];
+        const int prefixResult = receiveFully(prefix, TCP_LENGTH_PREFIX_SIZE);
+        if (prefixResult <= 0)
+        {
+            return prefixResult;
+        }
+        const uint length = static_cast<uint>(prefix[0]) | (static_cast<uint>(prefix[1]) << 8);
+        if (length > size)
+        {
+            return -1;
+        }
+        const int bodyResult = receiveFully(buffer, length);
+        if (length > 0 && bodyResult <= 0)
+        {
+            // The partial message is dropped; the next prefix read reports the
+            // state of the stream.
+            pending = bodyResult;
+            continue;
+        }
+        if (length == 0)
+        {
+            // An empty message is never reported: 0 means disconnected.
+            pending = 0;
+            continue;
+        }
+        return static_cast<int>(length);
+    }
+}
+
+tavo::HostAddress TCPTransport::getPeerAddress() const
+{
+    tavo::HostAddress address;
+    uint16 port = 0;
+    if (m_pSocket != nullptr)
+    {
+        m_pSocket->getPeerName(address, port);
+    }
+    return address;
+}
+
+uint16 TCPTransport::getPeerPort() const
+{
+    tavo::HostAddress address;
+    uint16 port = 0;
+    if (m_pSocket != nullptr)
+    {
+        m_pSocket->getPeerName(address, port);
+    }
+    return port;
+}
+
+uint16 TCPTransport::getLocalPort() const
+{
+    return m_pSocket != nullptr ? m_pSocket->getLocalPort() : 0;
+}
