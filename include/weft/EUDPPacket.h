@@ -6,7 +6,7 @@
 #include <tavo/Types.h>
 
 // EUDP commands; on the wire each travels as its three-letter name.
-enum EEUDPCommand
+enum EEUDPCommand : int
 {
     EUDP_NOP = 0, // keep-alive answer, a sign of life
     EUDP_ACK = 1, // acknowledges a CON or a data packet

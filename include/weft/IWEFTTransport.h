@@ -7,7 +7,7 @@
 
 // Delivery mode of one direction of a connection; the value is the letter
 // that carries it on the wire.
-enum EConnMode
+enum EConnMode : int
 {
     CONN_MODE_DONT_CARE = 68, // 'D': no preference, keep what the peer has
     CONN_MODE_RELIABLE = 82,  // 'R': every message, in order

@@ -4,8 +4,9 @@
 
 #include <string>
 
-// Type code of a parameter value: the ASCII code of its tag letter.
-enum EParamType
+// Type code of a parameter value: the ASCII code of its tag letter. Any int is
+// a valid value: a decoded value keeps whatever tag it arrived with.
+enum EParamType : int
 {
     PARAM_TYPE_BOOL = 66,   // 'B'
     PARAM_TYPE_FLOAT = 70,  // 'F'

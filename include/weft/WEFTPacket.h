@@ -11,7 +11,7 @@ class ParameterValue;
 class ParameterList;
 
 // Command byte of a WEFT message: an ASCII letter.
-enum EWEFTCommand
+enum EWEFTCommand : int
 {
     WEFT_CMD_FID = 70,          // 'F' function call: name, parameter list
     WEFT_CMD_SUBSCRIBE = 83,    // 'S' subscribe: item name
