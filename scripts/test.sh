@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Runs the whole test suite: a normal build, an AddressSanitizer+UBSan build,
+# a ThreadSanitizer build and a 32-bit build, each with every test.
+#   scripts/test.sh [configuration ...]   (default: normal asan tsan m32)
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+bash "$root/scripts/setup.sh"
+
+configs=("$@")
+if [ ${#configs[@]} -eq 0 ]; then
+    configs=(normal asan tsan m32)
+fi
+
+# Most tests wait on the network or on protocol time-outs rather than on the
+# CPU, so many run at once even on two cores.
+jobs=${WEFT_TEST_JOBS:-12}
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+
+failed=()
+for config in "${configs[@]}"; do
+    echo "=== $config: build"
+    start=$SECONDS
+    bash "$root/scripts/build.sh" "$config" "$root/build/$config"
+    echo "=== $config: test"
+    if ! ctest --test-dir "$root/build/$config" -j "$jobs" --output-on-failure \
+            --timeout 300 --no-tests=error; then
+        failed+=("$config")
+    fi
+    echo "=== $config: done in $((SECONDS - start)) s"
+done
+
+if [ ${#failed[@]} -gt 0 ]; then
+    echo "FAILED in: ${failed[*]}"
+    exit 1
+fi
+echo "all configurations passed: ${configs[*]}"

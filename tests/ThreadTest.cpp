@@ -1,0 +1,144 @@
+#include "support/Waiting.h"
+
+#include <tavo/Semaphore.h>
+#include <tavo/Thread.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+// Runs until asked to stop, counting its runs.
+class StoppableThread : public tavo::Thread
+{
+public:
+    StoppableThread() : tavo::Thread("stoppable") {}
+    ~StoppableThread() override { shutdown(-1); }
+
+    void run() override
+    {
+        ++runs;
+        started.give();
+        stop.take();
+    }
+
+    bool shutdownCallback() override
+    {
+        ++shutdownRequests;
+        stop.give();
+        return true;
+    }
+
+    std::atomic<int> runs{0};
+    std::atomic<int> shutdownRequests{0};
+    tavo::BinarySemaphore started;
+    tavo::BinarySemaphore stop;
+};
+
+// Ignores shutdown requests until released.
+class StubbornThread : public tavo::Thread
+{
+public:
+    ~StubbornThread() override
+    {
+        release.give();
+        shutdown(-1);
+    }
+    void run() override { release.take(); }
+    tavo::BinarySemaphore release;
+};
+
+TEST(ThreadTest, ShutdownAsksRunToEndAndWaitsForIt)
+{
+    StoppableThread thread;
+    ASSERT_TRUE(thread.start());
+    ASSERT_EQ(thread.started.take(5000), tavo::TAKE_OK);
+    EXPECT_TRUE(thread.isRunning());
+    EXPECT_TRUE(thread.shutdown(-1));
+    EXPECT_FALSE(thread.isRunning());
+    EXPECT_EQ(thread.shutdownRequests.load(), 1);
+}
+
+TEST(ThreadTest, ShutdownOfANeverStartedThreadReturnsAtOnce)
+{
+    StoppableThread thread;
+    EXPECT_TRUE(thread.shutdown(-1));
+    EXPECT_EQ(thread.shutdownRequests.load(), 0);
+}
+
+TEST(ThreadTest, StartingARunningThreadIsRefusedAndAFinishedOneRunsAgain)
+{
+    StoppableThread thread;
+    ASSERT_TRUE(thread.start());
+    ASSERT_EQ(thread.started.take(5000), tavo::TAKE_OK);
+    EXPECT_FALSE(thread.start());
+    ASSERT_TRUE(thread.shutdown(-1));
+
+    ASSERT_TRUE(thread.start());
+    ASSERT_EQ(thread.started.take(5000), tavo::TAKE_OK);
+    ASSERT_TRUE(thread.shutdown(-1));
+    EXPECT_EQ(thread.runs.load(), 2);
+}
+
+TEST(ThreadTest, ShutdownWithATimeOutReportsAThreadThatDoesNotEnd)
+{
+    StubbornThread thread;
+    ASSERT_TRUE(thread.start());
+    EXPECT_FALSE(thread.shutdown(50));
+    EXPECT_TRUE(thread.isRunning());
+    thread.release.give();
+    EXPECT_TRUE(thread.shutdown(-1));
+    EXPECT_FALSE(thread.isRunning());
+}
+
+TEST(ThreadTest, ARunThatReturnsByItselfEndsTheThread)
+{
+    class OneShot : public tavo::Thread
+    {
+    public:
+        void run() override { done.add(); }
+        EventCounter done;
+    } thread;
+    ASSERT_TRUE(thread.start());
+    ASSERT_TRUE(thread.done.waitFor(1, 5s));
+    EXPECT_TRUE(eventually([&] { return !thread.isRunning(); }, 5s));
+    EXPECT_TRUE(thread.shutdown(-1));
+}
+
+TEST(ThreadDeathTest, ShutdownFromTheThreadItselfStopsTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    class SelfStopper : public tavo::Thread
+    {
+    public:
+        void run() override { shutdown(-1); }
+    };
+    EXPECT_DEATH(
+        {
+            SelfStopper thread;
+            thread.start();
+            tavo::Thread::mssleep(5000);
+        },
+        "shutdown called from the thread itself");
+}
+
+TEST(ThreadTest, PriorityIsRecordedAndLoweringItIsApplied)
+{
+    StoppableThread thread;
+    EXPECT_EQ(thread.getPriority(), tavo::PRIORITY_NORMAL);
+    ASSERT_TRUE(thread.start(tavo::PRIORITY_LOW));
+    ASSERT_EQ(thread.started.take(5000), tavo::TAKE_OK);
+    EXPECT_EQ(thread.getPriority(), tavo::PRIORITY_LOW);
+    // Lowering needs no privilege.
+    EXPECT_TRUE(thread.setPriority(tavo::PRIORITY_LOWEST));
+    EXPECT_EQ(thread.mapPriorityReverse(thread.mapPriority(tavo::PRIORITY_HIGH)),
+              tavo::PRIORITY_HIGH);
+    thread.shutdown(-1);
+}
+
+} // namespace

@@ -1,0 +1,20 @@
+#!/bin/sh
+# Installs tshark and text2pcap (Debian packages) for the dissector tests.
+# Safe to run repeatedly: it does nothing when both tools are present.
+set -eu
+
+if command -v tshark >/dev/null 2>&1 && command -v text2pcap >/dev/null 2>&1; then
+    exit 0
+fi
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then
+    SUDO="sudo"
+fi
+
+# Without the preseed, wireshark-common asks whether ordinary users may capture.
+echo "wireshark-common wireshark-common/install-setuid boolean false" | $SUDO debconf-set-selections
+if ! DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends tshark; then
+    $SUDO apt-get update
+    DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends tshark
+fi
