@@ -7,7 +7,7 @@ namespace tavo
 {
 
 // One instance of T per process, reached through the class's static instance
-// pointer. T derives from SingletonDll<T>; constructing a T registers it.
+// pointer. T derives from SingletonDll<T>; createInstance() makes and registers it.
 //
 // The instance pointer must exist once per process even when several shared
 // objects use the singleton, so every T declares `extern template class
@@ -20,7 +20,9 @@ public:
     static T* createInstance()
     {
         TAVO_ASSERT_TEXT(s_pInstance == nullptr, "s_pInstance == __null");
-        return new T();
+        T* instance = new T();
+        s_pInstance = instance;
+        return instance;
     }
 
     // The instance; using the singleton before it exists is a programming error.
@@ -41,15 +43,14 @@ public:
     }
 
 protected:
-    SingletonDll()
-    {
-        TAVO_ASSERT_TEXT(s_pInstance == nullptr, "s_pInstance == __null");
-        s_pInstance = static_cast<T*>(this);
-    }
+    SingletonDll() = default;
 
+    // An instance deleted directly rather than through destroyInstance() must
+    // not stay registered. Compared as addresses: while the base is being
+    // destroyed the object is no longer a T.
     virtual ~SingletonDll()
     {
-        if (s_pInstance == static_cast<T*>(this))
+        if (static_cast<const void*>(s_pInstance) == static_cast<const void*>(this))
         {
             s_pInstance = nullptr;
         }

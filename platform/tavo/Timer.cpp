@@ -106,7 +106,9 @@ private:
             const auto now = std::chrono::steady_clock::now();
             if (now < first->first)
             {
-                m_wake.wait_until(lock, first->first);
+                // A copy: the entry may be erased while this thread waits.
+                const auto next = first->first;
+                m_wake.wait_until(lock, next);
                 continue;
             }
             Timer& timer = *first->second;
