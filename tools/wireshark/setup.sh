@@ -14,7 +14,8 @@ fi
 
 # Without the preseed, wireshark-common asks whether ordinary users may capture.
 echo "wireshark-common wireshark-common/install-setuid boolean false" | $SUDO debconf-set-selections
-if ! DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends tshark; then
+# A fresh machine may have no package lists yet: update once and try again.
+if ! $SUDO env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends tshark; then
     $SUDO apt-get update
-    DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends tshark
+    $SUDO env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends tshark
 fi
