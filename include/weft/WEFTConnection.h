@@ -1,0 +1,98 @@
+#pragma once
+
+#include <weft/ConnStatus.h>
+#include <weft/Export.h>
+#include <weft/Init.h>
+#include <weft/IWEFTTransport.h>
+#include <weft/ParameterList.h>
+#include <weft/ParameterValue.h>
+
+#include <tavo/Thread.h>
+
+#include <atomic>
+#include <string>
+
+namespace tavo
+{
+class LogOutput;
+}
+
+class IWEFTClient;
+class IWEFTServer;
+class WEFTConnection;
+class WEFTPacket;
+
+// The thread that runs a connection's receive loop.
+class WEFT_EXPORT RunThreadC : public tavo::Thread
+{
+public:
+    explicit RunThreadC(WEFTConnection* connection);
+    ~RunThreadC() override;
+    void run() override;
+
+private:
+    WEFTConnection* m_pConnection;
+};
+
+// One protocol connection, on either side. The client side connects with its
+// IWEFTClient; on the server side a listener builds the connection around an
+// accepted transport and the application sets its IWEFTServer. Requests may be
+// sent from any thread; incoming messages reach the callbacks on the
+// connection's own receive thread.
+class WEFT_EXPORT WEFTConnection
+{
+public:
+    // Creates and owns a transport of the given kind.
+    explicit WEFTConnection(ETransport transport);
+    // Takes ownership of a connected transport (accepted connections).
+    explicit WEFTConnection(IWEFTTransport* transport);
+    // Ends the receive thread first if it still runs (the connection is then
+    // disconnected); must not be called from that thread.
+    virtual ~WEFTConnection();
+    WEFTConnection(const WEFTConnection&) = delete;
+    WEFTConnection& operator=(const WEFTConnection&) = delete;
+
+    // Connects, starts the receive thread and reports CONN_STATUS_CONNECTED.
+    bool connect(const std::string& host, unsigned short port, IWEFTClient* client);
+    // Starts (or restarts) the receive thread.
+    bool start();
+    // Closes the transport and waits for the receive thread to end; never
+    // from a callback of this connection.
+    void disconnect();
+    void setServer(IWEFTServer* server);
+    // Reports a status to the client, then to the server, each if set.
+    void updateStatus(EConnStatus status);
+
+    bool setWindowSize(unsigned int size);
+    bool setSendMode(EConnMode mode);
+    bool setReceiveMode(EConnMode mode);
+    // Which modes the peer may ask this side to use; a server calls these in
+    // onConnection, before the client's first request can arrive.
+    void allowSendMode(bool realtime, bool reliable);
+    void allowReceiveMode(bool realtime, bool reliable);
+    std::string getPeerAddress() const;
+    unsigned short getPeerPort() const;
+    unsigned short getLocalPort() const;
+
+    // Requests: true when the transport accepted the message.
+    bool subscribe(const std::string& name);
+    bool unsubscribe(const std::string& name);
+    bool trigger(const std::string& name, const ParameterValue& value);
+    bool updateState(const std::string& name, const ParameterValue& value);
+    bool callFunctionId(const std::string& name, const ParameterList& params);
+
+    // The receive loop; runs on the receive thread until the transport ends.
+    void run();
+
+private:
+    bool send(const WEFTPacket& packet, const char* failure);
+    void dispatch(const WEFTPacket& packet);
+
+    IWEFTTransport* m_pTransport;
+    // Set before the receive thread starts; atomic so that a late setServer
+    // is never a data race.
+    std::atomic<IWEFTClient*> m_pClient;
+    std::atomic<IWEFTServer*> m_pServer;
+    tavo::LogOutput* m_pLog;
+    RunThreadC* m_pThread;
+};

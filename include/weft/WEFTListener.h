@@ -1,0 +1,66 @@
+#pragma once
+
+#include <weft/ConnStatus.h>
+#include <weft/Export.h>
+#include <weft/IWEFTConnector.h>
+#include <weft/IWEFTTransport.h>
+
+#include <tavo/Semaphore.h>
+#include <tavo/Thread.h>
+
+#include <atomic>
+#include <string>
+
+class WEFTListener;
+
+// The thread that runs a listener's accept loop.
+class WEFT_EXPORT RunThread : public tavo::Thread
+{
+public:
+    explicit RunThread(WEFTListener* listener);
+    ~RunThread() override;
+    void run() override;
+    bool shutdownCallback() override;
+
+private:
+    WEFTListener* m_pListener;
+};
+
+// The server's entry point: accepts connections on its own thread and hands
+// each one, as a new WEFTConnection, to the application's IWEFTConnector.
+class WEFT_EXPORT WEFTListener
+{
+public:
+    explicit WEFTListener(ETransport transport);
+    virtual ~WEFTListener();
+    WEFTListener(const WEFTListener&) = delete;
+    WEFTListener& operator=(const WEFTListener&) = delete;
+
+    // Starts listening on the listener's thread; always true (see
+    // waitForListen to learn whether the address could be bound).
+    bool listen(const std::string& host, unsigned short port, IWEFTConnector* connector);
+    bool start();
+    // The accept loop; runs on the listener's thread.
+    void run();
+    // Stops the accept loop and waits up to `timeout` ms (-1: no limit).
+    bool shutdown(int timeout);
+    virtual bool shutdownCallback();
+
+    // Waits up to `timeoutMs` for the listening transport to be bound: true
+    // when it is, false when binding failed or the time ran out.
+    bool waitForListen(unsigned int timeoutMs);
+    // The bound local port (useful after listening on port 0); 0 until bound.
+    unsigned short getLocalPort() const;
+
+private:
+    ETransport m_eTransport;
+    std::atomic<IWEFTTransport*> m_pTransport;
+    std::string m_host;
+    unsigned short m_port;
+    IWEFTConnector* m_pConnector;
+    std::atomic<bool> m_bRunning;
+    RunThread* m_pThread;
+    // Outcome of the latest bind: 0 pending, 1 bound, -1 failed.
+    std::atomic<int> m_listenState;
+    tavo::BinarySemaphore m_semListened;
+};
