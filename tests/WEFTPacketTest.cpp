@@ -62,6 +62,8 @@ const Example EXAMPLES[] = {
     {WEFT_CMD_UNSUBSCRIBE, "ab", Example::NAME_ONLY, {}, "01 58 03 00 61 62 00"},
     {WEFT_CMD_TRIGGER, "t", Example::VALUE, ParameterValue(5), "01 54 07 00 74 00 49 05 00 00 00"},
     {WEFT_CMD_UPDATE_STATE, "s", Example::VALUE, ParameterValue(true), "01 55 04 00 73 00 42 01"},
+    {WEFT_CMD_UPDATE_STATE, "s", Example::VALUE, ParameterValue("hi"),
+     "01 55 06 00 73 00 53 68 69 00"},
     {WEFT_CMD_FID, "f", Example::LIST, {}, "01 46 03 00 66 00 00"},
 };
 
@@ -122,8 +124,8 @@ TEST_F(WEFTPacketTest, ExamplesCutShortAtEveryLengthFailToReadCleanly)
             log().clear();
             WEFTPacket packet;
             receive(packet, bytes);
-            // Bytes beyond the cut must never be taken for message bytes.
-            std::memset(packet.getBuffer() + cut, 'z', WEFT_MAX_PACKET_SIZE - cut);
+            // Zeros beyond the cut would end a string early if a reader went past it.
+            std::memset(packet.getBuffer() + cut, 0, WEFT_MAX_PACKET_SIZE - cut);
             packet.getBuffer()[2] = static_cast<uint8>(cut - WEFT_HEADER_SIZE);
             ASSERT_TRUE(packet.validatePacket(cut));
 
