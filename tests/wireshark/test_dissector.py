@@ -12,6 +12,7 @@ The second form checks a capture of any real run: no malformed packet, no
 Lua error, every UDP datagram decoded as EUDP and every TCP payload as WEFT.
 """
 import argparse
+import atexit
 import json
 import os
 import queue
@@ -36,8 +37,15 @@ import live_sender  # noqa: E402
 TSHARK = shutil.which("tshark")
 TEXT2PCAP = shutil.which("text2pcap")
 MERGECAP = shutil.which("mergecap")
+EDITCAP = shutil.which("editcap")
 ERROR, WARN, NOTE = "8388608", "6291456", "4194304"  # expert severities
 CLIENT, SERVER = "I", "O"  # text2pcap directions: client->server, server->client
+# tshark runs with an empty home folder, so that an installed copy of the
+# plugin or personal preferences cannot change what is tested.
+TSHARK_HOME = tempfile.mkdtemp(prefix="weft-ws-home-")
+atexit.register(shutil.rmtree, TSHARK_HOME, True)
+TSHARK_ENV = {k: v for k, v in os.environ.items() if k != "XDG_CONFIG_HOME"}
+TSHARK_ENV["HOME"] = TSHARK_HOME
 BASE_FIELDS = ["frame.number", "_ws.col.Info", "_ws.expert.message", "_ws.expert.severity"]
 
 
@@ -85,7 +93,8 @@ def run_tshark(path, args, prefs=()):
     cmd = [TSHARK, "-n", "-X", "lua_script:" + DISSECTOR, "-r", path]
     for pref in prefs:
         cmd += ["-o", pref]
-    done = subprocess.run(cmd + list(args), capture_output=True, text=True, errors="replace", timeout=300)
+    done = subprocess.run(cmd + list(args), capture_output=True, text=True, errors="replace", timeout=300,
+                          env=TSHARK_ENV)
     if done.returncode != 0:
         raise AssertionError("tshark failed (%d): %s" % (done.returncode, done.stderr))
     return done.stdout, done.stderr
@@ -204,6 +213,20 @@ class WeftMessageTest(DissectorCase):
         frames = self.decode(self.capture(packets))
         self.assertEqual([f["_ws.col.Info"][0] for f in frames], ["WEFT U f = " + t for _, t in self.FLOATS])
 
+    def test_copy_in_personal_plugins_folder_loads_without_options(self):
+        home = os.path.join(self.dir, "home")
+        plugins = os.path.join(home, ".local", "lib", "wireshark", "plugins")
+        os.makedirs(plugins)
+        shutil.copy(DISSECTOR, plugins)
+        path = self.capture([framed(live_sender.TRIGGER)])
+        done = subprocess.run([TSHARK, "-n", "-r", path, "-T", "fields", "-e", "weft.summary"],
+                              capture_output=True, text=True, env=dict(TSHARK_ENV, HOME=home))
+        self.assertEqual(done.stdout.strip(), "WEFT T tally = ON", done.stderr)
+        twice = subprocess.run([TSHARK, "-n", "-X", "lua_script:" + DISSECTOR, "-r", path, "-T", "fields", "-e",
+                                "weft.summary"], capture_output=True, text=True, env=dict(TSHARK_ENV, HOME=home))
+        self.assertEqual(twice.stdout.strip(), "WEFT T tally = ON", twice.stderr)
+        self.assertIn("already loaded", twice.stderr)
+
     def test_unknown_value_tag_is_shown_as_such_and_prints_inv(self):
         frames = self.decode(self.capture([framed(message("T", text("v"), b"X"))]), ["weft.value.type"])
         self.assertField(frames[0], "_ws.col.Info", ["WEFT T v = INV"])
@@ -259,8 +282,8 @@ class MalformedTest(DissectorCase):
         (H("01 53 02 00 61 62"), "WEFT S ? [unterminated string]", ERROR, "Unterminated string"),
         (H("01 54 05 00 74 00 53 61 62"), "WEFT T t = ? [unterminated string]", ERROR, "Unterminated string"),
         (H("01 54 05 00 74 00 49 05 00"), "WEFT T t = ? [truncated value]", ERROR,
-         "Truncated value: a integer needs 5 bytes, 3 left"),
-        (H("01 55 03 00 74 00 42"), "WEFT U t = ? [truncated value]", ERROR, "Truncated value: a boolean"),
+         "Truncated value: integer needs 5 bytes, 3 left"),
+        (H("01 55 03 00 74 00 42"), "WEFT U t = ? [truncated value]", ERROR, "Truncated value: boolean"),
         (H("01 54 02 00 74 00"), "WEFT T t = ? [truncated value]", ERROR, "Truncated value: no bytes left"),
         (message("F", text("f"), H("02 61 00 42 00 78 00 49 05")), "WEFT F f(a = OFF x = ?) [truncated value]",
          ERROR, "Truncated value"),
@@ -281,6 +304,20 @@ class MalformedTest(DissectorCase):
             self.assertField(frame, "_ws.col.Info", [info])
             self.assertExpert(frame, severity, expert)
             self.assertEqual("_ws.malformed" in frame, severity == ERROR, frame["_ws.col.Info"])
+
+
+    def test_capture_check_reports_malformed_and_undecoded_packets(self):
+        udp = self.capture([datagram("ACK", 1), H("01 61 63 6B 00 00 00 00")], "-u", (40001, 41000), name="u")
+        other = self.capture([b"hello"], "-u", (40002, 41001), name="o")
+        tcp = self.capture([framed(live_sender.SUBSCRIBE), framed(H("01 53 05 00 61 62 00"))], name="t")
+        merged = os.path.join(self.dir, "m.pcapng")
+        subprocess.run([MERGECAP, "-a", "-w", merged, udp, other, tcp], check=True)
+        frames, problems = check_capture(merged)
+        self.assertEqual(len(frames), 5)
+        self.assertEqual(problems, ['frame 2: Unknown command "ack": the receiver drops the datagram',
+                                    "frame 3: UDP datagram not decoded as EUDP",
+                                    "frame 5: Wrong size: the header counts 5 payload bytes, the message has 3"])
+        self.assertEqual(check_capture(merged, display_filter="frame.number == 1 or frame.number == 4")[1], [])
 
 
 class EudpTest(DissectorCase):
@@ -395,7 +432,10 @@ class FuzzTest(DissectorCase):
         tcp = self.decode(self.capture(segments, name="t.pcapng"), ["weft.summary"])
         self.assertEqual(sum(len(f.get("weft.summary", [])) for f in tcp), len(messages), "seed %d" % self.SEED)
         self.decode(self.capture(loose, ports=(40000, 7777), name="h.pcapng"))
-        for name in ("u.pcapng", "t.pcapng", "h.pcapng"):
+        for name in ("u.pcapng", "t.pcapng"):  # as if captured with a short snapshot length
+            subprocess.run([EDITCAP, "-s", "60", os.path.join(self.dir, name), os.path.join(self.dir, "cut-" + name)],
+                           check=True)
+        for name in ("u.pcapng", "t.pcapng", "h.pcapng", "cut-u.pcapng", "cut-t.pcapng"):
             out, err = run_tshark(os.path.join(self.dir, name), ["-V", "-2"])
             self.assertNotIn("Lua Error", out + err, "%s, seed %d" % (name, self.SEED))
             self.assertNotIn("[Malformed Packet", out, "%s, seed %d" % (name, self.SEED))
@@ -407,7 +447,7 @@ class LiveCaptureTest(DissectorCase):
     def registered_ports(self):
         # Ports that tshark gives to other protocols first; the heuristics
         # under test must be the ones that find this traffic.
-        out = subprocess.run([TSHARK, "-G", "decodes"], capture_output=True, text=True).stdout
+        out = subprocess.run([TSHARK, "-G", "decodes"], capture_output=True, text=True, env=TSHARK_ENV).stdout
         return {int(cols[1]) for cols in (line.split("\t") for line in out.splitlines())
                 if len(cols) > 1 and cols[0] in ("tcp.port", "udp.port") and cols[1].isdigit()}
 
@@ -475,7 +515,7 @@ class LiveCaptureTest(DissectorCase):
         capture_filter = "tcp port %d or udp port %d or udp port %d or udp port %d" % (
             tcp_port, listen_port, accept_port, probe_port)
         tshark = self.spawn([TSHARK, "-n", "-X", "lua_script:" + DISSECTOR, "-i", "lo", "-f", capture_filter,
-                             "-w", path, "-P", "-l"], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                             "-w", path, "-P", "-l"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=TSHARK_ENV)
         said = []
         self.lines(tshark.stderr, said)
 

@@ -8,6 +8,15 @@
 -- Every read below is checked against the bytes that are really there first:
 -- bad input becomes an expert-info item, never a Lua error.
 
+-- Installed in the plugins folder and given with -X as well, the file would
+-- load twice, and the second copy could not register its protocols.
+local loaded, existing = pcall(Dissector.get, "weft")
+if loaded and existing ~= nil then
+    report_failure("weft.lua: a WEFT dissector is already loaded (installed in a plugins folder?); "
+        .. "this copy is ignored")
+    return
+end
+
 local weft = Proto("weft", "WEFT Protocol")
 local eudp = Proto("eudp", "EUDP Transport")
 
@@ -136,10 +145,11 @@ local ex = {
     too_long = ProtoExpert.new("weft.too_long", "Message longer than the largest WEFT message", PROTOCOL, WARN),
     empty = ProtoExpert.new("weft.empty", "Empty message", PROTOCOL, NOTE),
     duplicate = ProtoExpert.new("weft.duplicate", "Parameter name repeated", PROTOCOL, NOTE),
+    cut_short = ProtoExpert.new("weft.cut_short", "Captured bytes cut short", PROTOCOL, NOTE),
 }
 weft.experts = {
     ex.bad_version, ex.short_header, ex.bad_size, ex.unterminated, ex.truncated,
-    ex.unknown_command, ex.unknown_type, ex.trailing, ex.too_long, ex.empty, ex.duplicate,
+    ex.unknown_command, ex.unknown_type, ex.trailing, ex.too_long, ex.empty, ex.duplicate, ex.cut_short,
 }
 
 local eex = {
@@ -246,7 +256,7 @@ local function decode_value(tvb, offset, limit, tree, label)
         item:set_text(label .. ": truncated " .. VALUE_TYPES[tag])
         item:add(hf.value_type, tvb:range(offset, 1))
         item:add_proto_expert_info(ex.truncated, string.format(
-            "Truncated value: a %s needs %d bytes, %d left", VALUE_TYPES[tag], need, left))
+            "Truncated value: %s needs %d bytes, %d left", VALUE_TYPES[tag], need, left))
         return 0, nil, tag, "truncated value"
     end
 
@@ -490,12 +500,19 @@ end
 local function dissect_tcp_message(tvb, pinfo, tree)
     local size = tvb:len()
     local summary
-    if size <= TCP_PREFIX_SIZE then
+    if size < tvb:reported_len() then
+        -- The capture kept only part of the message (snapshot length).
+        local root = tree:add(weft, tvb:range(0, size))
+        root:add_proto_expert_info(ex.cut_short, "Captured bytes cut short: message not decoded")
+        summary = "WEFT [cut short]"
+        root:add(hf.summary, tvb:range(0, size), summary):set_generated()
+    elseif size <= TCP_PREFIX_SIZE then
         -- An empty message: the receiver waits for the next one.
         local root = tree:add(weft, tvb:range(0, size))
         root:add_le(hf.tcp_length, tvb:range(0, math.min(size, 2)))
         root:add_proto_expert_info(ex.empty, "Empty message: the receiver skips it")
         summary = "WEFT (empty)"
+        root:add(hf.summary, tvb:range(0, size), summary):set_generated()
         root:append_text(": (empty)")
     else
         summary = decode_weft(tvb:range(TCP_PREFIX_SIZE):tvb(), pinfo, tree, tvb:range(0, 2))
