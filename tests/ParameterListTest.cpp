@@ -4,10 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <sstream>
-#include <string>
-
 namespace
 {
 
@@ -18,155 +14,83 @@ std::string printed(const ParameterList& list)
     return out.str();
 }
 
-std::string wireOf(const ParameterList& list)
+// Writes into a heap block of exactly `room` bytes, so that AddressSanitizer
+// reports any write past it.
+std::string wireOf(const ParameterList& list, std::size_t room = 4096)
 {
-    char buffer[4096];
-    const int n = list.getBinary(buffer, sizeof(buffer));
-    return n == 0 ? "refused" : toHex(buffer, static_cast<std::size_t>(n));
+    std::unique_ptr<char[]> buffer(new char[room]);
+    const int n = list.getBinary(buffer.get(), static_cast<int>(room));
+    return n == 0 ? "refused" : toHex(buffer.get(), static_cast<std::size_t>(n));
 }
 
-// Decodes from a heap block of exactly `size` bytes, so that AddressSanitizer
-// sees any read at or past the end.
-int decodeExact(const Bytes& bytes, std::size_t size, ParameterList& list)
-{
-    std::unique_ptr<char[]> exact(new char[size == 0 ? 1 : size]);
-    std::copy(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size), exact.get());
-    return list.createFromBinary(exact.get(), static_cast<int>(size));
-}
-
-TEST(ParameterListTest, AddersReplaceAnyKindAndTypedLookupsRefuseOtherKinds)
+TEST(ParameterListTest, LookupsReadByKindInNameOrderAndAMissingNameJoinsANonEmptyList)
 {
     ParameterList list;
-    list.addNumeric("x", 1);
-    list.addString("x", "one");
-    list.addFloat("f", 0.5f);
-    list.addBoolean("b", true);
-    EXPECT_EQ(list.size(), 3u);
-
+    std::string name = "-", text = "-";
     int i = -1;
     bool b = false;
-    std::string text;
-    EXPECT_FALSE(list.getParam("x", i));
+    EXPECT_FALSE(list.getParam("m", text) || list.getParam(0u, name, text));
+    EXPECT_EQ(list.size(), 0u) << "a lookup on an empty list added an entry";
+
+    list.addNumeric("x", 1);
+    list.addString("x", "one"); // replaces the integer
+    list.addFloat("b", 0.5f);
+    list.addBoolean("B", true);
+    EXPECT_FALSE(list.getParam("x", i) || list.getParam("b", b));
     EXPECT_EQ(i, -1);
-    EXPECT_FALSE(list.getParam("f", b));
-    EXPECT_FALSE(b);
-    EXPECT_TRUE(list.getParam("b", b));
-    EXPECT_TRUE(b);
-    EXPECT_TRUE(list.getParam("x", text));
-    EXPECT_EQ(text, "one");
-    EXPECT_TRUE(list.getParam("f", text));
-    EXPECT_EQ(text, "0.5");
-    EXPECT_EQ(printed(list), "b = ON f = 0.5 x = one ");
-    EXPECT_EQ(list.size(), 3u) << "lookups of present names added entries";
-}
-
-TEST(ParameterListTest, LookupOfAMissingNameAddsAnEmptyEntryUnlessTheListIsEmpty)
-{
-    ParameterList empty;
-    std::string text = "untouched";
-    int i = 0;
-    EXPECT_FALSE(empty.getParam("m", text));
-    EXPECT_FALSE(empty.getParam("m", i));
-    EXPECT_EQ(text, "untouched");
-    EXPECT_EQ(empty.size(), 0u);
-    EXPECT_EQ(printed(empty), "");
-
-    ParameterList list;
-    list.addNumeric("a", 1);
-    EXPECT_TRUE(list.getParam("m", text));
+    EXPECT_TRUE(list.getParam("B", b) && b);
+    EXPECT_TRUE(list.getParam("m", text)); // adds m holding an empty value
     EXPECT_EQ(text, "INV");
-    EXPECT_FALSE(list.getParam("n", i));
-    EXPECT_EQ(printed(list), "a = 1 m = INV n = INV ");
-    EXPECT_EQ(wireOf(list), "03 61 00 49 01 00 00 00 6D 00 4E 6E 00 4E");
+    EXPECT_EQ(printed(list), "B = ON b = 0.5 m = INV x = one ");
+    EXPECT_TRUE(list.getParam(3u, name, text));
+    EXPECT_EQ(name + "=" + text, "x=one");
+    EXPECT_FALSE(list.getParam(4u, name, text));
+    EXPECT_EQ(wireOf(list), "04 42 00 42 01 62 00 46 00 00 00 3F 6D 00 4E 78 00 53 6F 6E 65 00");
 }
 
-TEST(ParameterListTest, LookupByPositionFollowsBytewiseNameOrder)
-{
-    ParameterList list;
-    std::string name = "none", value = "none";
-    EXPECT_FALSE(list.getParam(0u, name, value));
-    for (const char* n : {"b", "ab", "a", "B", ""})
-    {
-        list.addString(n, std::string("v") + n);
-    }
-    const char* order[] = {"", "B", "a", "ab", "b"};
-    for (unsigned int index = 0; index < 5; ++index)
-    {
-        ASSERT_TRUE(list.getParam(index, name, value)) << index;
-        EXPECT_EQ(name, order[index]);
-        EXPECT_EQ(value, std::string("v") + order[index]);
-    }
-    EXPECT_FALSE(list.getParam(5u, name, value));
-    EXPECT_EQ(name, "b") << "a failed lookup changed its arguments";
-}
-
-TEST(ParameterListTest, WireExamplesRoundTripByteExactAndEveryShorterCutIsRefused)
+TEST(ParameterListTest, WireExamplesRoundTripAndEveryCutOrShortRoomIsRefused)
 {
     ParameterList example;
     example.addNumeric("x", 5);
     example.addBoolean("a", false);
-    const struct
+    const std::pair<ParameterList, std::string> cases[] = {
+        {ParameterList(), "00"}, {example, "02 61 00 42 00 78 00 49 05 00 00 00"}};
+    for (const auto& [list, wire] : cases)
     {
-        ParameterList list;
-        const char* wire;
-    } cases[] = {
-        {ParameterList(), "00"},
-        {example, "02 61 00 42 00 78 00 49 05 00 00 00"},
-    };
-    for (const auto& c : cases)
-    {
-        const Bytes expected = fromHex(c.wire);
-        const int length = static_cast<int>(expected.size());
-        SCOPED_TRACE(c.wire);
-        EXPECT_EQ(wireOf(c.list), c.wire);
-
+        SCOPED_TRACE(wire);
+        const std::size_t length = fromHex(wire).size();
+        EXPECT_EQ(wireOf(list), wire);
         ParameterList decoded;
-        ASSERT_EQ(decodeExact(expected, expected.size(), decoded), length);
-        EXPECT_EQ(printed(decoded), printed(c.list));
-
-        for (std::size_t cut = 0; cut < expected.size(); ++cut)
+        ASSERT_EQ(decodeExact(decoded, wire, length), static_cast<int>(length));
+        EXPECT_EQ(printed(decoded), printed(list));
+        for (std::size_t cut = 0; cut < length; ++cut)
         {
             ParameterList partial;
-            EXPECT_EQ(decodeExact(expected, cut, partial), 0) << "cut to " << cut << " bytes";
-        }
-        // Every room short of the whole form is refused without writing past it.
-        for (int room = 0; room < length; ++room)
-        {
-            Bytes out(static_cast<std::size_t>(length), 0xEE);
-            EXPECT_EQ(c.list.getBinary(reinterpret_cast<char*>(out.data()), room), 0) << room;
-            EXPECT_EQ(toHex(out.data() + room, out.size() - static_cast<std::size_t>(room)),
-                      toHex(Bytes(out.size() - static_cast<std::size_t>(room), 0xEE)))
-                << "wrote past a room of " << room;
+            EXPECT_EQ(decodeExact(partial, wire, cut), 0) << "cut to " << cut;
+            // Rooms from 7 on hold both names but not the last value.
+            EXPECT_EQ(wireOf(list, cut), "refused") << "room " << cut;
         }
     }
-    // Room for both names and the first value but not the last value.
-    char names[11];
-    EXPECT_EQ(example.getBinary(names, sizeof(names)), 0);
 }
 
 TEST(ParameterListTest, DecodingMergesIntoExistingEntriesAndKeepsTheLaterOfDuplicates)
 {
     const struct
     {
-        const char* wire;
+        std::string wire;
         int consumed;
         const char* after;
     } cases[] = {
-        // merge: b stays, x and a are added
         {"02 61 00 42 00 78 00 49 05 00 00 00", 12, "a = OFF b = 7 x = 5 "},
-        // the same name twice: one entry, the later value
         {"02 61 00 49 01 00 00 00 61 00 49 02 00 00 00", 15, "a = 2 b = 7 "},
-        // second value truncated: refused, the first entry stays
-        {"02 61 00 42 01 78 00 49 05 00", 0, "a = ON b = 7 "},
-        // a name without its NUL
-        {"01 61 62", 0, "b = 7 "},
+        {"02 61 00 42 01 78 00 49 05 00", 0, "a = ON b = 7 "}, // the first entry stays
+        {"01 61 62", 0, "b = 7 "},                             // a name without its NUL
     };
     for (const auto& c : cases)
     {
         ParameterList list;
         list.addNumeric("b", 7);
-        const Bytes bytes = fromHex(c.wire);
-        EXPECT_EQ(decodeExact(bytes, bytes.size(), list), c.consumed) << c.wire;
+        EXPECT_EQ(decodeExact(list, c.wire, fromHex(c.wire).size()), c.consumed) << c.wire;
         EXPECT_EQ(printed(list), c.after) << c.wire;
     }
 }
@@ -178,29 +102,24 @@ TEST(ParameterListTest, CarriesUpTo255EntriesAndRefusesWhatTheReaderWouldMisread
     {
         list.addNumeric("p" + std::to_string(1000 + i), i);
     }
-    std::unique_ptr<char[]> buffer(new char[4096]);
-    const int written = list.getBinary(buffer.get(), 4096);
-    ASSERT_EQ(written, 1 + 200 * (6 + 5));
-    EXPECT_EQ(static_cast<uint8>(buffer[0]), 0xC8);
+    const std::string wire = wireOf(list);
+    ASSERT_EQ(fromHex(wire).size(), 1u + 200 * (6 + 5));
+    EXPECT_EQ(wire.substr(0, 2), "C8");
     ParameterList decoded;
-    EXPECT_EQ(decoded.createFromBinary(buffer.get(), written), written);
-    EXPECT_EQ(decoded.size(), 200u);
+    EXPECT_EQ(decodeExact(decoded, wire, fromHex(wire).size()), 1 + 200 * (6 + 5));
     EXPECT_EQ(printed(decoded), printed(list));
 
     for (int i = 200; i < 255; ++i)
     {
         list.addNumeric("p" + std::to_string(1000 + i), i);
     }
-    EXPECT_NE(list.getBinary(buffer.get(), 4096), 0) << "255 entries must still be carried";
+    EXPECT_NE(wireOf(list), "refused") << "255 entries must still be carried";
     list.addNumeric("p9999", 0);
-    EXPECT_EQ(list.getBinary(buffer.get(), 4096), 0) << "256 entries would wrap the count";
-
-    ParameterList nulInName;
+    EXPECT_EQ(wireOf(list), "refused") << "256 entries would wrap the count byte";
+    ParameterList nulInName, nulInValue;
     nulInName.addNumeric(std::string("a\0b", 3), 1);
-    EXPECT_EQ(nulInName.getBinary(buffer.get(), 4096), 0);
-    ParameterList nulInValue;
     nulInValue.addString("a", std::string("x\0y", 3));
-    EXPECT_EQ(nulInValue.getBinary(buffer.get(), 4096), 0);
+    EXPECT_EQ(wireOf(nulInName) + wireOf(nulInValue), "refusedrefused");
 }
 
 } // namespace
