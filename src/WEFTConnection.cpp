@@ -1,7 +1,17 @@
-#include <weft/Init.h>
+#include <weft/WEFTConnection.h>
 
+#include <weft/EUDPTransport.h>
+#include <weft/IWEFTClient.h>
+#include <weft/IWEFTServer.h>
+#include <weft/TCPTransport.h>
+#include <weft/WEFTPacket.h>
+
+#include <tavo/Assert.h>
 #include <tavo/CmdProcessor.h>
+#include <tavo/HostAddress.h>
 #include <tavo/LogManager.h>
+
+#include <ostream>
 
 void weftInit()
 {
@@ -13,4 +23,310 @@ void weftDeinit()
 {
     tavo::SingletonDll<tavo::LogManager>::destroyInstance();
     tavo::SingletonDll<tavo::CmdProcessor>::destroyInstance();
+}
+
+namespace
+{
+
+IWEFTTransport* createTransport(ETransport transport)
+{
+    switch (transport)
+    {
+    case TRANSPORT_EUDP:
+        return new EUDPTransport();
+    case TRANSPORT_TCP:
+        return new TCPTransport();
+    }
+    TAVO_ASSERT(false);
+    return nullptr;
+}
+
+tavo::LogOutput* weftLog()
+{
+    return tavo::LogManager::getInstance()->getLogOutput("WEFT");
+}
+
+} // namespace
+
+RunThreadC::RunThreadC(WEFTConnection* connection)
+    : tavo::Thread("weft-connection"), m_pConnection(connection)
+{
+}
+
+RunThreadC::~RunThreadC() = default;
+
+void RunThreadC::run()
+{
+    m_pConnection->run();
+}
+
+WEFTConnection::WEFTConnection(ETransport transport)
+    : m_pTransport(nullptr), m_pClient(nullptr), m_pServer(nullptr), m_pLog(weftLog()),
+      m_pThread(nullptr)
+{
+    m_pTransport = createTransport(transport);
+}
+
+WEFTConnection::WEFTConnection(IWEFTTransport* transport)
+    : m_pTransport(transport), m_pClient(nullptr), m_pServer(nullptr), m_pLog(weftLog()),
+      m_pThread(nullptr)
+{
+}
+
+WEFTConnection::~WEFTConnection()
+{
+    // An owner that forgot to disconnect must not leave the receive thread
+    // using a transport that is about to be deleted.
+    if (m_pThread != nullptr && m_pThread->isRunning())
+    {
+        TAVO_ASSERT_TEXT(!m_pThread->isCurrentThread(),
+                         "connection destroyed from its own receive thread");
+        if (m_pTransport != nullptr)
+        {
+            m_pTransport->disconnect();
+        }
+        m_pThread->shutdown(-1);
+    }
+    delete m_pTransport;
+    m_pTransport = nullptr;
+    delete m_pThread;
+    m_pThread = nullptr;
+    m_pClient = nullptr;
+    m_pServer = nullptr;
+    m_pLog = nullptr;
+}
+
+bool WEFTConnection::connect(const std::string& host, unsigned short port, IWEFTClient* client)
+{
+    m_pClient = client;
+    if (!m_pTransport->connect(tavo::HostAddress(host), port))
+    {
+        return false;
+    }
+    start();
+    updateStatus(CONN_STATUS_CONNECTED);
+    return true;
+}
+
+bool WEFTConnection::start()
+{
+    if (m_pThread == nullptr)
+    {
+        m_pThread = new RunThreadC(this);
+    }
+    return m_pThread->start();
+}
+
+void WEFTConnection::disconnect()
+{
+    tavo::Thread::mssleep(WEFT_DISCONNECT_DELAY_MS);
+    m_pTransport->disconnect();
+    if (m_pThread != nullptr)
+    {
+        m_pThread->shutdown(-1);
+    }
+}
+
+void WEFTConnection::setServer(IWEFTServer* server)
+{
+    m_pServer = server;
+}
+
+void WEFTConnection::updateStatus(EConnStatus status)
+{
+    if (IWEFTClient* client = m_pClient.load())
+    {
+        client->onStatus(status);
+    }
+    if (IWEFTServer* server = m_pServer.load())
+    {
+        server->onStatus(status);
+    }
+}
+
+bool WEFTConnection::setWindowSize(unsigned int size)
+{
+    return m_pTransport->setWindowSize(size);
+}
+
+bool WEFTConnection::setSendMode(EConnMode mode)
+{
+    return m_pTransport->setSendMode(mode);
+}
+
+bool WEFTConnection::setReceiveMode(EConnMode mode)
+{
+    return m_pTransport->setReceiveMode(mode);
+}
+
+void WEFTConnection::allowSendMode(bool realtime, bool reliable)
+{
+    m_pTransport->allowSendMode(realtime, reliable);
+}
+
+void WEFTConnection::allowReceiveMode(bool realtime, bool reliable)
+{
+    m_pTransport->allowReceiveMode(realtime, reliable);
+}
+
+std::string WEFTConnection::getPeerAddress() const
+{
+    return m_pTransport != nullptr ? m_pTransport->getPeerAddress().getAddressString()
+                                   : std::string();
+}
+
+unsigned short WEFTConnection::getPeerPort() const
+{
+    return m_pTransport != nullptr ? m_pTransport->getPeerPort() : 0;
+}
+
+unsigned short WEFTConnection::getLocalPort() const
+{
+    return m_pTransport != nullptr ? m_pTransport->getLocalPort() : 0;
+}
+
+bool WEFTConnection::send(const WEFTPacket& packet, const char* failure)
+{
+    if (!m_pTransport->sendData(packet.getBuffer(), packet.getLength()))
+    {
+        m_pLog->level(5) << failure << std::endl;
+        return false;
+    }
+    return true;
+}
+
+// Items that do not fit are left out (the packet logs it) and the message
+// goes out with what was appended, so the append results are not examined.
+bool WEFTConnection::subscribe(const std::string& name)
+{
+    WEFTPacket packet(WEFT_CMD_SUBSCRIBE);
+    packet.appendString(name);
+    return send(packet, "WEFT: failed to send subscribe cmd");
+}
+
+bool WEFTConnection::unsubscribe(const std::string& name)
+{
+    WEFTPacket packet(WEFT_CMD_UNSUBSCRIBE);
+    packet.appendString(name);
+    return send(packet, "WEFT: failed to send unsubscribe cmd");
+}
+
+bool WEFTConnection::trigger(const std::string& name, const ParameterValue& value)
+{
+    WEFTPacket packet(WEFT_CMD_TRIGGER);
+    packet.appendString(name);
+    packet.appendParamValue(value);
+    return send(packet, "WEFT: failed to send trigger");
+}
+
+bool WEFTConnection::updateState(const std::string& name, const ParameterValue& value)
+{
+    WEFTPacket packet(WEFT_CMD_UPDATE_STATE);
+    packet.appendString(name);
+    packet.appendParamValue(value);
+    return send(packet, "WEFT: failed to send state update");
+}
+
+bool WEFTConnection::callFunctionId(const std::string& name, const ParameterList& params)
+{
+    WEFTPacket packet(WEFT_CMD_FID);
+    packet.appendString(name);
+    packet.appendParamList(params);
+    return send(packet, "WEFT: failed to send FID cmd");
+}
+
+void WEFTConnection::run()
+{
+    WEFTPacket packet;
+    for (;;)
+    {
+        const int received = m_pTransport->receiveData(packet.getBuffer(), WEFT_MAX_PACKET_SIZE);
+        if (received < 1)
+        {
+            updateStatus(CONN_STATUS_DISCONNECTED);
+            return;
+        }
+        packet.setReadPos(WEFT_HEADER_SIZE);
+        if (!packet.validatePacket(static_cast<unsigned int>(received)))
+        {
+            m_pLog->level(3) << "WEFT: discarding invalid packet" << std::endl;
+            continue;
+        }
+        dispatch(packet);
+    }
+}
+
+void WEFTConnection::dispatch(const WEFTPacket& packet)
+{
+    const int command = static_cast<signed char>(packet.getCommand());
+    if (command < WEFT_CMD_FID || command > WEFT_CMD_UNSUBSCRIBE)
+    {
+        return;
+    }
+    IWEFTServer* server = m_pServer.load();
+    IWEFTClient* client = m_pClient.load();
+    switch (command)
+    {
+    case WEFT_CMD_SUBSCRIBE:
+        if (server == nullptr)
+        {
+            m_pLog->level(3) << "WEFT: received unexpected subscribe cmd (no server available)"
+                             << std::endl;
+            return;
+        }
+        server->onSubscribe(packet.getString());
+        return;
+    case WEFT_CMD_UNSUBSCRIBE:
+        if (server == nullptr)
+        {
+            m_pLog->level(3) << "WEFT: received unexpected unsubscribe cmd (no server available)"
+                             << std::endl;
+            return;
+        }
+        server->onUnsubscribe(packet.getString());
+        return;
+    case WEFT_CMD_FID:
+    {
+        if (server == nullptr)
+        {
+            m_pLog->level(3) << "WEFT: received unexpected FID cmd (no server available)"
+                             << std::endl;
+            return;
+        }
+        ParameterList list;
+        const std::string name = packet.getString();
+        packet.getParameterList(list);
+        server->onCallFunctionId(name, list);
+        return;
+    }
+    case WEFT_CMD_TRIGGER:
+    case WEFT_CMD_UPDATE_STATE:
+    {
+        const bool isTrigger = command == WEFT_CMD_TRIGGER;
+        if (client == nullptr)
+        {
+            m_pLog->level(3) << (isTrigger
+                                     ? "WEFT: received unexpected trigger cmd (no client available)"
+                                     : "WEFT: received unexpected update state cmd (no client "
+                                       "available)")
+                             << std::endl;
+            return;
+        }
+        ParameterValue value;
+        const std::string name = packet.getString();
+        packet.getParameterValue(value);
+        if (isTrigger)
+        {
+            client->onTrigger(name, value);
+        }
+        else
+        {
+            client->onUpdateState(name, value);
+        }
+        return;
+    }
+    default:
+        // Other letters in the command range carry nothing we know.
+        return;
+    }
 }

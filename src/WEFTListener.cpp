@@ -1,0 +1,171 @@
+#include <weft/WEFTListener.h>
+
+#include <weft/EUDPTransport.h>
+#include <weft/TCPTransport.h>
+#include <weft/WEFTConnection.h>
+
+#include <tavo/Assert.h>
+#include <tavo/HostAddress.h>
+#include <tavo/LogManager.h>
+
+#include <ostream>
+
+namespace
+{
+
+std::ostream& weftLog(int level)
+{
+    return tavo::LogManager::getInstance()->getLogOutput("WEFT")->level(level);
+}
+
+enum EListenState
+{
+    LISTEN_PENDING = 0,
+    LISTEN_BOUND = 1,
+    LISTEN_FAILED = -1,
+};
+
+} // namespace
+
+RunThread::RunThread(WEFTListener* listener) : tavo::Thread("weft-listener"), m_pListener(listener)
+{
+}
+
+RunThread::~RunThread() = default;
+
+void RunThread::run()
+{
+    m_pListener->run();
+}
+
+bool RunThread::shutdownCallback()
+{
+    return m_pListener->shutdownCallback();
+}
+
+WEFTListener::WEFTListener(ETransport transport)
+    : m_eTransport(transport), m_pTransport(nullptr), m_port(0), m_pConnector(nullptr),
+      m_bRunning(false), m_pThread(nullptr), m_listenState(LISTEN_PENDING)
+{
+}
+
+WEFTListener::~WEFTListener()
+{
+    shutdown(-1);
+    delete m_pThread;
+    m_pThread = nullptr;
+    delete m_pTransport.exchange(nullptr);
+    m_pConnector = nullptr;
+}
+
+bool WEFTListener::listen(const std::string& host, unsigned short port, IWEFTConnector* connector)
+{
+    m_host = host;
+    m_port = port;
+    m_bRunning = true;
+    m_pConnector = connector;
+    start();
+    return true;
+}
+
+bool WEFTListener::start()
+{
+    if (m_pThread == nullptr)
+    {
+        m_pThread = new RunThread(this);
+    }
+    if (m_pThread->isRunning())
+    {
+        return false;
+    }
+    // A listener started again replaces the transport of its previous run;
+    // no thread uses that one any more.
+    delete m_pTransport.exchange(nullptr);
+    m_listenState = LISTEN_PENDING;
+    while (m_semListened.take(0) == tavo::TAKE_OK)
+    {
+    }
+    return m_pThread->start();
+}
+
+void WEFTListener::run()
+{
+    IWEFTTransport* transport = nullptr;
+    switch (m_eTransport)
+    {
+    case TRANSPORT_EUDP:
+        transport = new EUDPTransport();
+        break;
+    case TRANSPORT_TCP:
+        transport = new TCPTransport();
+        break;
+    default:
+        TAVO_ASSERT(false);
+    }
+    TAVO_ASSERT(m_pConnector);
+    m_pTransport = transport;
+    // Published before m_bRunning is looked at, so that a shutdown racing
+    // with this start either sees the transport and closes it or is seen here.
+    const bool bound = transport->listen(tavo::HostAddress(m_host), m_port);
+    m_listenState = bound ? LISTEN_BOUND : LISTEN_FAILED;
+    m_semListened.give();
+
+    for (;;)
+    {
+        if (!m_bRunning)
+        {
+            break;
+        }
+        IWEFTTransport* accepted = transport->accept();
+        if (!m_bRunning)
+        {
+            // Accepted while shutting down: released rather than handed over.
+            delete accepted;
+            break;
+        }
+        if (accepted == nullptr)
+        {
+            weftLog(2) << "WEFT: failed to accept incoming connection" << std::endl;
+            return;
+        }
+        WEFTConnection* connection = new WEFTConnection(accepted);
+        m_pConnector->onConnection(connection);
+        connection->start();
+        connection->updateStatus(CONN_STATUS_CONNECTED);
+    }
+    weftLog(4) << "WEFT: listener is shut down" << std::endl;
+}
+
+bool WEFTListener::shutdown(int timeout)
+{
+    if (m_pThread == nullptr)
+    {
+        return false;
+    }
+    return m_pThread->shutdown(timeout);
+}
+
+bool WEFTListener::shutdownCallback()
+{
+    m_bRunning = false;
+    if (IWEFTTransport* transport = m_pTransport.load())
+    {
+        transport->disconnect();
+    }
+    return true;
+}
+
+bool WEFTListener::waitForListen(unsigned int timeoutMs)
+{
+    if (m_listenState == LISTEN_PENDING)
+    {
+        m_semListened.take(timeoutMs);
+    }
+    return m_listenState == LISTEN_BOUND;
+}
+
+unsigned short WEFTListener::getLocalPort() const
+{
+    IWEFTTransport* transport = m_pTransport.load();
+    return transport != nullptr && m_listenState == LISTEN_BOUND ? transport->getLocalPort() : 0;
+}

@@ -1,0 +1,285 @@
+#include "support/QueueTransport.h"
+#include "support/Recorders.h"
+#include "support/WeftFixture.h"
+
+#include <weft/WEFTConnection.h>
+#include <weft/WEFTPacket.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+typedef QueueTransport::Bytes Bytes;
+
+// A connection whose transport is a queue: the receive loop runs on its own
+// thread exactly as over a network, while the test decides every byte.
+class WEFTConnectionTest : public WeftFixture
+{
+protected:
+    void SetUp() override
+    {
+        WeftFixture::SetUp();
+        m_transport = new QueueTransport();
+        m_connection = std::make_unique<WEFTConnection>(m_transport);
+    }
+
+    void TearDown() override
+    {
+        m_connection->disconnect();
+        m_connection.reset();
+        WeftFixture::TearDown();
+    }
+
+    void startAsServer()
+    {
+        m_connection->setServer(&m_server);
+        ASSERT_TRUE(m_connection->start());
+    }
+
+    void startAsClient()
+    {
+        ASSERT_TRUE(m_connection->connect("127.0.0.1", 1, &m_client));
+    }
+
+    EventLog m_events;
+    RecordingServer m_server{m_events};
+    RecordingClient m_client{m_events};
+    QueueTransport* m_transport = nullptr;
+    std::unique_ptr<WEFTConnection> m_connection;
+};
+
+TEST_F(WEFTConnectionTest, RequestsLeaveAsOneMessageEachByteForByte)
+{
+    ParameterList none;
+    ASSERT_TRUE(m_connection->subscribe("ab"));
+    ASSERT_TRUE(m_connection->unsubscribe("ab"));
+    ASSERT_TRUE(m_connection->trigger("t", ParameterValue(5)));
+    ASSERT_TRUE(m_connection->updateState("s", ParameterValue(true)));
+    ASSERT_TRUE(m_connection->callFunctionId("f", none));
+    const std::vector<Bytes> expected = {
+        {0x01, 0x53, 0x03, 0x00, 0x61, 0x62, 0x00},
+        {0x01, 0x58, 0x03, 0x00, 0x61, 0x62, 0x00},
+        {0x01, 0x54, 0x07, 0x00, 0x74, 0x00, 0x49, 0x05, 0x00, 0x00, 0x00},
+        {0x01, 0x55, 0x04, 0x00, 0x73, 0x00, 0x42, 0x01},
+        {0x01, 0x46, 0x03, 0x00, 0x66, 0x00, 0x00},
+    };
+    EXPECT_EQ(m_transport->sent(), expected);
+}
+
+TEST_F(WEFTConnectionTest, RefusedSendsReturnFalseWithTheirLineAtLevelFive)
+{
+    m_transport->refuseSends(true);
+    ParameterList none;
+    EXPECT_FALSE(m_connection->subscribe("a"));
+    EXPECT_FALSE(m_connection->unsubscribe("a"));
+    EXPECT_FALSE(m_connection->trigger("a", ParameterValue(1)));
+    EXPECT_FALSE(m_connection->updateState("a", ParameterValue(1)));
+    EXPECT_FALSE(m_connection->callFunctionId("a", none));
+    for (const char* line :
+         {"WEFT: failed to send subscribe cmd", "WEFT: failed to send unsubscribe cmd",
+          "WEFT: failed to send trigger", "WEFT: failed to send state update",
+          "WEFT: failed to send FID cmd"})
+    {
+        EXPECT_EQ(log().levelOf(line), 5) << line;
+    }
+}
+
+TEST_F(WEFTConnectionTest, ATriggerWhoseValueNoLongerFitsGoesOutWithItsNameOnly)
+{
+    const std::string name(1487, 'n');
+    EXPECT_TRUE(m_connection->trigger(name, ParameterValue(7)));
+    const auto sent = m_transport->sent();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].size(), 1492u);
+    EXPECT_EQ(sent[0][1491], 0x00);
+}
+
+TEST_F(WEFTConnectionTest, EachIncomingCommandReachesItsCallbackWithNameAndValue)
+{
+    m_connection->setServer(&m_server);
+    startAsClient();
+    m_transport->queue({0x01, 0x53, 0x03, 0x00, 'a', 'b', 0x00});
+    m_transport->queue({0x01, 0x58, 0x03, 0x00, 'a', 'b', 0x00});
+    m_transport->queue({0x01, 0x54, 0x07, 0x00, 't', 0x00, 0x49, 0x05, 0x00, 0x00, 0x00});
+    m_transport->queue({0x01, 0x55, 0x04, 0x00, 's', 0x00, 0x42, 0x01});
+    m_transport->queue({0x01, 0x46, 0x0E, 0x00, 'f', 0x00, 0x02, 'a', 0x00, 0x42, 0x00, 'x',
+                        0x00, 0x49, 0x05, 0x00, 0x00, 0x00});
+    ASSERT_TRUE(m_events.waitFor(7));
+    const std::vector<Event> expected = {
+        {"status", "client", "connected"}, {"status", "server", "connected"},
+        {"subscribe", "ab", ""},           {"unsubscribe", "ab", ""},
+        {"trigger", "t", "5"},             {"update", "s", "ON"},
+        {"call", "f", "a = OFF x = 5 "},
+    };
+    EXPECT_EQ(m_events.events(), expected);
+}
+
+TEST_F(WEFTConnectionTest, MessagesForAMissingClientOrServerAreLoggedAndTheLoopGoesOn)
+{
+    startAsServer();
+    m_connection->setServer(nullptr);
+    m_transport->queue({0x01, 0x53, 0x02, 0x00, 'x', 0x00});
+    m_transport->queue({0x01, 0x58, 0x02, 0x00, 'x', 0x00});
+    m_transport->queue({0x01, 0x46, 0x03, 0x00, 'f', 0x00, 0x00});
+    m_transport->queue({0x01, 0x54, 0x03, 0x00, 't', 0x00, 0x4E});
+    m_transport->queue({0x01, 0x55, 0x03, 0x00, 'u', 0x00, 0x4E});
+    ASSERT_TRUE(log().waitFor("WEFT: received unexpected update state cmd (no client available)",
+                              10s));
+    for (const char* line : {"WEFT: received unexpected subscribe cmd (no server available)",
+                             "WEFT: received unexpected unsubscribe cmd (no server available)",
+                             "WEFT: received unexpected FID cmd (no server available)",
+                             "WEFT: received unexpected trigger cmd (no client available)",
+                             "WEFT: received unexpected update state cmd (no client available)"})
+    {
+        EXPECT_EQ(log().levelOf(line), 3) << line;
+    }
+    m_connection->setServer(&m_server);
+    m_transport->queue({0x01, 0x53, 0x02, 0x00, 'y', 0x00});
+    ASSERT_TRUE(m_events.waitFor(1));
+    EXPECT_EQ(m_events.events().back(), (Event{"subscribe", "y", ""}));
+}
+
+TEST_F(WEFTConnectionTest, InvalidMessagesAreLoggedTwiceAndDroppedWithoutACallback)
+{
+    startAsServer();
+    m_transport->queue({0x02, 0x53, 0x02, 0x00, 'x', 0x00});
+    m_transport->queue({0x01, 0x53});
+    m_transport->queue({0x01, 0x53, 0x09, 0x00, 'x', 0x00});
+    m_transport->queue({0x01, 0x53, 0x02, 0x00, 'o', 0x00});
+    ASSERT_TRUE(m_events.waitFor(1));
+    EXPECT_EQ(m_events.events(), (std::vector<Event>{{"subscribe", "o", ""}}));
+    EXPECT_EQ(log().texts(),
+              (std::vector<std::string>{"WEFT: packet validation failed: wrong version",
+                                        "WEFT: discarding invalid packet",
+                                        "WEFT: packet validation failed: header too short",
+                                        "WEFT: discarding invalid packet",
+                                        "WEFT: packet validation failed: wrong packet size",
+                                        "WEFT: discarding invalid packet"}));
+}
+
+TEST_F(WEFTConnectionTest, UnknownCommandsAreDroppedSilently)
+{
+    startAsServer();
+    m_transport->queue({0x01, 'G', 0x02, 0x00, 'x', 0x00});
+    m_transport->queue({0x01, 0x90, 0x02, 0x00, 'x', 0x00});
+    m_transport->queue({0x01, 0x00, 0x00, 0x00});
+    m_transport->queue({0x01, 0x53, 0x02, 0x00, 'k', 0x00});
+    ASSERT_TRUE(m_events.waitFor(1));
+    EXPECT_EQ(m_events.events(), (std::vector<Event>{{"subscribe", "k", ""}}));
+    EXPECT_TRUE(log().texts().empty());
+}
+
+TEST_F(WEFTConnectionTest, TruncatedItemsStillReachTheCallbackAfterTheirLogLine)
+{
+    m_connection->setServer(&m_server);
+    startAsClient();
+    m_transport->queue({0x01, 0x53, 0x00, 0x00});
+    m_transport->queue({0x01, 0x54, 0x02, 0x00, 't', 0x00});
+    m_transport->queue({0x01, 0x46, 0x03, 0x00, 'f', 0x00, 0x01});
+    ASSERT_TRUE(m_events.waitFor(5));
+    const auto events = m_events.events();
+    EXPECT_EQ(events[2], (Event{"subscribe", "", ""}));
+    EXPECT_EQ(events[3], (Event{"trigger", "t", "INV"}));
+    EXPECT_EQ(events[3].type, PARAM_TYPE_NONE);
+    EXPECT_EQ(events[4], (Event{"call", "f", ""}));
+    EXPECT_EQ(log().levelOf("WEFT: unterminated string in packet"), 2);
+    EXPECT_EQ(log().levelOf("WEFT: failed to parse parameter value"), 2);
+    EXPECT_EQ(log().levelOf("WEFT: failed to parse parameter list"), 2);
+}
+
+TEST_F(WEFTConnectionTest, TheEndOfTheTransportReportsDisconnectedClientFirst)
+{
+    m_connection->setServer(&m_server);
+    startAsClient();
+    m_transport->disconnect();
+    ASSERT_TRUE(m_events.waitFor(4));
+    const auto events = m_events.events();
+    EXPECT_EQ(events[2], (Event{"status", "client", "disconnected"}));
+    EXPECT_EQ(events[3], (Event{"status", "server", "disconnected"}));
+}
+
+TEST_F(WEFTConnectionTest, ForwardsModesWindowAndAddressesToItsTransport)
+{
+    EXPECT_EQ(m_connection->getPeerAddress(), "10.0.0.7");
+    EXPECT_EQ(m_connection->getPeerPort(), 4242);
+    EXPECT_EQ(m_connection->getLocalPort(), 2424);
+    EXPECT_FALSE(m_connection->setWindowSize(5));
+    EXPECT_FALSE(m_connection->setSendMode(CONN_MODE_RELIABLE));
+}
+
+TEST_F(WEFTConnectionTest, ACallbackMayAnswerOnTheSameConnection)
+{
+    m_server.onSubscribeHook = [this](const std::string& name) {
+        m_connection->updateState(name, ParameterValue(42));
+    };
+    startAsServer();
+    m_transport->queue({0x01, 0x53, 0x02, 0x00, 'v', 0x00});
+    ASSERT_TRUE(m_events.waitFor(1));
+    ASSERT_TRUE(eventually([&] { return m_transport->sent().size() == 1; }, 10s));
+    EXPECT_EQ(m_transport->sent()[0],
+              (Bytes{0x01, 0x55, 0x07, 0x00, 'v', 0x00, 0x49, 0x2A, 0x00, 0x00, 0x00}));
+}
+
+TEST(WEFTConnectionStandaloneTest, ANullTransportGivesEmptyAddressesAndZeroPorts)
+{
+    weftInit();
+    {
+        WEFTConnection connection(static_cast<IWEFTTransport*>(nullptr));
+        EXPECT_EQ(connection.getPeerAddress(), "");
+        EXPECT_EQ(connection.getPeerPort(), 0);
+        EXPECT_EQ(connection.getLocalPort(), 0);
+    }
+    weftDeinit();
+}
+
+TEST(WEFTConnectionStandaloneTest, UpdateStatusWithNeitherCallbackDoesNothing)
+{
+    weftInit();
+    {
+        WEFTConnection connection(new QueueTransport());
+        connection.updateStatus(CONN_STATUS_CONNECTED);
+    }
+    weftDeinit();
+}
+
+TEST(WEFTConnectionDeathTest, AnUnknownTransportKindStopsAtTheAssertion)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            weftInit();
+            WEFTConnection connection(static_cast<ETransport>(7));
+        },
+        "false");
+}
+
+TEST(WEFTConnectionDeathTest, DisconnectFromItsOwnCallbackStopsTheProcessInsteadOfHanging)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            weftInit();
+            EventLog events;
+            RecordingServer server(events);
+            auto* transport = new QueueTransport();
+            WEFTConnection connection(transport);
+            server.onSubscribeHook = [&](const std::string&) { connection.disconnect(); };
+            connection.setServer(&server);
+            connection.start();
+            transport->queue({0x01, 0x53, 0x02, 0x00, 'x', 0x00});
+            tavo::Thread::mssleep(10000);
+        },
+        "shutdown called from the thread itself");
+}
+
+TEST(WEFTConnectionDeathTest, ConstructingBeforeInitStopsAtTheAssertion)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(WEFTConnection connection(TRANSPORT_TCP), "s_pInstance");
+}
+
+} // namespace
