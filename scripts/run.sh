@@ -4,4 +4,4 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 bash "$root/scripts/setup.sh"
 bash "$root/scripts/build.sh" normal "$root/build/normal"
-"$root/build/normal/examples/example_tcp_pair"
+"$root/build/normal/examples/example_hello_weft"
