@@ -158,9 +158,11 @@ void EUDPTransport::closeSocket()
 
 void EUDPTransport::wakeWaiters()
 {
-    // The sender sees m_closed and ends; a sendData waiting for room and a
-    // receiveData waiting for a packet wake and report the end.
+    // The sender sees m_closed and ends, at once even from its wait for an
+    // acknowledgement; a sendData waiting for room and a receiveData waiting
+    // for a packet wake and report the end.
     m_semSendWork.give();
+    m_semAck.give();
     m_semSendSpace.give();
     m_semReceived.give();
 }
