@@ -53,3 +53,15 @@ constexpr unsigned int EUDP_CONNECT_TIMEOUT_MS = 5000;
 constexpr unsigned int EUDP_NEGOTIATION_TIMEOUT_MS = 10000;
 // Silence after which a reliable sender goes back and repeats, in milliseconds.
 constexpr unsigned int EUDP_RETRANSMIT_TIMEOUT_MS = 500;
+
+// ---- the weft command-line tool ----
+// Port that weft serve listens on and weft connect dials when none is given;
+// TCP and UDP ports are separate, so one number serves both transports.
+constexpr unsigned short WEFT_TOOL_DEFAULT_PORT = 7420;
+// How long weft serve waits for its listener to bind before it gives up:
+// binding happens at once on the listener thread, so this only covers a
+// loaded machine.
+constexpr unsigned int WEFT_TOOL_LISTEN_WAIT_MS = 5000;
+// How long weft demo waits for each callback; loopback answers in
+// milliseconds, and the EUDP mode requests carry their own 10 s limit.
+constexpr unsigned int WEFT_TOOL_DEMO_STEP_MS = 5000;

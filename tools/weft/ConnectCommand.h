@@ -1,0 +1,41 @@
+#pragma once
+
+// weft connect: a client that subscribes, calls functions, and prints every
+// trigger and state update it receives.
+
+#include <weft/ConnStatus.h>
+#include <weft/IWEFTTransport.h>
+
+#include <string>
+#include <vector>
+
+namespace CLI
+{
+class App;
+}
+
+namespace weftcli
+{
+
+struct ConnectOptions
+{
+    std::string target;
+    ETransport transport = TRANSPORT_TCP;
+    std::vector<std::string> subscribe;
+    // Each --call: the function's name, then NAME=VALUE parameters.
+    std::vector<std::vector<std::string>> calls;
+    // CONN_MODE_DONT_CARE: not asked for.
+    EConnMode sendMode = CONN_MODE_DONT_CARE;
+    EConnMode receiveMode = CONN_MODE_DONT_CARE;
+    unsigned int window = 0; // 0: leave the window as it is
+    int count = 0;           // 0: no limit
+    double timeout = 0;      // seconds; 0: none
+    bool json = false;
+};
+
+CLI::App* addConnectCommand(CLI::App& app, ConnectOptions& options);
+// What is wrong with a parsed set of options; empty when nothing is.
+std::string checkConnectOptions(const ConnectOptions& options);
+int runConnect(const ConnectOptions& options);
+
+} // namespace weftcli

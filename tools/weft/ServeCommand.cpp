@@ -1,0 +1,438 @@
+#include "ServeCommand.h"
+
+#include "Choice.h"
+#include "Common.h"
+#include "Input.h"
+#include "Printer.h"
+#include "Signals.h"
+#include "ValueSyntax.h"
+
+#include <weft/Constants.h>
+#include <weft/IWEFTConnector.h>
+#include <weft/IWEFTServer.h>
+#include <weft/WEFTConnection.h>
+#include <weft/WEFTListener.h>
+
+#include <CLI/CLI.hpp>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <vector>
+
+namespace weftcli
+{
+
+namespace
+{
+
+const char* const COMMAND = "weft serve";
+
+const char* const COMMANDS_HELP = R"(commands on stdin (one per line; quote words with spaces):
+  update NAME VALUE            store VALUE as NAME's state and send it to NAME's subscribers
+  trigger NAME VALUE           send a trigger to NAME's subscribers
+  broadcast update NAME VALUE  the same, to every connected client, subscribed or not
+  broadcast trigger NAME VALUE
+  clients                      list the connected clients and their subscriptions
+  help                         this list
+  quit                         disconnect everyone and stop)";
+
+void allowed(EAllowModes modes, bool& realtime, bool& reliable)
+{
+    realtime = modes != ALLOW_RELIABLE;
+    reliable = modes != ALLOW_REALTIME;
+}
+
+class Server;
+
+// One accepted connection and what its client subscribed to.
+class Session : public IWEFTServer
+{
+public:
+    Session(Server& server, int id, WEFTConnection* connection)
+        : m_server(server), m_id(id), m_connection(connection)
+    {
+    }
+
+    void onSubscribe(const std::string& name) override;
+    void onUnsubscribe(const std::string& name) override;
+    void onCallFunctionId(const std::string& name, const ParameterList& params) override;
+    void onStatus(EConnStatus status) override;
+
+    Server& m_server;
+    const int m_id;
+    const std::unique_ptr<WEFTConnection> m_connection;
+    const std::string m_peer =
+        m_connection->getPeerAddress() + ":" + std::to_string(m_connection->getPeerPort());
+    // Guarded by the server's mutex.
+    std::set<std::string> m_subscriptions;
+    std::atomic<bool> m_closed{false};
+};
+
+class Server : public IWEFTConnector
+{
+public:
+    Server(const ServeOptions& options, Printer& printer) : m_options(options), m_printer(printer)
+    {
+    }
+
+    void onConnection(WEFTConnection* connection) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto session = std::make_unique<Session>(*this, ++m_lastId, connection);
+        connection->setServer(session.get());
+        // Before the connection starts, so the client's first request meets
+        // the restriction.
+        if (m_options.allowSend != ALLOW_BOTH || m_options.allowReceive != ALLOW_BOTH)
+        {
+            bool realtime = true;
+            bool reliable = true;
+            allowed(m_options.allowSend, realtime, reliable);
+            connection->allowSendMode(realtime, reliable);
+            allowed(m_options.allowReceive, realtime, reliable);
+            connection->allowReceiveMode(realtime, reliable);
+        }
+        m_printer.event("client " + std::to_string(session->m_id) + " connected from " +
+                            session->m_peer,
+                        JsonObject()
+                            .addString("event", "connected")
+                            .addInt("client", session->m_id)
+                            .addString("peer", session->m_peer));
+        m_sessions.push_back(std::move(session));
+    }
+
+    // Answers with the item's value when there is one. Sends happen under the
+    // lock, so a subscriber never gets an older value after a newer one.
+    void subscribe(Session& session, const std::string& name)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        session.m_subscriptions.insert(name);
+        JsonObject json;
+        json.addString("event", "subscribe").addInt("client", session.m_id).addString("name", name);
+        std::string text = prefix(session) + "subscribe " + quoted(name);
+        const auto value = m_values.find(name);
+        if (value != m_values.end())
+        {
+            const bool sent = session.m_connection->updateState(name, value->second);
+            json.addBool("answered", sent).addTypedValue(value->second);
+            text += sent ? " (answered with " + valueText(value->second) + ")"
+                         : " (could not send its value)";
+        }
+        m_printer.event(text, json);
+    }
+
+    void unsubscribe(Session& session, const std::string& name)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        session.m_subscriptions.erase(name);
+        m_printer.event(prefix(session) + "unsubscribe " + quoted(name),
+                        JsonObject()
+                            .addString("event", "unsubscribe")
+                            .addInt("client", session.m_id)
+                            .addString("name", name));
+    }
+
+    void call(Session& session, const std::string& name, const ParameterList& params)
+    {
+        const std::string list = listText(params);
+        m_printer.event(prefix(session) + "call " + quoted(name) + (list.empty() ? "" : " ") + list,
+                        JsonObject()
+                            .addString("event", "call")
+                            .addInt("client", session.m_id)
+                            .addString("name", name)
+                            .addRaw("params", jsonList(params)));
+    }
+
+    void disconnected(Session& session)
+    {
+        session.m_closed = true;
+        m_printer.event(
+            prefix(session) + "disconnected",
+            JsonObject().addString("event", "disconnected").addInt("client", session.m_id));
+        Wakeup::instance().notify(WAKE_DISCONNECTED);
+    }
+
+    // Sends to the subscribers of `name`, or to everyone; an update is kept
+    // as the item's value.
+    void push(bool trigger, bool broadcast, const std::string& name, const ParameterValue& value)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!trigger)
+        {
+            m_values.insert_or_assign(name, value);
+        }
+        int sent = 0;
+        for (const auto& session : m_sessions)
+        {
+            if (session->m_closed || (!broadcast && session->m_subscriptions.count(name) == 0))
+            {
+                continue;
+            }
+            const bool ok = trigger ? session->m_connection->trigger(name, value)
+                                    : session->m_connection->updateState(name, value);
+            sent += ok ? 1 : 0;
+        }
+        const char* kind = trigger ? "trigger" : "update";
+        m_printer.event(std::string(kind) + " " + quoted(name) + " " + valueText(value) +
+                            " sent to " + std::to_string(sent) +
+                            (sent == 1 ? " client" : " clients"),
+                        JsonObject()
+                            .addString("event", kind)
+                            .addString("name", name)
+                            .addTypedValue(value)
+                            .addInt("clients", sent)
+                            .addBool("broadcast", broadcast));
+    }
+
+    void listClients()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (const auto& session : m_sessions)
+        {
+            std::string names;
+            std::string json = "[";
+            for (const std::string& name : session->m_subscriptions)
+            {
+                names += " " + quoted(name);
+                json += (json.size() > 1 ? "," : "") + jsonString(name);
+            }
+            m_printer.event(prefix(*session) + session->m_peer + " subscribed to" +
+                                (names.empty() ? " nothing" : names),
+                            JsonObject()
+                                .addString("event", "client")
+                                .addInt("client", session->m_id)
+                                .addString("peer", session->m_peer)
+                                .addRaw("subscriptions", json + "]"));
+        }
+        m_printer.event(std::to_string(m_sessions.size()) + " connected",
+                        JsonObject()
+                            .addString("event", "clients")
+                            .addInt("count", static_cast<long long>(m_sessions.size())));
+    }
+
+    // Disconnects and releases ended sessions (all of them with `all`); a
+    // receive thread cannot end its own connection, so the main thread does.
+    void release(bool all)
+    {
+        std::vector<std::unique_ptr<Session>> ended;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            for (auto it = m_sessions.begin(); it != m_sessions.end();)
+            {
+                if (all || (*it)->m_closed)
+                {
+                    ended.push_back(std::move(*it));
+                    it = m_sessions.erase(it);
+                }
+                else
+                {
+                    ++it;
+                }
+            }
+        }
+        // Outside the lock: disconnect waits for the receive thread, whose
+        // callbacks take the lock.
+        for (auto& session : ended)
+        {
+            session->m_connection->disconnect();
+        }
+    }
+
+private:
+    static std::string prefix(const Session& session)
+    {
+        return "client " + std::to_string(session.m_id) + " ";
+    }
+
+    const ServeOptions& m_options;
+    Printer& m_printer;
+    std::mutex m_mutex;
+    int m_lastId = 0;
+    std::vector<std::unique_ptr<Session>> m_sessions;
+    std::map<std::string, ParameterValue> m_values;
+};
+
+void Session::onSubscribe(const std::string& name)
+{
+    m_server.subscribe(*this, name);
+}
+
+void Session::onUnsubscribe(const std::string& name)
+{
+    m_server.unsubscribe(*this, name);
+}
+
+void Session::onCallFunctionId(const std::string& name, const ParameterList& params)
+{
+    m_server.call(*this, name, params);
+}
+
+void Session::onStatus(EConnStatus status)
+{
+    // The connection was announced in onConnection.
+    if (status == CONN_STATUS_DISCONNECTED)
+    {
+        m_server.disconnected(*this);
+    }
+}
+
+// Runs one stdin command; false when it asks to stop.
+bool runCommand(Server& server, Printer& printer, const std::string& line)
+{
+    std::vector<std::string> words;
+    std::string error;
+    if (!splitWords(line, words, error))
+    {
+        printer.error(COMMAND, error);
+        return true;
+    }
+    if (words.empty())
+    {
+        return true;
+    }
+    const bool broadcast = words[0] == "broadcast";
+    if (broadcast)
+    {
+        words.erase(words.begin());
+    }
+    const std::string verb = words.empty() ? "" : words[0];
+    if (verb == "update" || verb == "trigger")
+    {
+        ParameterValue value;
+        if (words.size() != 3)
+        {
+            printer.error(COMMAND, "expected: " + std::string(broadcast ? "broadcast " : "") +
+                                       verb + " NAME VALUE (quote a value with spaces)");
+        }
+        else if (!parseValue(words[2], value, error))
+        {
+            printer.error(COMMAND, error);
+        }
+        else
+        {
+            server.push(verb == "trigger", broadcast, words[1], value);
+        }
+        return true;
+    }
+    if (!broadcast && verb == "clients")
+    {
+        server.listClients();
+        return true;
+    }
+    if (!broadcast && verb == "help")
+    {
+        printer.line(COMMANDS_HELP);
+        return true;
+    }
+    if (!broadcast && verb == "quit")
+    {
+        return false;
+    }
+    printer.error(COMMAND, "unknown command '" + line + "' (try: help)");
+    return true;
+}
+
+} // namespace
+
+CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
+{
+    CLI::App* serve = app.add_subcommand(
+        "serve", "Run a server that prints every connection and request, keeps the last value "
+                 "of each item and pushes values typed on stdin.");
+    addChoice<ETransport>(*serve, "-t,--transport", options.transport,
+                          {{"tcp", TRANSPORT_TCP}, {"eudp", TRANSPORT_EUDP}}, "transport")
+        ->default_str("tcp");
+    serve->add_option("-H,--host", options.host, "address to listen on")->capture_default_str();
+    options.port = WEFT_TOOL_DEFAULT_PORT;
+    serve->add_option("-p,--port", options.port, "port to listen on; 0 picks a free one")
+        ->capture_default_str();
+    const std::vector<std::pair<std::string, EAllowModes>> modes{
+        {"realtime", ALLOW_REALTIME}, {"reliable", ALLOW_RELIABLE}, {"both", ALLOW_BOTH}};
+    addChoice(*serve, "--allow-send", options.allowSend, modes,
+              "EUDP: the modes a client may ask this server to send in")
+        ->default_str("both");
+    addChoice(*serve, "--allow-receive", options.allowReceive, modes,
+              "EUDP: the modes a client may ask this server to receive in")
+        ->default_str("both");
+    serve->add_flag("--json", options.json, "print one JSON object per event (JSON Lines)");
+    serve->footer(std::string(COMMANDS_HELP) + R"(
+
+The first line says where the server listens: "listening on tcp 0.0.0.0:7420"
+(with --json: {"event":"listening",...}). Values are typed (i:5 f:0.5 b:on
+s:text n:) or inferred (42, 0.5, on/off/true/false, anything else a string).
+The server runs on after the end of stdin; Ctrl-C or SIGTERM stops it.
+
+examples:
+  weft serve --port 7420
+  weft serve --transport eudp --host 127.0.0.1 --port 0 --json
+  weft serve -t eudp --allow-send realtime     # refuse reliable sending
+  printf 'update level 0.5\n' | weft serve     # preset a value)");
+    return serve;
+}
+
+std::string checkServeOptions(const ServeOptions& options)
+{
+    if ((options.allowSend != ALLOW_BOTH || options.allowReceive != ALLOW_BOTH) &&
+        options.transport != TRANSPORT_EUDP)
+    {
+        return "--allow-send and --allow-receive apply to --transport eudp only";
+    }
+    return "";
+}
+
+int runServe(const ServeOptions& options)
+{
+    Printer printer(options.json);
+    if (!Wakeup::instance().open())
+    {
+        printer.error(COMMAND, "cannot create the wake-up pipe");
+        return EXIT_FAILED;
+    }
+    Server server(options, printer);
+    WEFTListener listener(options.transport);
+    listener.listen(options.host, options.port, &server);
+    if (!listener.waitForListen(WEFT_TOOL_LISTEN_WAIT_MS))
+    {
+        printer.error(COMMAND, std::string("cannot listen on ") + transportName(options.transport) +
+                                   " " + options.host + ":" + std::to_string(options.port) +
+                                   " (port in use, or no such local address)");
+        listener.shutdown(-1);
+        return EXIT_FAILED;
+    }
+    const unsigned short port = listener.getLocalPort();
+    printer.event(std::string("listening on ") + transportName(options.transport) + " " +
+                      options.host + ":" + std::to_string(port),
+                  JsonObject()
+                      .addString("event", "listening")
+                      .addString("transport", transportName(options.transport))
+                      .addString("host", options.host)
+                      .addInt("port", port));
+
+    InputLoop input(Wakeup::instance(), InputLoop::stdinUsable());
+    for (bool running = true; running;)
+    {
+        const InputEvent event = input.next(std::nullopt);
+        switch (event.kind)
+        {
+        case InputEvent::INPUT_LINE:
+            running = runCommand(server, printer, event.text);
+            break;
+        case InputEvent::INPUT_WAKE:
+            server.release(false);
+            running = event.text.find(WAKE_SIGNAL) == std::string::npos;
+            break;
+        case InputEvent::INPUT_END:
+        case InputEvent::INPUT_TIMEOUT:
+            break;
+        }
+    }
+    // No new connection after this; then every client is told.
+    listener.shutdown(-1);
+    server.release(true);
+    printer.event("stopped", JsonObject().addString("event", "stopped"));
+    return EXIT_OK;
+}
+
+} // namespace weftcli

@@ -1,0 +1,42 @@
+#pragma once
+
+// weft serve: a server that shows every connection and request, keeps the
+// last value of each item and pushes values typed on stdin.
+
+#include <weft/ConnStatus.h>
+
+#include <string>
+
+namespace CLI
+{
+class App;
+}
+
+namespace weftcli
+{
+
+enum EAllowModes
+{
+    ALLOW_REALTIME,
+    ALLOW_RELIABLE,
+    ALLOW_BOTH,
+};
+
+struct ServeOptions
+{
+    ETransport transport = TRANSPORT_TCP;
+    std::string host = "0.0.0.0";
+    unsigned short port = 0;
+    EAllowModes allowSend = ALLOW_BOTH;
+    EAllowModes allowReceive = ALLOW_BOTH;
+    bool json = false;
+};
+
+// Adds the subcommand and its options to the tool.
+CLI::App* addServeCommand(CLI::App& app, ServeOptions& options);
+// What is wrong with a parsed set of options; empty when nothing is.
+std::string checkServeOptions(const ServeOptions& options);
+// Runs until quit, end of a signal, or a failure to listen; the exit code.
+int runServe(const ServeOptions& options);
+
+} // namespace weftcli

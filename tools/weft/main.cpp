@@ -1,0 +1,132 @@
+// weft: use and debug weft connections from a shell.
+#include "Common.h"
+#include "ConnectCommand.h"
+#include "DemoCommand.h"
+#include "ServeCommand.h"
+
+#include <weft/Init.h>
+
+#include <tavo/LogManager.h>
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+
+namespace
+{
+
+using namespace weftcli;
+
+struct Verbosity
+{
+    int more = 0;
+    int less = 0;
+
+    // Library log lines up to this level reach stderr.
+    int level() const
+    {
+        return std::clamp(tavo::LogManager::DEFAULT_MAX_LEVEL + more - less,
+                          static_cast<int>(tavo::LOG_LEVEL_OFF),
+                          static_cast<int>(tavo::LOG_LEVEL_TRACE));
+    }
+};
+
+void addVerbosity(CLI::App& app, Verbosity& verbosity)
+{
+    app.add_flag("-v,--verbose", verbosity.more,
+                 "more library log lines on stderr (repeatable; default: errors and dropped "
+                 "messages)");
+    app.add_flag("-q,--quiet", verbosity.less, "fewer library log lines (-qqq: none)");
+}
+
+int usageError(CLI::App& app, CLI::App* command, const std::string& message)
+{
+    const std::string name = command != nullptr ? "weft " + command->get_name() : "weft";
+    std::fprintf(stderr, "%s: %s\n\n%s", name.c_str(), message.c_str(),
+                 (command != nullptr ? command : &app)->help().c_str());
+    return EXIT_USAGE;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app("weft: serve, connect to and demonstrate weft connections over TCP or EUDP.",
+                 "weft");
+    app.set_version_flag("--version", "weft " WEFT_TOOL_VERSION);
+    app.require_subcommand(1, 1);
+    app.footer(R"(Run 'weft COMMAND --help' for a command's options.
+
+examples:
+  weft demo                                      # a conversation on both transports
+  weft serve --port 7420                         # then type: update level 0.5
+  weft connect localhost:7420 --subscribe level
+  echo 'call play clip=intro loop=on' | weft connect localhost)");
+    Verbosity verbosity;
+    ServeOptions serveOptions;
+    ConnectOptions connectOptions;
+    DemoOptions demoOptions;
+    CLI::App* serve = addServeCommand(app, serveOptions);
+    CLI::App* connect = addConnectCommand(app, connectOptions);
+    CLI::App* demo = addDemoCommand(app, demoOptions);
+    for (CLI::App* command : {serve, connect, demo})
+    {
+        addVerbosity(*command, verbosity);
+    }
+
+    try
+    {
+        app.parse(argc, argv);
+    }
+    catch (const CLI::CallForHelp&)
+    {
+        CLI::App* command = app.get_subcommands().empty() ? &app : app.get_subcommands().back();
+        std::printf("%s", command->help().c_str());
+        return EXIT_OK;
+    }
+    catch (const CLI::CallForVersion&)
+    {
+        std::printf("weft %s\n", WEFT_TOOL_VERSION);
+        return EXIT_OK;
+    }
+    catch (const CLI::ParseError& error)
+    {
+        return usageError(app,
+                          app.get_subcommands().empty() ? nullptr : app.get_subcommands().back(),
+                          error.what());
+    }
+
+    std::string problem;
+    if (serve->parsed())
+    {
+        problem = checkServeOptions(serveOptions);
+    }
+    else if (connect->parsed())
+    {
+        problem = checkConnectOptions(connectOptions);
+    }
+    if (!problem.empty())
+    {
+        return usageError(app, serve->parsed() ? serve : connect, problem);
+    }
+
+    weftInit();
+    tavo::LogManager::getInstance()->setMaxLevel(verbosity.level());
+    int result = EXIT_OK;
+    if (serve->parsed())
+    {
+        result = runServe(serveOptions);
+    }
+    else if (connect->parsed())
+    {
+        result = runConnect(connectOptions);
+    }
+    else
+    {
+        result = runDemo(demoOptions);
+    }
+    weftDeinit();
+    return result;
+}
