@@ -16,7 +16,9 @@
 #include <atomic>
 #include <charconv>
 #include <chrono>
+#include <climits>
 #include <cmath>
+#include <cstdlib>
 #include <map>
 
 namespace weftcli
@@ -370,11 +372,17 @@ CLI::App* addConnectCommand(CLI::App& app, ConnectOptions& options)
                      "EUDP: how many messages the server may have in flight")
         ->check(CLI::Range(1u, EUDP_RING_CAPACITY - 1));
     connect->add_option("-n,--count", options.count, "exit 0 after N triggers and updates")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(1, INT_MAX));
     connect
         ->add_option("--timeout", options.timeout,
                      "stop after S seconds (exit 3 if --count was not reached)")
-        ->check(CLI::PositiveNumber);
+        ->type_name("S")
+        ->check(CLI::Validator(
+            [](std::string& text) {
+                return std::strtod(text.c_str(), nullptr) > 0 ? std::string()
+                                                              : "the time must be more than 0";
+            },
+            ""));
     connect->add_flag("--json", options.json, "print one JSON object per event (JSON Lines)");
     connect->footer(std::string(COMMANDS_HELP) + R"(
 

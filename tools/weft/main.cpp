@@ -76,6 +76,14 @@ examples:
         addVerbosity(*command, verbosity);
     }
 
+    // CLI11 would only say that a command is missing.
+    const auto isCommand = [&](const char* word)
+    { return serve->check_name(word) || connect->check_name(word) || demo->check_name(word); };
+    if (argc > 1 && argv[1][0] != '-' && !isCommand(argv[1]))
+    {
+        return usageError(app, nullptr,
+                          "unknown command '" + std::string(argv[1]) + "' (serve, connect, demo)");
+    }
     try
     {
         app.parse(argc, argv);

@@ -1,0 +1,255 @@
+// The weft tool's value syntax, command-line splitting and JSON text.
+#include "Json.h"
+#include "ValueSyntax.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <charconv>
+#include <cmath>
+#include <limits>
+
+using namespace weftcli;
+
+namespace
+{
+
+struct ValueCase
+{
+    const char* text;
+    const char* type;  // typeName of the result
+    const char* shown; // getAsString of the result
+};
+
+TEST(WeftToolValueTest, TypedAndInferredValuesGetTheirKindAndTextForm)
+{
+    const ValueCase cases[] = {
+        {"42", "int", "42"},
+        {"-17", "int", "-17"},
+        {"+5", "int", "5"},
+        {"007", "int", "7"},
+        {"2147483647", "int", "2147483647"},
+        {"i:-2147483648", "int", "-2147483648"},
+        {"0.5", "float", "0.5"},
+        {".5", "float", "0.5"},
+        {"5.", "float", "5"},
+        {"1e6", "float", "1e+06"},
+        {"-2.5E-3", "float", "-0.0025"},
+        {"f:5", "float", "5"},
+        {"f:+0.25", "float", "0.25"},
+        {"on", "bool", "ON"},
+        {"OFF", "bool", "OFF"},
+        {"True", "bool", "ON"},
+        {"b:yes", "bool", "ON"},
+        {"b:0", "bool", "OFF"},
+        {"s:42", "string", "42"},
+        {"s:i:5", "string", "i:5"},
+        {"s:", "string", ""},
+        {"", "string", ""},
+        {"n:", "empty", "INV"},
+        {"studio A", "string", "studio A"},
+        {"1.2.3", "string", "1.2.3"},
+        {"1e", "string", "1e"},
+        {"-", "string", "-"},
+        {"inf", "string", "inf"},
+        {"yes", "string", "yes"},
+        {"x:y", "string", "x:y"},
+        {"http://host", "string", "http://host"},
+    };
+    for (const ValueCase& c : cases)
+    {
+        ParameterValue value;
+        std::string error;
+        ASSERT_TRUE(parseValue(c.text, value, error)) << c.text << ": " << error;
+        EXPECT_STREQ(typeName(value), c.type) << c.text;
+        EXPECT_EQ(value.getAsString(), c.shown) << c.text;
+    }
+    ParameterValue infinite;
+    std::string error;
+    ASSERT_TRUE(parseValue("f:-inf", infinite, error));
+    float real = 0.0f;
+    ASSERT_TRUE(infinite.getFloatValue(real));
+    EXPECT_TRUE(std::isinf(real) && real < 0) << real;
+}
+
+TEST(WeftToolValueTest, ValuesThatDoNotFitTheirKindAreRefusedWithAReason)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"2147483648", "does not fit a 32-bit integer"},
+        {"-2147483649", "does not fit a 32-bit integer"},
+        {"i:abc", "i: 'abc' is not a whole number"},
+        {"i:1.5", "i: '1.5' is not a whole number"},
+        {"i:", "i: '' is not a whole number"},
+        {"f:abc", "f: 'abc' is not a number"},
+        {"f:1e40", "out of range for a 32-bit float"},
+        {"1e40", "out of range for a 32-bit float"},
+        {"f:++1", "is not a number"},
+        {"b:maybe", "is not on/off"},
+        {"n:x", "n: stands for the empty value"},
+    };
+    for (const auto& [text, reason] : cases)
+    {
+        ParameterValue value(7);
+        std::string error;
+        EXPECT_FALSE(parseValue(text, value, error)) << text;
+        EXPECT_NE(error.find(reason), std::string::npos) << text << ": " << error;
+        EXPECT_STREQ(typeName(value), "int") << text << " changed the value";
+    }
+}
+
+TEST(WeftToolValueTest, CallParametersKeepTheirTypesAndRefuseWhatAListCannotHold)
+{
+    ParameterList list;
+    std::string error;
+    ASSERT_TRUE(parseParameters(
+        {"loop=on", "clip=intro", "gain=f:0.5", "count=3", "eq=a=b", "count=4"}, list, error))
+        << error;
+    const auto entries = listEntries(list);
+    ASSERT_EQ(entries.size(), 5u);
+    const std::pair<const char*, const char*> expected[] = {{"clip", "string"},
+                                                            {"count", "int"},
+                                                            {"eq", "string"},
+                                                            {"gain", "float"},
+                                                            {"loop", "bool"}};
+    for (std::size_t i = 0; i < entries.size(); ++i)
+    {
+        EXPECT_EQ(entries[i].first, expected[i].first);
+        EXPECT_STREQ(typeName(entries[i].second), expected[i].second) << entries[i].first;
+    }
+    EXPECT_EQ(listText(list), "clip=intro count=4 eq=a=b gain=0.5 loop=ON");
+
+    for (const char* bad : {"novalue", "=5", "x=n:", "x=i:y"})
+    {
+        ParameterList other;
+        EXPECT_FALSE(parseParameters({bad}, other, error)) << bad;
+    }
+    EXPECT_EQ(error, "parameter x: i: 'y' is not a whole number");
+}
+
+TEST(WeftToolValueTest, CommandLinesSplitAtBlanksWithQuotesAndEscapes)
+{
+    const std::pair<const char*, std::vector<std::string>> cases[] = {
+        {"update level 0.5", {"update", "level", "0.5"}},
+        {"  update\tname  \"studio A\"  ", {"update", "name", "studio A"}},
+        {R"(say "a \"quoted\" \\ word\n")", {"say", "a \"quoted\" \\ word\n"}},
+        {"say 'no \\escapes \"here\"'", {"say", "no \\escapes \"here\""}},
+        {"a\"b c\"d e\\ f", {"ab cd", "e f"}},
+        {"set x \"\"", {"set", "x", ""}},
+        {"# a comment", {}},
+        {"call f x=1 # not a comment here",
+         {"call", "f", "x=1", "#", "not", "a", "comment", "here"}},
+        {"", {}},
+    };
+    for (const auto& [line, words] : cases)
+    {
+        std::vector<std::string> split;
+        std::string error;
+        ASSERT_TRUE(splitWords(line, split, error)) << line << ": " << error;
+        EXPECT_EQ(split, words) << line;
+    }
+    for (const char* bad : {"update \"open", "update 'open", "a \"b\\\""})
+    {
+        std::vector<std::string> split;
+        std::string error;
+        EXPECT_FALSE(splitWords(bad, split, error)) << bad;
+        EXPECT_NE(error.find("unterminated"), std::string::npos) << error;
+    }
+}
+
+TEST(WeftToolValueTest, HostAndPortSplitWithTheGivenPortAsDefault)
+{
+    std::string host;
+    unsigned short port = 7420;
+    std::string error;
+    ASSERT_TRUE(parseHostPort("studio", host, port, error));
+    EXPECT_EQ(host, "studio");
+    EXPECT_EQ(port, 7420);
+    ASSERT_TRUE(parseHostPort("127.0.0.1:65535", host, port, error));
+    EXPECT_EQ(host, "127.0.0.1");
+    EXPECT_EQ(port, 65535);
+    for (const char* bad : {":80", "", "h:0", "h:65536", "h:x", "h:", "h:80x"})
+    {
+        EXPECT_FALSE(parseHostPort(bad, host, port, error)) << bad;
+    }
+}
+
+TEST(WeftToolValueTest, JsonStringsEscapeControlsAndReplaceInvalidUtf8)
+{
+    const std::pair<std::string, std::string> cases[] = {
+        {"plain", "\"plain\""},
+        {"a\"b\\c", R"("a\"b\\c")"},
+        {"\n\r\t\b\f", R"("\n\r\t\b\f")"},
+        {std::string("\x01\x1f\x7f", 3), "\"\\u0001\\u001f\x7f\""},
+        {std::string("nul\0in", 6), R"("nul\u0000in")"},
+        {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80",
+         "\"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80\""},
+        {"\xff", R"("\ufffd")"},
+        {"\xc3", R"("\ufffd")"},
+        {"\xc3(", R"("\ufffd(")"},
+        {"\xc0\xaf", R"("\ufffd\ufffd")"},
+        {"\xe0\x80\xaf", R"("\ufffd\ufffd\ufffd")"},
+        {"\xed\xa0\x80", R"("\ufffd\ufffd\ufffd")"},
+        {"\xf4\x90\x80\x80", R"("\ufffd\ufffd\ufffd\ufffd")"},
+        {"\xe2\x82", R"("\ufffd\ufffd")"},
+    };
+    for (const auto& [text, json] : cases)
+    {
+        EXPECT_EQ(jsonString(text), json) << text;
+    }
+}
+
+TEST(WeftToolValueTest, JsonFloatsAreShortestRoundTripsAndAlwaysLookLikeFloats)
+{
+    EXPECT_EQ(jsonFloat(1.0f), "1.0");
+    EXPECT_EQ(jsonFloat(0.1f), "0.1");
+    EXPECT_EQ(jsonFloat(1000000.0f), "1e+06");
+    EXPECT_EQ(jsonFloat(-0.0f), "-0.0");
+    EXPECT_EQ(jsonFloat(std::numeric_limits<float>::infinity()), "null");
+    EXPECT_EQ(jsonFloat(std::numeric_limits<float>::quiet_NaN()), "null");
+    for (const float value :
+         {FLT_MIN, FLT_MAX, -FLT_MAX, FLT_TRUE_MIN, 16777217.0f, 3.14159265f, 1e-7f, 123456.789f})
+    {
+        const std::string text = jsonFloat(value);
+        float back = 0.0f;
+        const auto result = std::from_chars(text.data(), text.data() + text.size(), back);
+        EXPECT_EQ(result.ptr, text.data() + text.size()) << text;
+        EXPECT_EQ(back, value) << text;
+    }
+}
+
+TEST(WeftToolValueTest, JsonEventsCarryValuesWithTheirJsonTypes)
+{
+    EXPECT_EQ(jsonValue(ParameterValue(-17)), "-17");
+    EXPECT_EQ(jsonValue(ParameterValue(false)), "false");
+    EXPECT_EQ(jsonValue(ParameterValue("on")), "\"on\"");
+    EXPECT_EQ(jsonValue(ParameterValue()), "null");
+
+    ParameterList list;
+    list.addString("clip", "a\"b");
+    list.addFloat("gain", 2.0f);
+    list.addBoolean("loop", true);
+    EXPECT_EQ(jsonList(list), R"({"clip":"a\"b","gain":2.0,"loop":true})");
+    EXPECT_EQ(jsonList(ParameterList()), "{}");
+
+    const std::string event = JsonObject()
+                                  .addString("event", "update")
+                                  .addString("name", "lev\nel")
+                                  .addTypedValue(ParameterValue(0.5f))
+                                  .addInt("clients", 2)
+                                  .addBool("broadcast", false)
+                                  .addRaw("params", jsonList(list))
+                                  .str();
+    EXPECT_EQ(event,
+              R"({"event":"update","name":"lev\nel","type":"float","value":0.5,)"
+              R"("clients":2,"broadcast":false,"params":{"clip":"a\"b","gain":2.0,"loop":true}})");
+}
+
+TEST(WeftToolValueTest, PrintedTextKeepsOneEventOnOneLine)
+{
+    EXPECT_EQ(quoted("level"), "\"level\"");
+    EXPECT_EQ(quoted("a\"b\\c\nd\x01"), R"("a\"b\\c\nd\x01")");
+    EXPECT_EQ(valueText(ParameterValue("two\nlines \"q\"")), R"(two\nlines "q")");
+    EXPECT_EQ(valueText(ParameterValue(1000000.0f)), "1e+06");
+}
+
+} // namespace

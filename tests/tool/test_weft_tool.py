@@ -1,0 +1,348 @@
+#!/usr/bin/env python3
+"""Process tests of the weft tool: real `weft serve` and `weft connect`
+processes talking over loopback, and `weft demo`.
+
+Run: test_weft_tool.py --weft PATH/TO/weft [unittest arguments]
+Every wait is on an output line or an exit, with a time limit."""
+
+import json
+import os
+import selectors
+import signal
+import socket
+import subprocess
+import sys
+import time
+import unittest
+
+WEFT = None
+# Generous, so that sanitizer builds pass too; a passing run never waits this long.
+WAIT = 30.0
+
+
+class Proc:
+    """A running weft process whose stdout lines and stderr are collected."""
+
+    def __init__(self, *args, stdin=True):
+        self.args = [WEFT, *args]
+        self.proc = subprocess.Popen(self.args, stdin=subprocess.PIPE if stdin else subprocess.DEVNULL,
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.selector = selectors.DefaultSelector()
+        self.partial = {}
+        for stream in (self.proc.stdout, self.proc.stderr):
+            os.set_blocking(stream.fileno(), False)
+            self.selector.register(stream, selectors.EVENT_READ)
+            self.partial[stream] = b""
+        self.lines = []
+        self.err = ""
+        self.seen = 0  # lines before this index were matched already
+
+    def _pump(self, timeout):
+        for key, _ in self.selector.select(timeout):
+            data = os.read(key.fileobj.fileno(), 65536)
+            if not data:
+                self.selector.unregister(key.fileobj)
+            if key.fileobj is self.proc.stderr:
+                self.err += data.decode(errors="replace")
+                continue
+            text = self.partial[key.fileobj] + data
+            *complete, self.partial[key.fileobj] = text.split(b"\n")
+            self.lines += [line.decode() for line in complete]
+
+    def transcript(self):
+        return "%s\n--- stdout:\n%s\n--- stderr:\n%s" % (" ".join(self.args), "\n".join(self.lines),
+                                                         self.err)
+
+    def line(self, match, timeout=WAIT):
+        """The next unmatched stdout line that contains `match` (or satisfies it)."""
+        deadline = time.monotonic() + timeout
+        while True:
+            for i in range(self.seen, len(self.lines)):
+                line = self.lines[i]
+                if (match(line) if callable(match) else match in line):
+                    self.seen = i + 1
+                    return line
+            left = deadline - time.monotonic()
+            if left <= 0 or not self.selector.get_map():
+                raise AssertionError("no line matching %r\n%s" % (match, self.transcript()))
+            self._pump(left)
+
+    def event(self, kind, /, timeout=WAIT, **fields):
+        """The next JSON event of that kind whose fields hold the given values."""
+        def matches(line):
+            event = json.loads(line)
+            return event.get("event") == kind and all(event.get(k) == v for k, v in fields.items())
+        return json.loads(self.line(matches, timeout))
+
+    def send(self, text):
+        self.proc.stdin.write((text + "\n").encode())
+        self.proc.stdin.flush()
+
+    def close_stdin(self):
+        self.proc.stdin.close()
+
+    def wait(self, timeout=WAIT):
+        """The exit status, once the process has ended and its output is read."""
+        deadline = time.monotonic() + timeout
+        while self.selector.get_map() and time.monotonic() < deadline:
+            self._pump(deadline - time.monotonic())
+        try:
+            return self.proc.wait(max(0.0, deadline - time.monotonic()))
+        except subprocess.TimeoutExpired:
+            raise AssertionError("still running after %.0f s\n%s" % (timeout, self.transcript()))
+
+    def stop(self):
+        if self.proc.poll() is None:
+            self.proc.kill()
+        self.proc.wait()
+        for stream in (self.proc.stdin, self.proc.stdout, self.proc.stderr):
+            if stream:
+                stream.close()
+
+
+class ToolTest(unittest.TestCase):
+    def start(self, *args, stdin=True):
+        proc = Proc(*args, stdin=stdin)
+        self.addCleanup(proc.stop)
+        return proc
+
+    def serve(self, transport, *extra):
+        """A server on a free loopback port, and that port."""
+        server = self.start("serve", "-t", transport, "--host", "127.0.0.1", "--port", "0", "--json",
+                            *extra)
+        return server, server.event("listening", transport=transport)["port"]
+
+    def free_port(self, kind):
+        with socket.socket(socket.AF_INET, kind) as s:
+            s.bind(("127.0.0.1", 0))
+            return s.getsockname()[1]
+
+
+class Conversation:
+    """The same stories on both transports."""
+    TRANSPORT = None
+
+    def test_json_events_carry_requests_values_and_parameters_with_their_types(self):
+        server, port = self.serve(self.TRANSPORT)
+        server.send("update level 0.5")
+        self.assertEqual(server.event("update", name="level")["clients"], 0)
+        client = self.start("connect", "127.0.0.1:%d" % port, "-t", self.TRANSPORT, "--json",
+                            "-s", "level", "--call", "play", "clip=intro", "count=3", "gain=f:0.25",
+                            "loop=on", "note=s:\"quoted\"\n")
+        self.assertEqual(client.event("connected")["port"], port)
+        # A subscriber first gets the item's current value.
+        self.assertEqual(server.event("subscribe", name="level")["answered"], True)
+        update = client.event("update", name="level")
+        self.assertEqual((update["type"], update["value"]), ("float", 0.5))
+        params = server.event("call", name="play")["params"]
+        self.assertEqual(params, {"clip": "intro", "count": 3, "gain": 0.25, "loop": True,
+                                  "note": "\"quoted\"\n"})
+        self.assertIs(type(params["count"]), int)
+        self.assertIs(type(params["gain"]), float)
+
+        for command, kind, value in (("update level i:-7", "update", -7),
+                                     ("trigger level 'studio A'", "trigger", "studio A"),
+                                     ("trigger level b:off", "trigger", False),
+                                     ("update level n:", "update", None)):
+            server.send(command)
+            self.assertEqual(server.event(kind, name="level")["clients"], 1, command)
+            self.assertEqual(client.event(kind, name="level")["value"], value, command)
+        # Only subscribers get a push; a broadcast reaches every client.
+        server.send("trigger other 1")
+        self.assertEqual(server.event("trigger", name="other")["clients"], 0)
+        server.send("broadcast trigger other 1.0")
+        self.assertEqual(server.event("trigger", name="other")["broadcast"], True)
+        self.assertEqual(client.event("trigger", name="other")["value"], 1.0)
+
+        server.send("frobnicate")
+        client.send("unsub level")
+        server.event("unsubscribe", name="level")
+        client.close_stdin()
+        self.assertEqual(client.event("disconnected")["lost"], False)
+        self.assertEqual(client.wait(), 0, client.transcript())
+        server.event("disconnected", client=1)
+        self.assertIn("unknown command 'frobnicate'", server.err)
+
+    def test_text_output_shows_pushes_and_calls_and_count_ends_the_client(self):
+        server, port = self.serve(self.TRANSPORT)
+        client = self.start("connect", "127.0.0.1:%d" % port, "-t", self.TRANSPORT, "-s", "level",
+                            "-n", "2")
+        server.event("subscribe", name="level")
+        client.send('call play clip="take two" count=3')
+        self.assertEqual(server.event("call")["params"], {"clip": "take two", "count": 3})
+        for command in ("update level 1e6", "trigger level on", "update level 3"):
+            server.send(command)
+        client.line('update "level" 1e+06')
+        client.line('trigger "level" ON')
+        self.assertEqual(client.wait(), 0, client.transcript())
+        self.assertFalse(any('"level" 3' in line for line in client.lines), client.transcript())
+        self.assertIn('call "play" clip=take two count=3', client.lines)
+
+
+class TcpConversationTest(Conversation, ToolTest):
+    TRANSPORT = "tcp"
+
+
+class EudpConversationTest(Conversation, ToolTest):
+    TRANSPORT = "eudp"
+
+
+class EudpModeTest(ToolTest):
+    def test_reliable_modes_and_a_window_are_agreed_before_subscribing(self):
+        server, port = self.serve("eudp")
+        client = self.start("connect", "127.0.0.1:%d" % port, "-t", "eudp", "--json",
+                            "--send-mode", "reliable", "--receive-mode", "reliable",
+                            "--window", "20", "-s", "level", "-n", "1")
+        self.assertEqual(client.event("mode", direction="send")["mode"], "reliable")
+        self.assertEqual(client.event("mode", direction="receive")["mode"], "reliable")
+        self.assertEqual(client.event("window")["size"], 20)
+        server.event("subscribe", name="level")
+        server.send("update level 5")
+        self.assertEqual(client.event("update")["value"], 5)
+        self.assertEqual(client.wait(), 0, client.transcript())
+
+    def test_a_mode_the_server_does_not_allow_fails_the_client_after_the_negotiation_time(self):
+        server, port = self.serve("eudp", "--allow-send", "realtime")
+        started = time.monotonic()
+        client = self.start("connect", "127.0.0.1:%d" % port, "-t", "eudp", "--send-mode",
+                            "reliable", "-s", "never")
+        self.assertEqual(client.wait(), 1, client.transcript())
+        self.assertGreater(time.monotonic() - started, 9.0)
+        self.assertIn("did not agree to send mode reliable", client.err)
+        self.assertFalse(any("never" in line for line in server.lines), server.transcript())
+
+
+class ConnectFailureTest(ToolTest):
+    def test_tcp_client_where_nothing_listens_exits_1_at_once(self):
+        port = self.free_port(socket.SOCK_STREAM)
+        client = self.start("connect", "127.0.0.1:%d" % port, stdin=False)
+        self.assertEqual(client.wait(timeout=5), 1, client.transcript())
+        self.assertIn("cannot connect to 127.0.0.1:%d over tcp" % port, client.err)
+
+    def test_eudp_client_where_nothing_listens_exits_1_after_the_connect_time(self):
+        port = self.free_port(socket.SOCK_DGRAM)
+        started = time.monotonic()
+        client = self.start("connect", "127.0.0.1:%d" % port, "-t", "eudp", stdin=False)
+        self.assertEqual(client.wait(), 1, client.transcript())
+        self.assertGreater(time.monotonic() - started, 4.5)
+        self.assertIn("no answer from 127.0.0.1:%d over eudp within 5 s" % port, client.err)
+
+    def test_a_second_server_on_a_taken_port_says_so_and_exits_1(self):
+        for transport in ("tcp", "eudp"):
+            _, port = self.serve(transport)
+            second = self.start("serve", "-t", transport, "--host", "127.0.0.1", "--port", str(port))
+            self.assertEqual(second.wait(), 1, second.transcript())
+            self.assertIn("cannot listen on %s 127.0.0.1:%d" % (transport, port), second.err)
+
+
+class ServerLoss:
+    TRANSPORT = None
+    # EUDP notices a dead peer through its keep-alive, after about 10 s.
+    LIMIT = None
+
+    def test_killing_the_server_makes_the_client_report_the_loss_and_exit_1(self):
+        server, port = self.serve(self.TRANSPORT)
+        client = self.start("connect", "127.0.0.1:%d" % port, "-t", self.TRANSPORT, "-s", "x")
+        server.event("subscribe", name="x")
+        started = time.monotonic()
+        server.proc.kill()
+        client.line("disconnected: the connection to 127.0.0.1:%d was lost" % port,
+                    timeout=self.LIMIT)
+        self.assertEqual(client.wait(timeout=5), 1, client.transcript())
+        self.assertLess(time.monotonic() - started, self.LIMIT)
+        self.assertIn("was lost", client.err)
+
+
+class ServerLossTcpTest(ServerLoss, ToolTest):
+    TRANSPORT = "tcp"
+    LIMIT = 5.0
+
+
+class ServerLossEudpTest(ServerLoss, ToolTest):
+    TRANSPORT = "eudp"
+    LIMIT = 30.0
+
+
+class SignalTest(ToolTest):
+    def test_sigterm_stops_the_server_which_disconnects_its_clients(self):
+        server, port = self.serve("tcp")
+        client = self.start("connect", "127.0.0.1:%d" % port, "-s", "x")
+        server.event("subscribe", name="x")
+        server.proc.send_signal(signal.SIGTERM)
+        self.assertEqual(server.wait(timeout=5), 0, server.transcript())
+        server.event("stopped")
+        self.assertEqual(client.wait(timeout=5), 1, client.transcript())
+
+    def test_sigterm_and_ctrl_c_stop_a_client_cleanly_on_both_transports(self):
+        for transport, sig in (("tcp", signal.SIGTERM), ("eudp", signal.SIGINT)):
+            server, port = self.serve(transport)
+            client = self.start("connect", "127.0.0.1:%d" % port, "-t", transport, "-s", "x")
+            server.event("subscribe", name="x")
+            client.proc.send_signal(sig)
+            self.assertEqual(client.wait(timeout=5), 0, client.transcript())
+            self.assertEqual(client.lines[-1], "disconnected", client.transcript())
+            # The server hears the client go at once: EOF on TCP, DIS on EUDP.
+            server.event("disconnected", client=1, timeout=5)
+
+
+class UsageTest(ToolTest):
+    def test_bad_arguments_exit_2_with_a_message_and_the_usage(self):
+        cases = [
+            ([], "A subcommand is required"),
+            (["bogus"], "bogus"),
+            (["connect"], "target is required"),
+            (["connect", "h:0"], "'0' is not a port"),
+            (["connect", "h", "-t", "udp"], "'udp' is not one of tcp|eudp"),
+            (["connect", "h", "--window", "5"], "apply to --transport eudp only"),
+            (["connect", "h", "--count", "0"], "--count"),
+            (["connect", "h", "--call", "f", "x"], "'x' is not NAME=VALUE"),
+            (["connect", "h", "--call", "f", "n=i:1.5"], "'1.5' is not a whole number"),
+            (["serve", "--allow-send", "reliable"], "apply to --transport eudp only"),
+            (["serve", "--port", "70000"], "--port"),
+            (["demo", "--transport", "udp"], "'udp' is not one of tcp|eudp|both"),
+        ]
+        for args, message in cases:
+            proc = self.start(*args, stdin=False)
+            self.assertEqual(proc.wait(), 2, proc.transcript())
+            self.assertIn(message, proc.err, args)
+            self.assertIn("Usage:", proc.err, args)
+
+    def test_every_command_has_help_with_examples(self):
+        for args in (["--help"], ["serve", "--help"], ["connect", "--help"], ["demo", "-h"]):
+            proc = self.start(*args, stdin=False)
+            self.assertEqual(proc.wait(), 0, proc.transcript())
+            self.assertIn("examples:", "\n".join(proc.lines), args)
+
+
+class DemoTest(ToolTest):
+    def test_demo_shows_every_step_on_both_transports_and_exits_0(self):
+        demo = self.start("demo", stdin=False)
+        self.assertEqual(demo.wait(), 0, demo.transcript())
+        text = "\n".join(demo.lines)
+        sections = text.split("=== EUDP")
+        self.assertEqual(len(sections), 2, text)
+        common = ['client -> server  subscribe "level"', 'server: onSubscribe("level")',
+                  'client: onUpdateState("level", 42)  [int]',
+                  'client: onUpdateState("level", 0.75)  [float]',
+                  'client: onUpdateState("studio", studio A)  [string]',
+                  'client: onTrigger("studio", ON)  [bool]',
+                  'client: onTrigger("studio", INV)  [empty]',
+                  'server: onCallFunctionId("play", {clip=intro count=3 gain=0.75 loop=ON})',
+                  'server: onUnsubscribe("studio")', "client: onStatus(CONNECTED)",
+                  "server: onStatus(CONNECTED)", "client: onStatus(DISCONNECTED)",
+                  "server: onStatus(DISCONNECTED)"]
+        for section in sections:
+            for step in common:
+                self.assertIn(step, section)
+        for step in ("client: setSendMode -> agreed", "client: setReceiveMode -> agreed",
+                     "client: setWindowSize -> agreed", 'server: onCallFunctionId("stop", {})'):
+            self.assertIn(step, sections[1])
+            self.assertNotIn(step, sections[0])
+        self.assertEqual(demo.lines[-1], "demo finished: every step was seen")
+
+
+if __name__ == "__main__":
+    if len(sys.argv) < 3 or sys.argv[1] != "--weft":
+        sys.exit("usage: test_weft_tool.py --weft PATH [unittest arguments]")
+    WEFT = sys.argv[2]
+    unittest.main(argv=[sys.argv[0]] + sys.argv[3:])
