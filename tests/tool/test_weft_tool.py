@@ -92,12 +92,23 @@ class Proc:
             raise AssertionError("still running after %.0f s\n%s" % (timeout, self.transcript()))
 
     def stop(self):
+        """Ends the process the way a user would (SIGTERM) so that sanitizer
+        builds check the shutdown too; then the output must hold no report."""
         if self.proc.poll() is None:
-            self.proc.kill()
+            self.proc.terminate()
+            try:
+                self.wait(timeout=10)
+            except AssertionError:
+                self.proc.kill()
         self.proc.wait()
+        while self.selector.get_map():
+            self._pump(1.0)
         for stream in (self.proc.stdin, self.proc.stdout, self.proc.stderr):
             if stream:
                 stream.close()
+        for report in ("Sanitizer", "runtime error:"):
+            if report in self.err:
+                raise AssertionError("sanitizer report\n" + self.transcript())
 
 
 class ToolTest(unittest.TestCase):

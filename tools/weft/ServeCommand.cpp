@@ -15,7 +15,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -68,7 +67,10 @@ public:
         m_connection->getPeerAddress() + ":" + std::to_string(m_connection->getPeerPort());
     // Guarded by the server's mutex.
     std::set<std::string> m_subscriptions;
-    std::atomic<bool> m_closed{false};
+    // The listener has reported the connection up (it does not touch it
+    // after that) and the connection has ended: only then may it go.
+    bool m_started = false;
+    bool m_closed = false;
 };
 
 class Server : public IWEFTConnector
@@ -145,13 +147,27 @@ public:
                             .addRaw("params", jsonList(params)));
     }
 
-    void disconnected(Session& session)
+    // CONNECTED comes from the listener's thread (the connection was
+    // announced in onConnection), DISCONNECTED from the connection's, in
+    // either order when a client leaves at once.
+    void status(Session& session, EConnStatus status)
     {
-        session.m_closed = true;
-        m_printer.event(
-            prefix(session) + "disconnected",
-            JsonObject().addString("event", "disconnected").addInt("client", session.m_id));
-        Wakeup::instance().notify(WAKE_DISCONNECTED);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (status == CONN_STATUS_CONNECTED)
+        {
+            session.m_started = true;
+        }
+        else
+        {
+            session.m_closed = true;
+            m_printer.event(
+                prefix(session) + "disconnected",
+                JsonObject().addString("event", "disconnected").addInt("client", session.m_id));
+        }
+        if (session.m_started && session.m_closed)
+        {
+            Wakeup::instance().notify(WAKE_DISCONNECTED);
+        }
     }
 
     // Sends to the subscribers of `name`, or to everyone; an update is kept
@@ -221,7 +237,7 @@ public:
             std::lock_guard<std::mutex> lock(m_mutex);
             for (auto it = m_sessions.begin(); it != m_sessions.end();)
             {
-                if (all || (*it)->m_closed)
+                if (all || ((*it)->m_started && (*it)->m_closed))
                 {
                     ended.push_back(std::move(*it));
                     it = m_sessions.erase(it);
@@ -271,11 +287,7 @@ void Session::onCallFunctionId(const std::string& name, const ParameterList& par
 
 void Session::onStatus(EConnStatus status)
 {
-    // The connection was announced in onConnection.
-    if (status == CONN_STATUS_DISCONNECTED)
-    {
-        m_server.disconnected(*this);
-    }
+    m_server.status(*this, status);
 }
 
 // Runs one stdin command; false when it asks to stop.
