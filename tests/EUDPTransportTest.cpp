@@ -522,6 +522,8 @@ TEST_F(EUDPTransportTest, ModeAndWindowRequestsAreAnsweredRefusedOrAskedWithoutS
     // Answers nobody waits for; a new request must not take them for its own.
     raw.send(m_serverPort, packet("WAK", 99));
     raw.send(m_serverPort, packet("MAK", modes("DTDT")));
+    raw.send(m_serverPort, packet("WIN", 10));
+    ASSERT_EQ(raw.answer(), packet("WAK", 10)); // both are in before the requests
     auto window = std::async(std::launch::async, [&] { return server->setWindowSize(25); });
     EXPECT_EQ(raw.answer(), packet("WIN", 25));
     raw.send(m_serverPort, packet("WAK", 30));
