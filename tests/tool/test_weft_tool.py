@@ -35,7 +35,7 @@ class Proc:
             self.partial[stream] = b""
         self.lines = []
         self.err = ""
-        self.seen = 0  # lines before this index were matched already
+        self.used = set()  # indices of lines matched already
 
     def _pump(self, timeout):
         for key, _ in self.selector.select(timeout):
@@ -54,13 +54,13 @@ class Proc:
                                                          self.err)
 
     def line(self, match, timeout=WAIT):
-        """The next unmatched stdout line that contains `match` (or satisfies it)."""
+        """The first stdout line not matched before that contains `match` (or
+        satisfies it); lines of other processes' threads may come in any order."""
         deadline = time.monotonic() + timeout
         while True:
-            for i in range(self.seen, len(self.lines)):
-                line = self.lines[i]
-                if (match(line) if callable(match) else match in line):
-                    self.seen = i + 1
+            for i, line in enumerate(self.lines):
+                if i not in self.used and (match(line) if callable(match) else match in line):
+                    self.used.add(i)
                     return line
             left = deadline - time.monotonic()
             if left <= 0 or not self.selector.get_map():
@@ -184,19 +184,51 @@ class Conversation:
         self.assertIn("unknown command 'frobnicate'", server.err)
 
     def test_text_output_shows_pushes_and_calls_and_count_ends_the_client(self):
-        server, port = self.serve(self.TRANSPORT)
+        server = self.start("serve", "-t", self.TRANSPORT, "--host", "127.0.0.1", "--port", "0")
+        first = server.line("listening on %s 127.0.0.1:" % self.TRANSPORT)
+        self.assertEqual(server.lines[0], first)
+        port = int(first.rsplit(":", 1)[1])
         client = self.start("connect", "127.0.0.1:%d" % port, "-t", self.TRANSPORT, "-s", "level",
                             "-n", "2")
-        server.event("subscribe", name="level")
+        server.line('client 1 subscribe "level"')
         client.send('call play clip="take two" count=3')
-        self.assertEqual(server.event("call")["params"], {"clip": "take two", "count": 3})
+        server.line('client 1 call "play" clip=take two count=3')
         for command in ("update level 1e6", "trigger level on", "update level 3"):
             server.send(command)
+        server.line('update "level" 1e+06 sent to 1 client')
         client.line('update "level" 1e+06')
         client.line('trigger "level" ON')
         self.assertEqual(client.wait(), 0, client.transcript())
         self.assertFalse(any('"level" 3' in line for line in client.lines), client.transcript())
         self.assertIn('call "play" clip=take two count=3', client.lines)
+        server.send("update level i:x")
+        server.error("i: 'x' is not a whole number")
+
+    def test_pushes_reach_only_subscribers_and_broadcasts_reach_everyone(self):
+        server, port = self.serve(self.TRANSPORT)
+        clients = []
+        for number, item in ((1, "a"), (2, "b")):
+            clients.append(self.start("connect", "127.0.0.1:%d" % port, "-t", self.TRANSPORT,
+                                      "--json", "-s", item))
+            server.event("subscribe", client=number, name=item)
+        server.send("clients")
+        listed = [server.event("client", client=n)["subscriptions"] for n in (1, 2)]
+        self.assertEqual(listed, [["a"], ["b"]])
+        self.assertEqual(server.event("clients")["count"], 2)
+        server.send("update b s:for-b")
+        self.assertEqual(server.event("update", name="b")["clients"], 1)
+        self.assertEqual(clients[1].event("update", name="b")["value"], "for-b")
+        server.send("broadcast update all 2")
+        self.assertEqual(server.event("update", name="all")["clients"], 2)
+        for client in clients:
+            self.assertEqual(client.event("update", name="all")["value"], 2)
+        # The first client never saw the item it did not subscribe to.
+        self.assertFalse(any('"for-b"' in line for line in clients[0].lines),
+                         clients[0].transcript())
+        clients[0].close_stdin()
+        server.event("disconnected", client=1)
+        server.send("broadcast trigger all off")
+        self.assertEqual(server.event("trigger", name="all")["clients"], 1)
 
 
 class TcpConversationTest(Conversation, ToolTest):
@@ -260,6 +292,39 @@ class ConnectFailureTest(ToolTest):
             second = self.start("serve", "-t", transport, "--host", "127.0.0.1", "--port", str(port))
             self.assertEqual(second.wait(), 1, second.transcript())
             self.assertIn("cannot listen on %s 127.0.0.1:%d" % (transport, port), second.err)
+
+
+class ClientLimitsTest(ToolTest):
+    def test_timeout_before_the_count_exits_3_and_a_plain_timeout_exits_0(self):
+        server, port = self.serve("tcp")
+        waiting = self.start("connect", "127.0.0.1:%d" % port, "-s", "x", "-n", "2",
+                             "--timeout", "1", stdin=False)
+        watching = self.start("connect", "127.0.0.1:%d" % port, "-s", "x", "--timeout", "1",
+                              stdin=False)
+        for client in (1, 2):
+            server.event("subscribe", client=client)
+        server.send("update x 1")
+        waiting.line('update "x" 1')
+        self.assertEqual(waiting.wait(), 3, waiting.transcript())
+        self.assertIn("timed out after 1 of 2 messages", waiting.err)
+        self.assertEqual(watching.wait(), 0, watching.transcript())
+
+    def test_verbosity_chooses_which_library_log_lines_reach_stderr(self):
+        # The listener's shut-down notice is level 4: shown with -v only.
+        for flags, shown in (([], False), (["-v"], True)):
+            server = self.start("serve", "--host", "127.0.0.1", "--port", "0", *flags)
+            server.line("listening on")
+            server.proc.send_signal(signal.SIGTERM)
+            self.assertEqual(server.wait(), 0, server.transcript())
+            self.assertEqual("WEFT: listener is shut down" in server.err, shown, flags)
+        # A failed EUDP connect logs at level 2: hidden by -qq.
+        port = self.free_port(socket.SOCK_DGRAM)
+        loud, quiet = (self.start("connect", "127.0.0.1:%d" % port, "-t", "eudp", *flags,
+                                  stdin=False) for flags in ([], ["-qq"]))
+        for client, shown in ((loud, True), (quiet, False)):
+            self.assertEqual(client.wait(), 1, client.transcript())
+            self.assertEqual("failed to connect" in client.err, shown, client.transcript())
+            self.assertIn("no answer from", client.err)
 
 
 class ServerLoss:
