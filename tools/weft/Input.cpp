@@ -62,7 +62,8 @@ InputEvent InputLoop::next(const Deadline& deadline)
             m_endReported = true;
             return {InputEvent::INPUT_END, ""};
         }
-        if (count == 2 && ready > 0 && (fds[1].revents & (POLLIN | POLLHUP | POLLERR)) != 0)
+        if (count == 2 && ready > 0 &&
+            (fds[1].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0)
         {
             m_stdinOpen = readStdin();
             continue;
