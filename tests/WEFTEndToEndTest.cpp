@@ -149,7 +149,8 @@ TEST_P(WEFTEndToEndTest, ManyClientThreadsOnTheirOwnConnectionsLoseNothing)
     {
         connections.push_back(connectClient(&client));
     }
-    ASSERT_TRUE(m_connector.waitForConnections(clients));
+    // Each accepted connection logs its hand-over and its connected status.
+    ASSERT_TRUE(m_serverEvents.waitFor(2 * clients));
     // Reliable delivery from the clients to the server on EUDP.
     if (GetParam() == TRANSPORT_EUDP)
     {
