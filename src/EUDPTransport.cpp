@@ -290,6 +290,7 @@ IWEFTTransport* EUDPTransport::accept()
         (static_cast<std::int64_t>(static_cast<std::int32_t>(first)) + 1) % EUDP_SEQ_RANGE;
     accepted->m_expectedSeq = ModuloValue(static_cast<int>(expected), EUDP_SEQ_RANGE);
     // Sent from the new transport's own socket: the connection gets its own port.
+    accepted->m_modeRequestsHeld = m_holdModeRequests.load();
     accepted->sendPacket(EUDP_ACK, first);
     accepted->m_receiver.start();
     accepted->m_sender.start();
@@ -786,8 +787,19 @@ void EUDPTransport::receiverThread()
             handleData(packet);
             break;
         case EUDP_MOD:
-            handleModeRequest(packet);
+        {
+            std::lock_guard<std::mutex> hold(m_modeHoldMutex);
+            if (m_modeRequestsHeld)
+            {
+                // Answered once the application has set its policy; only the
+                // newest request matters, an older one has been given up.
+                m_heldModeRequest = arg;
+                m_hasHeldModeRequest = true;
+                break;
+            }
+            handleModeRequest(arg);
             break;
+        }
         case EUDP_MAK:
             m_modeAnswer = arg;
             m_semModeAck.give();
@@ -859,10 +871,27 @@ void EUDPTransport::handleData(const EUDPPacket& packet)
     }
 }
 
-void EUDPTransport::handleModeRequest(const EUDPPacket& packet)
+void EUDPTransport::holdModeRequests(bool hold)
 {
-    const uint8 askedSend = packet.getArgByte(0);
-    const uint8 askedReceive = packet.getArgByte(2);
+    m_holdModeRequests = hold;
+}
+
+void EUDPTransport::releaseModeRequests()
+{
+    std::lock_guard<std::mutex> hold(m_modeHoldMutex);
+    m_modeRequestsHeld = false;
+    if (m_hasHeldModeRequest)
+    {
+        m_hasHeldModeRequest = false;
+        handleModeRequest(m_heldModeRequest);
+    }
+}
+
+void EUDPTransport::handleModeRequest(uint arg)
+{
+    // Byte 0 of the argument is the first on the wire: the low byte.
+    const uint8 askedSend = static_cast<uint8>(arg & 0xFFu);
+    const uint8 askedReceive = static_cast<uint8>((arg >> 16) & 0xFFu);
     EConnMode send = CONN_MODE_REALTIME;
     if (!pickMode(askedSend, m_allowSendRealtime, m_allowSendReliable, m_sendMode, send))
     {

@@ -114,6 +114,12 @@ bool WEFTConnection::start()
     {
         m_pThread = new RunThreadC(this);
     }
+    // An accepted EUDP connection held its client's mode requests until the
+    // application had its say in onConnection; that is over now.
+    if (EUDPTransport* eudp = dynamic_cast<EUDPTransport*>(m_pTransport))
+    {
+        eudp->releaseModeRequests();
+    }
     return m_pThread->start();
 }
 

@@ -94,8 +94,14 @@ void WEFTListener::run()
     switch (m_eTransport)
     {
     case TRANSPORT_EUDP:
-        transport = new EUDPTransport();
+    {
+        EUDPTransport* eudp = new EUDPTransport();
+        // Mode requests of an accepted client wait until onConnection has set
+        // the connection's policy and the connection is started.
+        eudp->holdModeRequests(true);
+        transport = eudp;
         break;
+    }
     case TRANSPORT_TCP:
         transport = new TCPTransport();
         break;

@@ -5,6 +5,7 @@
 #include <weft/WEFTListener.h>
 
 #include <tavo/TcpSocket.h>
+#include <tavo/Thread.h>
 
 #include <gtest/gtest.h>
 
@@ -328,6 +329,65 @@ TEST_F(WEFTListenerTest, ARawPeerSendingInvalidMessagesGetsItsLinesAndStaysConne
     EXPECT_EQ(events.events().back(), (Event{"status", "server0", "disconnected"}));
     listener.shutdown(-1);
     connector.closeAll();
+}
+
+} // namespace
+
+namespace
+{
+
+// A server's mode policy set in onConnection holds even for a client that asks
+// at once, before onConnection has run.
+class EUDPModePolicyTest : public WeftFixture
+{
+protected:
+    void SetUp() override
+    {
+        WeftFixture::SetUp();
+        m_connector.prepare = [](WEFTConnection& connection, RecordingServer&) {
+            // A slow onConnection: the client's request is long there by now.
+            tavo::Thread::mssleep(300);
+            connection.allowSendMode(true, false);
+        };
+        m_listener = std::make_unique<WEFTListener>(TRANSPORT_EUDP);
+        m_listener->listen("127.0.0.1", 0, &m_connector);
+        ASSERT_TRUE(m_listener->waitForListen(10000));
+    }
+
+    void TearDown() override
+    {
+        m_listener->shutdown(-1);
+        m_connector.closeAll();
+        m_listener.reset();
+        WeftFixture::TearDown();
+    }
+
+    EventLog m_events;
+    CollectingConnector m_connector{m_events};
+    std::unique_ptr<WEFTListener> m_listener;
+};
+
+TEST_F(EUDPModePolicyTest, AnEarlyRequestForAForbiddenModeIsRefused)
+{
+    EventLog clientEvents;
+    RecordingClient client(clientEvents);
+    WEFTConnection connection(TRANSPORT_EUDP);
+    ASSERT_TRUE(connection.connect("127.0.0.1", m_listener->getLocalPort(), &client));
+    EXPECT_FALSE(connection.setSendMode(CONN_MODE_RELIABLE));
+    EXPECT_EQ(log().countContaining("]: unknown mode request (ignoring)"), 1u);
+    EXPECT_EQ(log().countContaining("]: failed to set send mode (timeout)"), 1u);
+    connection.disconnect();
+}
+
+TEST_F(EUDPModePolicyTest, AnEarlyRequestForAnAllowedModeIsAnsweredOnceTheConnectionStarts)
+{
+    EventLog clientEvents;
+    RecordingClient client(clientEvents);
+    WEFTConnection connection(TRANSPORT_EUDP);
+    ASSERT_TRUE(connection.connect("127.0.0.1", m_listener->getLocalPort(), &client));
+    EXPECT_TRUE(connection.setReceiveMode(CONN_MODE_RELIABLE));
+    EXPECT_TRUE(connection.setSendMode(CONN_MODE_REALTIME));
+    connection.disconnect();
 }
 
 } // namespace

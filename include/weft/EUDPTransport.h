@@ -61,6 +61,14 @@ public:
     uint16 getPeerPort() const override;
     uint16 getLocalPort() const override;
 
+    // On a listening transport: the transports it accepts hold the peer's mode
+    // requests, unanswered, until releaseModeRequests(). A server thereby sets
+    // an accepted connection's allowed modes before any request is judged,
+    // however early the client asks. Off by default.
+    void holdModeRequests(bool hold);
+    // Answers the newest held mode request, if any, and stops holding.
+    void releaseModeRequests();
+
 private:
     friend class EUDPTransportTestPeer;
 
@@ -106,7 +114,7 @@ private:
 
     void receiverThread();
     void handleData(const EUDPPacket& packet);
-    void handleModeRequest(const EUDPPacket& packet);
+    void handleModeRequest(uint arg);
 
     // sendData with the choice not to wait for room: the keep-alive runs on
     // the shared timer thread and must never block there.
@@ -175,4 +183,12 @@ private:
     // Held by accept while it uses the socket, so that the destructor can wait
     // for a blocked accept to leave before the socket is freed.
     std::mutex m_acceptMutex;
+    // Listening transport: whether accepted transports start holding.
+    std::atomic<bool> m_holdModeRequests{false};
+    // Accepted transport: the hold and the newest held request, under the mutex,
+    // which also keeps a held answer and a new one in order.
+    std::mutex m_modeHoldMutex;
+    bool m_modeRequestsHeld = false;
+    bool m_hasHeldModeRequest = false;
+    uint m_heldModeRequest = 0;
 };
