@@ -1,0 +1,140 @@
+#pragma once
+
+// Shared pieces of weft-bench: options, results, statistics and the small
+// measuring helpers every scenario uses.
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace bench
+{
+
+using Clock = std::chrono::steady_clock;
+
+struct Options
+{
+    bool quick = false;
+    // Each figure is the median of this many runs.
+    int repetitions = 5;
+    // Round trips per latency run, after the warm-up ones.
+    int latencyRounds = 20000;
+    int latencyWarmup = 1000;
+    // Messages per throughput run.
+    int throughputMessages = 20000;
+    // Round trips and messages per run through the impairment relay.
+    int lossRounds = 200;
+    int lossMessages = 5000;
+    int scaleTcp = 1000;
+    int scaleEudp = 200;
+    // Runs only the scenarios whose name contains this text (empty: all).
+    std::string only;
+    std::string jsonPath;
+};
+
+// The figures of one run, by key; the same keys come out of every run of a
+// subject, so that medians can be taken key by key.
+using Figures = std::map<std::string, double>;
+
+// One measured subject within a scenario: its median figures and the
+// subject it is compared with.
+struct Row
+{
+    std::string subject;
+    // Subject of the row in the same scenario that this one is compared
+    // with; empty for a baseline.
+    std::string baseline;
+    Figures figures;
+    // False when a run failed a check (lost or reordered data where none
+    // may be lost, connections that did not come up).
+    bool ok = true;
+    std::string failure;
+};
+
+// Which figures a scenario shows, in order: key, column title, unit, and
+// whether a ratio to the baseline means something for it.
+struct Column
+{
+    std::string key;
+    std::string title;
+    std::string unit;
+    bool ratio;
+};
+
+struct Scenario
+{
+    std::string name;  // stable identifier, as in the JSON
+    std::string title; // shown in the table
+    std::vector<Column> columns;
+    std::vector<Row> rows;
+    int repetitions = 0;
+};
+
+// The outcome of one run: its figures, or what went wrong.
+struct RunResult
+{
+    Figures figures;
+    bool ok = true;
+    std::string failure;
+};
+
+// Runs `run` `repetitions` times and keeps the median of every figure; the
+// row fails when any run failed.
+Row repeat(const std::string& subject, const std::string& baseline, int repetitions,
+           const std::function<RunResult()>& run);
+
+// Percentiles of a set of durations in microseconds: p50_us, p99_us,
+// p999_us, max_us.
+Figures latencyFigures(std::vector<double>& samplesUs);
+double percentile(const std::vector<double>& sorted, double fraction);
+double median(std::vector<double> values);
+
+// User plus system CPU time of the whole process, in microseconds.
+double processCpuUs();
+double elapsedUs(Clock::time_point from, Clock::time_point to);
+
+// Fields of /proc/self/status.
+long residentKb();
+long threadCount();
+
+// Sleeps until `deadline` or `done()` holds, checking every millisecond;
+// true when done() held.
+bool waitUntil(const std::function<bool()>& done, Clock::time_point deadline);
+
+// Message sizes of the throughput scenarios: bytes the transport carries per
+// message (the whole protocol message, header included).
+const std::vector<int>& throughputSizes();
+
+// ---- scenarios: each adds its scenarios to the list ----
+void runLatency(const Options& options, std::vector<Scenario>& out);
+void runThroughput(const Options& options, std::vector<Scenario>& out);
+void runLoss(const Options& options, std::vector<Scenario>& out);
+void runScale(const Options& options, std::vector<Scenario>& out);
+
+// Baselines, one run each.
+RunResult tcpPingPong(int rounds, int warmup, int messageSize);
+RunResult udpPingPong(int rounds, int warmup, int messageSize);
+RunResult tcpBlast(int messages, int messageSize);
+RunResult udpBlast(int messages, int messageSize);
+RunResult plainTcpScale(int connections);
+RunResult plainUdpScale(int connections);
+
+// ENet, where it was found at build time.
+bool enetAvailable();
+RunResult enetPingPong(bool reliable, int rounds, int warmup, int messageSize);
+RunResult enetBlast(bool reliable, int messages, int messageSize);
+
+// Size of the small message that each latency baseline sends each way: about
+// what a function call and its answering trigger carry.
+constexpr int LATENCY_MESSAGE_SIZE = 16;
+
+// ---- reporting ----
+std::string markdownTable(const std::vector<Scenario>& scenarios);
+std::string machineJson();
+std::string resultsJson(const Options& options, const std::vector<Scenario>& scenarios);
+std::string machineDescription();
+
+} // namespace bench

@@ -1,0 +1,139 @@
+#include "Bench.h"
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <thread>
+
+namespace bench
+{
+
+double percentile(const std::vector<double>& sorted, double fraction)
+{
+    if (sorted.empty())
+    {
+        return 0;
+    }
+    // Nearest rank: the smallest sample with at least `fraction` of all
+    // samples at or below it.
+    const double rank = std::ceil(fraction * static_cast<double>(sorted.size()));
+    const std::size_t index = rank < 1 ? 0 : static_cast<std::size_t>(rank) - 1;
+    return sorted[std::min(index, sorted.size() - 1)];
+}
+
+double median(std::vector<double> values)
+{
+    if (values.empty())
+    {
+        return 0;
+    }
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+Figures latencyFigures(std::vector<double>& samplesUs)
+{
+    std::sort(samplesUs.begin(), samplesUs.end());
+    return {{"p50_us", percentile(samplesUs, 0.50)},
+            {"p99_us", percentile(samplesUs, 0.99)},
+            {"p999_us", percentile(samplesUs, 0.999)},
+            {"max_us", samplesUs.empty() ? 0 : samplesUs.back()}};
+}
+
+Row repeat(const std::string& subject, const std::string& baseline, int repetitions,
+           const std::function<RunResult()>& run)
+{
+    Row row;
+    row.subject = subject;
+    row.baseline = baseline;
+    std::map<std::string, std::vector<double>> samples;
+    for (int i = 0; i < repetitions; ++i)
+    {
+        RunResult result = run();
+        if (!result.ok)
+        {
+            row.ok = false;
+            if (row.failure.empty())
+            {
+                row.failure = result.failure;
+            }
+        }
+        for (const auto& [key, value] : result.figures)
+        {
+            samples[key].push_back(value);
+        }
+    }
+    for (auto& [key, values] : samples)
+    {
+        row.figures[key] = median(values);
+    }
+    return row;
+}
+
+double processCpuUs()
+{
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    const auto us = [](const timeval& t)
+    { return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_usec); };
+    return us(usage.ru_utime) + us(usage.ru_stime);
+}
+
+double elapsedUs(Clock::time_point from, Clock::time_point to)
+{
+    return std::chrono::duration<double, std::micro>(to - from).count();
+}
+
+namespace
+{
+
+long statusField(const std::string& name)
+{
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line))
+    {
+        if (line.compare(0, name.size(), name) == 0 && line.size() > name.size() &&
+            line[name.size()] == ':')
+        {
+            return std::stol(line.substr(name.size() + 1));
+        }
+    }
+    return -1;
+}
+
+} // namespace
+
+long residentKb()
+{
+    return statusField("VmRSS");
+}
+
+long threadCount()
+{
+    return statusField("Threads");
+}
+
+bool waitUntil(const std::function<bool()>& done, Clock::time_point deadline)
+{
+    while (!done())
+    {
+        if (Clock::now() >= deadline)
+        {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+const std::vector<int>& throughputSizes()
+{
+    static const std::vector<int> sizes = {16, 256, 1400};
+    return sizes;
+}
+
+} // namespace bench

@@ -1,0 +1,66 @@
+#include "Bench.h"
+#include "WeftPair.h"
+
+namespace bench
+{
+
+namespace
+{
+
+RunResult weftPushRun(EPairMode mode, unsigned int window, int messages, int messageSize)
+{
+    WeftPair pair(mode);
+    const unsigned short port = pair.listen();
+    std::string failure;
+    if (port == 0 || !pair.connect(port, window, failure))
+    {
+        return RunResult{{}, false, port == 0 ? "listen failed" : failure};
+    }
+    return weftPush(pair, messages, messageSize, mode != EPairMode::EUDP_REALTIME);
+}
+
+} // namespace
+
+void runThroughput(const Options& options, std::vector<Scenario>& out)
+{
+    const int reps = options.repetitions;
+    const int messages = options.throughputMessages;
+    for (const int size : throughputSizes())
+    {
+        Scenario scenario;
+        scenario.name = "throughput_" + std::to_string(size);
+        scenario.title = "Throughput, " + std::to_string(size) + "-byte messages, " +
+                         std::to_string(messages) + " pushed";
+        scenario.columns = {{"msgs_per_s", "messages/s", "", true},
+                            {"mb_per_s", "MB/s", "", true},
+                            {"lost", "lost", "", false},
+                            {"cpu_us_per_msg", "CPU/msg", "µs", true}};
+        scenario.repetitions = reps;
+        scenario.rows.push_back(
+            repeat("plain TCP blaster", "", reps, [&] { return tcpBlast(messages, size); }));
+        scenario.rows.push_back(
+            repeat("plain UDP blaster", "", reps, [&] { return udpBlast(messages, size); }));
+        scenario.rows.push_back(repeat("weft TCP", "plain TCP blaster", reps,
+                                       [&]
+                                       { return weftPushRun(EPairMode::TCP, 0, messages, size); }));
+        scenario.rows.push_back(
+            repeat("weft EUDP real-time", "plain UDP blaster", reps,
+                   [&] { return weftPushRun(EPairMode::EUDP_REALTIME, 0, messages, size); }));
+        for (const unsigned int window : {10u, 64u, 512u})
+        {
+            scenario.rows.push_back(repeat(
+                "weft EUDP reliable, window " + std::to_string(window), "plain UDP blaster", reps,
+                [&] { return weftPushRun(EPairMode::EUDP_RELIABLE, window, messages, size); }));
+        }
+        if (enetAvailable())
+        {
+            scenario.rows.push_back(repeat("ENet reliable", "plain UDP blaster", reps,
+                                           [&] { return enetBlast(true, messages, size); }));
+            scenario.rows.push_back(repeat("ENet unreliable", "plain UDP blaster", reps,
+                                           [&] { return enetBlast(false, messages, size); }));
+        }
+        out.push_back(std::move(scenario));
+    }
+}
+
+} // namespace bench
