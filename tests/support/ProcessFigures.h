@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tavo/Timer.h>
+
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -29,6 +31,16 @@ inline long procStatusField(const std::string& field)
 inline long threadCount()
 {
     return procStatusField("Threads:");
+}
+
+// The thread count to come back to once every connection has ended. The
+// platform's timer thread starts on first use and stays for good, so it is
+// started here and does not count against the connections.
+inline long baselineThreadCount()
+{
+    tavo::Timer timer;
+    timer.isRunning();
+    return threadCount();
 }
 
 // Resident memory in KiB.
