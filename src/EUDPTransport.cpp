@@ -118,6 +118,7 @@ EUDPTransport::~EUDPTransport()
     wakeWaiters();
     m_sender.shutdown(-1);
     m_receiver.shutdown(-1);
+    leaveHalfOpen();
     // An accept blocked on another thread has left once it lets go of this.
     {
         std::lock_guard<std::mutex> acceptGuard(m_acceptMutex);
@@ -258,6 +259,10 @@ IWEFTTransport* EUDPTransport::accept()
 {
     TAVO_ASSERT(m_pSocket);
     std::lock_guard<std::mutex> acceptGuard(m_acceptMutex);
+    if (!m_pHalfOpenCount)
+    {
+        m_pHalfOpenCount = std::make_shared<std::atomic<unsigned int>>(0u);
+    }
     EUDPPacket request;
     tavo::HostAddress source;
     uint16 sourcePort = 0;
@@ -280,6 +285,15 @@ IWEFTTransport* EUDPTransport::accept()
                 << "received a non-CON packet without a connection (ignoring)" << std::endl;
             continue;
         }
+        // Each accepted connection holds two threads and two packet rings
+        // until its peer answers or its dead-peer timer fires.
+        const unsigned int limit = m_halfOpenLimit;
+        if (limit != EUDP_NO_HALF_OPEN_LIMIT && *m_pHalfOpenCount >= limit)
+        {
+            log(tavo::LOG_LEVEL_WARNING)
+                << "too many half-open connections (ignoring CON)" << std::endl;
+            continue;
+        }
         break;
     }
 
@@ -291,6 +305,11 @@ IWEFTTransport* EUDPTransport::accept()
     accepted->m_expectedSeq = ModuloValue(static_cast<int>(expected), EUDP_SEQ_RANGE);
     // Sent from the new transport's own socket: the connection gets its own port.
     accepted->m_modeRequestsHeld = m_holdModeRequests.load();
+    accepted->m_strictPeer = m_strictPeer.load();
+    // Counted as half-open until its peer is heard from or it closes.
+    accepted->m_pHalfOpenCount = m_pHalfOpenCount;
+    ++*m_pHalfOpenCount;
+    accepted->m_halfOpen = true;
     accepted->sendPacket(EUDP_ACK, first);
     accepted->m_receiver.start();
     accepted->m_sender.start();
@@ -747,10 +766,20 @@ void EUDPTransport::receiverThread()
         {
             break;
         }
+        if (m_strictPeer && isStranger(source, sourcePort))
+        {
+            log(tavo::LOG_LEVEL_DEBUG) << "ignoring a datagram from " << source.getAddressString()
+                                       << ":" << sourcePort << " (not the peer)" << std::endl;
+            continue;
+        }
         if (!packet.validatePacket(static_cast<uint>(received)))
         {
             log(tavo::LOG_LEVEL_WARNING) << "dropping invalid packet" << std::endl;
             continue;
+        }
+        if (m_halfOpen)
+        {
+            leaveHalfOpen();
         }
         resetTimers();
         const uint arg = packet.getArg();
@@ -820,6 +849,7 @@ void EUDPTransport::receiverThread()
     }
     m_closed = true;
     stopTimers();
+    leaveHalfOpen();
     wakeWaiters();
 }
 
@@ -868,6 +898,36 @@ void EUDPTransport::handleData(const EUDPPacket& packet)
     {
         // A keep-alive: in reliable mode its ACK has answered it already.
         sendPacket(EUDP_NOP, 0);
+    }
+}
+
+void EUDPTransport::setStrictPeer(bool strict)
+{
+    m_strictPeer = strict;
+}
+
+void EUDPTransport::setHalfOpenLimit(unsigned int limit)
+{
+    m_halfOpenLimit = limit;
+}
+
+bool EUDPTransport::isStranger(const tavo::HostAddress& source, uint16 port) const
+{
+    if (source != m_peerAddress)
+    {
+        return true;
+    }
+    // While connecting, the peer's port is not known yet: the answer comes
+    // from the accepted transport's new one.
+    const uint16 peerPort = m_peerPort;
+    return peerPort != 0 && port != peerPort;
+}
+
+void EUDPTransport::leaveHalfOpen()
+{
+    if (m_halfOpen.exchange(false) && m_pHalfOpenCount)
+    {
+        --*m_pHalfOpenCount;
     }
 }
 

@@ -175,6 +175,15 @@ void WEFTConnection::allowReceiveMode(bool realtime, bool reliable)
     m_pTransport->allowReceiveMode(realtime, reliable);
 }
 
+void WEFTConnection::setStrictPeer(bool strict)
+{
+    // A TCP stream has its peer fixed by the kernel already.
+    if (EUDPTransport* eudp = dynamic_cast<EUDPTransport*>(m_pTransport))
+    {
+        eudp->setStrictPeer(strict);
+    }
+}
+
 std::string WEFTConnection::getPeerAddress() const
 {
     return m_pTransport != nullptr ? m_pTransport->getPeerAddress().getAddressString()

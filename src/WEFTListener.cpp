@@ -45,7 +45,8 @@ bool RunThread::shutdownCallback()
 
 WEFTListener::WEFTListener(ETransport transport)
     : m_eTransport(transport), m_pTransport(nullptr), m_port(0), m_pConnector(nullptr),
-      m_bRunning(false), m_pThread(nullptr), m_listenState(LISTEN_PENDING)
+      m_bRunning(false), m_pThread(nullptr), m_listenState(LISTEN_PENDING),
+      m_halfOpenLimit(EUDP_NO_HALF_OPEN_LIMIT), m_strictPeer(false)
 {
 }
 
@@ -99,6 +100,8 @@ void WEFTListener::run()
         // Mode requests of an accepted client wait until onConnection has set
         // the connection's policy and the connection is started.
         eudp->holdModeRequests(true);
+        eudp->setHalfOpenLimit(m_halfOpenLimit);
+        eudp->setStrictPeer(m_strictPeer);
         transport = eudp;
         break;
     }
@@ -168,6 +171,16 @@ bool WEFTListener::waitForListen(unsigned int timeoutMs)
         m_semListened.take(timeoutMs);
     }
     return m_listenState == LISTEN_BOUND;
+}
+
+void WEFTListener::setHalfOpenLimit(unsigned int limit)
+{
+    m_halfOpenLimit = limit;
+}
+
+void WEFTListener::setStrictPeer(bool strict)
+{
+    m_strictPeer = strict;
 }
 
 unsigned short WEFTListener::getLocalPort() const

@@ -53,6 +53,8 @@ constexpr unsigned int EUDP_CONNECT_TIMEOUT_MS = 5000;
 constexpr unsigned int EUDP_NEGOTIATION_TIMEOUT_MS = 10000;
 // Silence after which a reliable sender goes back and repeats, in milliseconds.
 constexpr unsigned int EUDP_RETRANSMIT_TIMEOUT_MS = 500;
+// A listener's half-open limit of 0 sets none: every CON is answered.
+constexpr unsigned int EUDP_NO_HALF_OPEN_LIMIT = 0;
 
 // ---- the weft command-line tool ----
 // Port that weft serve listens on and weft connect dials when none is given;

@@ -13,6 +13,7 @@
 #include <tavo/Timer.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <ostream>
 
@@ -68,6 +69,18 @@ public:
     void holdModeRequests(bool hold);
     // Answers the newest held mode request, if any, and stops holding.
     void releaseModeRequests();
+
+    // Protection against strangers; both are off by default, which leaves
+    // every datagram and every CON handled as it arrives.
+    // Strict peer: a connected transport ignores datagrams whose source
+    // address or port is not its peer's; while connecting, the answer is
+    // taken only from the address connected to. On a listening transport the
+    // setting passes to every transport it accepts from then on.
+    void setStrictPeer(bool strict);
+    // On a listening transport: at most `limit` accepted connections may be
+    // half-open (nothing heard from their peer since the ACK); further CONs
+    // are ignored until one completes or closes. 0 sets no limit.
+    void setHalfOpenLimit(unsigned int limit);
 
 private:
     friend class EUDPTransportTestPeer;
@@ -135,6 +148,12 @@ private:
     void renewForConnect();
     // "WEFT/EUDP[port]: " at `level`; the caller ends the line.
     std::ostream& log(int level);
+    // Strict mode: whether a datagram from `source`:`port` comes from someone
+    // other than the peer.
+    bool isStranger(const tavo::HostAddress& source, uint16 port) const;
+    // An accepted transport gives up its place among its listener's half-open
+    // connections; only the first call counts.
+    void leaveHalfOpen();
 
     tavo::UdpSocket* m_pSocket;
     tavo::HostAddress m_peerAddress;
@@ -191,4 +210,11 @@ private:
     bool m_modeRequestsHeld = false;
     bool m_hasHeldModeRequest = false;
     uint m_heldModeRequest = 0;
+    std::atomic<bool> m_strictPeer{false};
+    std::atomic<unsigned int> m_halfOpenLimit{EUDP_NO_HALF_OPEN_LIMIT};
+    // Half-open connections of a listening transport, shared with the
+    // transports it accepts, which may outlive it.
+    std::shared_ptr<std::atomic<unsigned int>> m_pHalfOpenCount;
+    // Accepted transport: still counted in m_pHalfOpenCount.
+    std::atomic<bool> m_halfOpen{false};
 };

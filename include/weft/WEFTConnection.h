@@ -70,6 +70,10 @@ public:
     // onConnection, before the client's first request can arrive.
     void allowSendMode(bool realtime, bool reliable);
     void allowReceiveMode(bool realtime, bool reliable);
+    // EUDP only: ignore datagrams that do not come from the peer (see
+    // EUDPTransport::setStrictPeer); off by default. A client sets it before
+    // connect, so that the answer to its request is checked too.
+    void setStrictPeer(bool strict);
     std::string getPeerAddress() const;
     unsigned short getPeerPort() const;
     unsigned short getLocalPort() const;

@@ -52,6 +52,13 @@ public:
     // The bound local port (useful after listening on port 0); 0 until bound.
     unsigned short getLocalPort() const;
 
+    // Protection of an EUDP listener against strangers, both off by default
+    // (see EUDPTransport). The listener thread applies them to the listening
+    // transport it creates, so they take effect at the next listen; a TCP
+    // listener ignores them.
+    void setHalfOpenLimit(unsigned int limit);
+    void setStrictPeer(bool strict);
+
 private:
     ETransport m_eTransport;
     std::atomic<IWEFTTransport*> m_pTransport;
@@ -63,4 +70,7 @@ private:
     // Outcome of the latest bind: 0 pending, 1 bound, -1 failed.
     std::atomic<int> m_listenState;
     tavo::BinarySemaphore m_semListened;
+    // Stored for the listener thread, which creates the transport.
+    std::atomic<unsigned int> m_halfOpenLimit;
+    std::atomic<bool> m_strictPeer;
 };
