@@ -32,24 +32,27 @@ public:
     // Stops reaping, then disconnects and deletes the connections left.
     ~ReapingConnector() override
     {
+        std::vector<WEFTConnection*> left;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             m_stopping = true;
+            for (Entry& entry : m_entries)
+            {
+                if (entry.connection)
+                {
+                    left.push_back(entry.connection.get());
+                }
+            }
         }
         m_wake.notify_all();
         m_reaper.join();
-        std::vector<Entry> left;
+        // Their last reports arrive while this waits, and are ignored.
+        for (WEFTConnection* connection : left)
         {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            left.swap(m_entries);
+            connection->disconnect();
         }
-        for (Entry& entry : left)
-        {
-            if (entry.connection)
-            {
-                entry.connection->disconnect();
-            }
-        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_entries.clear();
     }
 
     void onConnection(WEFTConnection* connection) override
@@ -142,6 +145,10 @@ private:
     {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_stopping)
+            {
+                return;
+            }
             Entry& entry = m_entries[index];
             if (status == CONN_STATUS_CONNECTED)
             {

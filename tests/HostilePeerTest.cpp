@@ -1,0 +1,593 @@
+// Strangers and hostile peers against a server: what each one achieves, what
+// it costs the server, and that a well-behaved client is served before and
+// after. The EUDP protections (a half-open limit, strict peers) are off by
+// default; the cases show both settings.
+
+#include "support/ImpairmentRelay.h"
+#include "support/ProcessFigures.h"
+#include "support/ReapingConnector.h"
+#include "support/Recorders.h"
+#include "support/WeftFixture.h"
+
+#include <weft/Constants.h>
+#include <weft/WEFTConnection.h>
+#include <weft/WEFTListener.h>
+
+#include <tavo/TcpSocket.h>
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+typedef std::vector<uint8> Bytes;
+
+Bytes eudpPacket(const char* command, uint arg, const Bytes& payload = {})
+{
+    Bytes bytes = {1, static_cast<uint8>(command[0]), static_cast<uint8>(command[1]),
+                   static_cast<uint8>(command[2])};
+    for (int shift = 0; shift < 32; shift += 8)
+    {
+        bytes.push_back(static_cast<uint8>(arg >> shift));
+    }
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    return bytes;
+}
+
+Bytes randomBytes(std::mt19937& random, std::size_t size)
+{
+    Bytes bytes(size);
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8>(random()); });
+    return bytes;
+}
+
+// A plain UDP socket on loopback: the stranger.
+class RawUdp
+{
+public:
+    RawUdp() : m_fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in local = address(0);
+        ::bind(m_fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local));
+        socklen_t length = sizeof(local);
+        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&local), &length);
+        m_port = ntohs(local.sin_port);
+    }
+    ~RawUdp() { ::close(m_fd); }
+    RawUdp(const RawUdp&) = delete;
+    RawUdp& operator=(const RawUdp&) = delete;
+
+    uint16 port() const { return m_port; }
+
+    void send(uint16 port, const Bytes& bytes)
+    {
+        const sockaddr_in target = address(port);
+        ::sendto(m_fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&target),
+                 sizeof(target));
+    }
+
+    // The source port of the next datagram that starts with `prefix`; 0 when
+    // none comes within 10 s.
+    uint16 sourceOfNext(const Bytes& prefix)
+    {
+        Bytes buffer(2000);
+        pollfd wait{m_fd, POLLIN, 0};
+        while (::poll(&wait, 1, 10000) == 1)
+        {
+            sockaddr_in source{};
+            socklen_t length = sizeof(source);
+            const ssize_t n = ::recvfrom(m_fd, buffer.data(), buffer.size(), 0,
+                                         reinterpret_cast<sockaddr*>(&source), &length);
+            if (n >= static_cast<ssize_t>(prefix.size()) &&
+                std::equal(prefix.begin(), prefix.end(), buffer.begin()))
+            {
+                return ntohs(source.sin_port);
+            }
+        }
+        return 0;
+    }
+
+private:
+    static sockaddr_in address(uint16 port)
+    {
+        sockaddr_in result{};
+        result.sin_family = AF_INET;
+        result.sin_port = htons(port);
+        result.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return result;
+    }
+
+    int m_fd;
+    uint16 m_port = 0;
+};
+
+int countOf(const EventLog& log, const Event& wanted)
+{
+    const std::vector<Event> events = log.events();
+    return static_cast<int>(std::count(events.begin(), events.end(), wanted));
+}
+
+// A server whose connector deletes ended connections, and one well-behaved
+// client of it.
+class HostilePeerTest : public WeftFixture
+{
+protected:
+    void SetUp() override
+    {
+        WeftFixture::SetUp();
+        m_connector = std::make_unique<ReapingConnector>(m_serverEvents);
+    }
+
+    void TearDown() override
+    {
+        m_good.reset();
+        m_listener.reset();
+        m_connector.reset();
+        WeftFixture::TearDown();
+    }
+
+    void startServer(ETransport transport, bool strict = false,
+                     unsigned int halfOpenLimit = EUDP_NO_HALF_OPEN_LIMIT)
+    {
+        m_listener = std::make_unique<WEFTListener>(transport);
+        m_listener->setStrictPeer(strict);
+        m_listener->setHalfOpenLimit(halfOpenLimit);
+        m_listener->listen("127.0.0.1", 0, m_connector.get());
+        ASSERT_TRUE(m_listener->waitForListen(10000));
+        m_port = m_listener->getLocalPort();
+    }
+
+    // Connects the good client to `port` (the listener's when 0).
+    void connectGood(ETransport transport, bool strict = false, uint16 port = 0)
+    {
+        m_good = std::make_unique<WEFTConnection>(transport);
+        m_good->setStrictPeer(strict);
+        const int before = m_connector->accepted();
+        ASSERT_TRUE(m_good->connect("127.0.0.1", port != 0 ? port : m_port, &m_client));
+        ASSERT_TRUE(m_connector->waitForConnections(before + 1, 10s));
+        m_goodIndex = before;
+    }
+
+    // The good client asks and the server answers; both arrive.
+    void exchange(const std::string& tag)
+    {
+        ASSERT_TRUE(m_good->subscribe(tag));
+        ASSERT_TRUE(eventually(
+            [&] {
+                return countOf(m_serverEvents, Event{"subscribe", tag, ""}) == 1;
+            },
+            20s))
+            << tag << " did not reach the server";
+        WEFTConnection* server = m_connector->connection(m_goodIndex);
+        ASSERT_NE(server, nullptr);
+        ASSERT_TRUE(server->updateState(tag, ParameterValue(1)));
+        ASSERT_TRUE(eventually(
+            [&] {
+                return countOf(m_clientEvents, Event{"update", tag, "1"}) == 1;
+            },
+            20s))
+            << tag << " did not reach the client";
+    }
+
+    static std::string eudpLine(uint16 port, const std::string& text)
+    {
+        return "WEFT/EUDP[" + std::to_string(port) + "]: " + text;
+    }
+
+    EventLog m_serverEvents;
+    std::unique_ptr<ReapingConnector> m_connector;
+    std::unique_ptr<WEFTListener> m_listener;
+    uint16 m_port = 0;
+    EventLog m_clientEvents;
+    RecordingClient m_client{m_clientEvents};
+    std::unique_ptr<WEFTConnection> m_good;
+    int m_goodIndex = 0;
+};
+
+// ---- a flood of connection requests ----
+
+TEST_F(HostilePeerTest, AConFloodCostsThreadsAndMemoryUntilEachDeadPeerTimerFires)
+{
+    constexpr int flood = 40;
+    startServer(TRANSPORT_EUDP);
+    connectGood(TRANSPORT_EUDP);
+    ASSERT_NO_FATAL_FAILURE(exchange("before"));
+    const long threadsBefore = threadCount();
+    const long residentBefore = residentKb();
+
+    RawUdp stranger;
+    for (int i = 0; i < flood; ++i)
+    {
+        stranger.send(m_port, eudpPacket("CON", 0));
+    }
+    // Each is reported up once its receive thread runs.
+    ASSERT_TRUE(eventually(
+        [&]
+        {
+            const std::vector<Event> events = m_serverEvents.events();
+            return std::count_if(events.begin(), events.end(),
+                                 [](const Event& event) {
+                                     return event.kind == "status" && event.text == "connected";
+                                 }) == 1 + flood;
+        },
+        60s));
+    // Every one is handed over: nothing tells a stranger from a client.
+    const long threads = threadCount() - threadsBefore;
+    const long resident = residentKb() - residentBefore;
+    std::printf("[ measured ] %d half-open connections: %ld threads, %ld KiB resident\n", flood,
+                threads, resident);
+    // Its two transport threads and the connection's receive thread.
+    EXPECT_EQ(threads, 3 * flood);
+    // Two rings of 1000 packets of about 1.5 KB each, touched at construction.
+    EXPECT_GT(resident, flood * 2500L);
+    ASSERT_NO_FATAL_FAILURE(exchange("during"));
+
+    // The stranger never answers: each accepted transport sends a keep-alive
+    // after 0.5 s and closes 10 s later; the connector then deletes it.
+    ASSERT_TRUE(m_connector->waitForReaped(flood, 60s));
+    for (const Clock::duration lifetime : m_connector->lifetimes())
+    {
+        EXPECT_GE(lifetime, 10s);
+        EXPECT_LT(lifetime, 12s);
+    }
+    EXPECT_TRUE(eventually([&] { return threadCount() <= threadsBefore; }, 10s))
+        << threadCount() << " threads, " << threadsBefore << " before";
+    std::printf("[ measured ] after they closed: %ld KiB resident above the start\n",
+                residentKb() - residentBefore);
+    ASSERT_NO_FATAL_FAILURE(exchange("after"));
+}
+
+TEST_F(HostilePeerTest, AHalfOpenLimitIgnoresFurtherConsUntilOneCompletesOrCloses)
+{
+    startServer(TRANSPORT_EUDP, false, 2);
+    connectGood(TRANSPORT_EUDP);
+    // The good client's connection completes with its first message.
+    ASSERT_NO_FATAL_FAILURE(exchange("before"));
+    const std::string ignored = eudpLine(0, "too many half-open connections (ignoring CON)");
+    const Bytes ack = eudpPacket("ACK", 0);
+    RawUdp first;
+    RawUdp second;
+    RawUdp third;
+    first.send(m_port, eudpPacket("CON", 0));
+    const uint16 firstAccepted = first.sourceOfNext(ack);
+    second.send(m_port, eudpPacket("CON", 0));
+    ASSERT_NE(second.sourceOfNext(ack), 0);
+    third.send(m_port, eudpPacket("CON", 0));
+    ASSERT_TRUE(log().waitFor(ignored, 10s));
+    EXPECT_EQ(log().levelOf(ignored), 3);
+    EXPECT_EQ(m_connector->accepted(), 3);
+    ASSERT_NO_FATAL_FAILURE(exchange("at the limit"));
+
+    // One answers its ACK: its connection is complete and frees a place.
+    ASSERT_NE(firstAccepted, 0);
+    first.send(firstAccepted, eudpPacket("NOP", 0));
+    ASSERT_TRUE(eventually(
+        [&]
+        {
+            third.send(m_port, eudpPacket("CON", 0));
+            return m_connector->accepted() == 4;
+        },
+        10s));
+    // The limit is reached again, until the silent ones close.
+    RawUdp fourth;
+    fourth.send(m_port, eudpPacket("CON", 0));
+    ASSERT_TRUE(log().waitFor(ignored, 10s, log().count(ignored) + 1));
+    ASSERT_TRUE(m_connector->waitForReaped(1, 20s));
+    fourth.send(m_port, eudpPacket("CON", 0));
+    EXPECT_TRUE(m_connector->waitForConnections(5, 10s));
+    ASSERT_NO_FATAL_FAILURE(exchange("after"));
+}
+
+// ---- datagrams from another port ----
+
+class SpoofedDatagrams : public HostilePeerTest, public ::testing::WithParamInterface<bool>
+{
+protected:
+    bool strict() const { return GetParam(); }
+
+    // The good client through a relay, so that a test can blackhole one way.
+    void connectThroughRelay()
+    {
+        startServer(TRANSPORT_EUDP, strict());
+        m_relay = std::make_unique<ImpairmentRelay>(m_port, 11);
+        ASSERT_NO_FATAL_FAILURE(connectGood(TRANSPORT_EUDP, strict(), m_relay->getPort()));
+        ASSERT_NO_FATAL_FAILURE(exchange("before"));
+    }
+
+    void TearDown() override
+    {
+        HostilePeerTest::TearDown();
+        m_relay.reset();
+    }
+
+    // The line a strict side writes for a datagram of the stranger: the
+    // client under its own port, the server's transport under its peer's,
+    // which is the relay's.
+    std::string strangerLine(const RawUdp& stranger, bool atServer) const
+    {
+        const uint16 port =
+            atServer ? m_connector->connection(m_goodIndex)->getPeerPort() : m_good->getLocalPort();
+        return eudpLine(port, "ignoring a datagram from 127.0.0.1:" +
+                                  std::to_string(stranger.port()) + " (not the peer)");
+    }
+
+    std::unique_ptr<ImpairmentRelay> m_relay;
+};
+
+TEST_P(SpoofedDatagrams, AnyoneMayCloseAConnectionWithDisUnlessItsPeerIsStrict)
+{
+    ASSERT_NO_FATAL_FAILURE(connectThroughRelay());
+    RawUdp stranger;
+    // Both ends: the server's transport at its own port, the client at its port.
+    stranger.send(m_connector->connection(m_goodIndex)->getLocalPort(), eudpPacket("DIS", 0));
+    stranger.send(m_good->getLocalPort(), eudpPacket("DIS", 0));
+    if (!strict())
+    {
+        EXPECT_TRUE(m_connector->waitForReaped(1, 10s));
+        EXPECT_TRUE(eventually(
+            [&] {
+                return countOf(m_clientEvents, Event{"status", "client", "disconnected"}) == 1;
+            },
+            10s));
+        EXPECT_FALSE(m_good->subscribe("after"));
+        return;
+    }
+    for (const bool atServer : {true, false})
+    {
+        ASSERT_TRUE(log().waitFor(strangerLine(stranger, atServer), 10s));
+        EXPECT_EQ(log().levelOf(strangerLine(stranger, atServer)), 5);
+    }
+    ASSERT_NO_FATAL_FAILURE(exchange("after"));
+    EXPECT_EQ(m_connector->reaped(), 0);
+}
+
+TEST_P(SpoofedDatagrams, AnAckFromAnotherPortDropsQueuedReliableDataUnlessThePeerIsStrict)
+{
+    ASSERT_NO_FATAL_FAILURE(connectThroughRelay());
+    ASSERT_TRUE(m_good->setSendMode(CONN_MODE_RELIABLE));
+    ASSERT_TRUE(m_good->setReceiveMode(CONN_MODE_RELIABLE));
+    // The server does not hear the client for a moment: the messages wait in
+    // the client's send ring for their acknowledgement.
+    Impairment blackhole;
+    blackhole.blackhole = true;
+    m_relay->setImpairment(RelayDirection::ClientToServer, blackhole);
+    constexpr int queued = 20;
+    for (int i = 0; i < queued; ++i)
+    {
+        ASSERT_TRUE(m_good->subscribe("queued" + std::to_string(i)));
+    }
+    // A full window has gone into the hole; the rest waits its turn.
+    ASSERT_TRUE(eventually(
+        [&] { return m_relay->getCounts(RelayDirection::ClientToServer).dropped >= 10; }, 10s));
+    // Any number up to half the number space ahead counts as acknowledging
+    // everything sent so far; a stranger needs no guessing.
+    RawUdp stranger;
+    stranger.send(m_good->getLocalPort(), eudpPacket("ACK", 20000));
+    if (strict())
+    {
+        ASSERT_TRUE(log().waitFor(strangerLine(stranger, false), 10s));
+    }
+    else
+    {
+        // The receiver handles datagrams in order: once it has refused this
+        // one, it has taken the acknowledgement.
+        stranger.send(m_good->getLocalPort(), Bytes{0});
+        ASSERT_TRUE(
+            log().waitFor(eudpLine(m_good->getLocalPort(), "dropping invalid packet"), 10s));
+    }
+    m_relay->setImpairment(RelayDirection::ClientToServer, Impairment());
+    ASSERT_TRUE(m_good->subscribe("last"));
+    if (!strict())
+    {
+        // The server asks again for the first lost one; the client has
+        // dropped it as acknowledged and refuses: this stream is stuck.
+        EXPECT_TRUE(log().waitFor(
+            eudpLine(m_good->getLocalPort(),
+                     "Received a NAK for a packet that had already been ACKed (ignoring)"),
+            20s));
+        EXPECT_EQ(countOf(m_serverEvents, Event{"subscribe", "queued0", ""}), 0);
+        EXPECT_EQ(countOf(m_serverEvents, Event{"subscribe", "last", ""}), 0);
+        return;
+    }
+    ASSERT_TRUE(eventually(
+        [&] {
+            return countOf(m_serverEvents, Event{"subscribe", "last", ""}) == 1;
+        },
+        20s));
+    std::vector<std::string> names;
+    for (const Event& event : m_serverEvents.events())
+    {
+        if (event.kind == "subscribe")
+        {
+            names.push_back(event.name);
+        }
+    }
+    ASSERT_EQ(names.size(), static_cast<std::size_t>(queued + 2));
+    for (int i = 0; i < queued; ++i)
+    {
+        EXPECT_EQ(names[1 + i], "queued" + std::to_string(i));
+    }
+}
+
+TEST_P(SpoofedDatagrams, ADataPacketFromAnotherPortIsDeliveredAndHidesThePeersUnlessStrict)
+{
+    ASSERT_NO_FATAL_FAILURE(connectThroughRelay());
+    // A subscribe to "intruder", numbered far ahead of the client: in
+    // real-time mode any number ahead is taken.
+    const Bytes message = {1, 'S', 9, 0, 'i', 'n', 't', 'r', 'u', 'd', 'e', 'r', 0};
+    RawUdp stranger;
+    WEFTConnection* server = m_connector->connection(m_goodIndex);
+    stranger.send(server->getLocalPort(), eudpPacket("CMD", 20000, message));
+    if (!strict())
+    {
+        ASSERT_TRUE(eventually(
+            [&] {
+                return countOf(m_serverEvents, Event{"subscribe", "intruder", ""}) == 1;
+            },
+            10s));
+        // The client's next numbers are behind: taken for duplicates, dropped.
+        ASSERT_TRUE(m_good->subscribe("after"));
+        EXPECT_TRUE(log().waitFor(
+            eudpLine(server->getPeerPort(), "received a duplicate packet - ACK and ignore"), 10s));
+        EXPECT_EQ(countOf(m_serverEvents, Event{"subscribe", "after", ""}), 0);
+        return;
+    }
+    ASSERT_TRUE(log().waitFor(strangerLine(stranger, true), 10s));
+    ASSERT_NO_FATAL_FAILURE(exchange("after"));
+    EXPECT_EQ(countOf(m_serverEvents, Event{"subscribe", "intruder", ""}), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Peers, SpoofedDatagrams, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info)
+                         { return info.param ? "Strict" : "Default"; });
+
+// ---- random bytes ----
+
+TEST_F(HostilePeerTest, RandomDatagramsOfEverySizeAreDroppedAtEveryPort)
+{
+    startServer(TRANSPORT_EUDP);
+    connectGood(TRANSPORT_EUDP);
+    ASSERT_NO_FATAL_FAILURE(exchange("before"));
+    const uint16 client = m_good->getLocalPort();
+    struct Target
+    {
+        uint16 port;
+        std::string line;
+    };
+    // The accepted transport logs under its peer's port, the client under its own.
+    const std::vector<Target> targets = {{m_port, eudpLine(0, "discarding invalid packet")},
+                                         {m_connector->connection(m_goodIndex)->getLocalPort(),
+                                          eudpLine(client, "dropping invalid packet")},
+                                         {client, eudpLine(client, "dropping invalid packet")}};
+    RawUdp stranger;
+    std::mt19937 random(20240611);
+    for (const Target& target : targets)
+    {
+        const std::size_t before = log().count(target.line);
+        for (std::size_t size = 0; size <= EUDP_MAX_PACKET_SIZE; ++size)
+        {
+            stranger.send(target.port, randomBytes(random, size));
+            // Paced, so that no socket queue overflows; an empty datagram
+            // carries nothing and is skipped by the socket.
+            if (size % 20 == 0 || size == EUDP_MAX_PACKET_SIZE)
+            {
+                ASSERT_TRUE(log().waitFor(target.line, 20s, before + size)) << "size " << size;
+            }
+        }
+    }
+    ASSERT_NO_FATAL_FAILURE(exchange("after"));
+    EXPECT_EQ(m_connector->accepted(), 1);
+    EXPECT_EQ(m_connector->reaped(), 0);
+}
+
+// ---- hostile TCP peers ----
+
+class HostileTcpPeer : public HostilePeerTest
+{
+protected:
+    void SetUp() override
+    {
+        HostilePeerTest::SetUp();
+        ASSERT_NO_FATAL_FAILURE(startServer(TRANSPORT_TCP));
+        ASSERT_NO_FATAL_FAILURE(connectGood(TRANSPORT_TCP));
+        ASSERT_NO_FATAL_FAILURE(exchange("before"));
+        m_threadsBefore = threadCount();
+        ASSERT_TRUE(m_raw.connect(tavo::HostAddress("127.0.0.1"), m_port));
+        // Reported up once its receive thread runs.
+        ASSERT_TRUE(eventually(
+            [&] {
+                return countOf(m_serverEvents, Event{"status", "server1", "connected"}) == 1;
+            },
+            10s));
+    }
+
+    void send(const Bytes& bytes)
+    {
+        ASSERT_EQ(m_raw.send(bytes.data(), static_cast<int>(bytes.size())),
+                  static_cast<int>(bytes.size()));
+    }
+
+    tavo::TcpSocket m_raw;
+    long m_threadsBefore = 0;
+};
+
+TEST_F(HostileTcpPeer, ALengthBeyondTheReceiveBufferEndsThatConnectionOnly)
+{
+    send({0xFF, 0xFF});
+    EXPECT_TRUE(m_connector->waitForReaped(1, 10s));
+    EXPECT_EQ(countOf(m_serverEvents, Event{"status", "server1", "disconnected"}), 1);
+    ASSERT_NO_FATAL_FAILURE(exchange("after"));
+}
+
+TEST_F(HostileTcpPeer, ATricklingPeerHoldsOneReceiveThreadWhileOthersAreServed)
+{
+    const long held = threadCount() - m_threadsBefore;
+    std::printf("[ measured ] a trickling TCP peer holds %ld thread(s)\n", held);
+    EXPECT_EQ(held, 1);
+    // A subscribe to "x", one byte a second: time itself is the subject.
+    const Bytes message = {6, 0, 1, 'S', 2, 0, 'x', 0};
+    std::thread trickler(
+        [&]
+        {
+            for (const uint8 byte : message)
+            {
+                m_raw.send(&byte, 1);
+                std::this_thread::sleep_for(1s);
+            }
+        });
+    ASSERT_NO_FATAL_FAILURE(exchange("while trickling"));
+    EXPECT_EQ(countOf(m_serverEvents, Event{"subscribe", "x", ""}), 0);
+    // No time limit: the message arrives whole after seven seconds.
+    EXPECT_TRUE(eventually(
+        [&] {
+            return countOf(m_serverEvents, Event{"subscribe", "x", ""}) == 1;
+        },
+        30s));
+    trickler.join();
+    EXPECT_EQ(m_connector->reaped(), 0);
+}
+
+TEST_F(HostileTcpPeer, GarbageIsDroppedMessageByMessageUntilALengthIsTooLong)
+{
+    std::mt19937 random(7);
+    // Framed garbage of every length keeps the stream aligned: each message
+    // is refused or taken for what it says, and the next one is read.
+    for (std::size_t length = 1; length <= WEFT_MAX_PACKET_SIZE; ++length)
+    {
+        Bytes framed = {static_cast<uint8>(length), static_cast<uint8>(length >> 8)};
+        const Bytes body = randomBytes(random, length);
+        framed.insert(framed.end(), body.begin(), body.end());
+        ASSERT_NO_FATAL_FAILURE(send(framed));
+    }
+    send({6, 0, 1, 'S', 2, 0, 'y', 0});
+    ASSERT_TRUE(eventually(
+        [&] {
+            return countOf(m_serverEvents, Event{"subscribe", "y", ""}) == 1;
+        },
+        30s));
+    EXPECT_GT(log().count("WEFT: discarding invalid packet"), WEFT_MAX_PACKET_SIZE / 2);
+    EXPECT_EQ(m_connector->reaped(), 0);
+    // Unframed garbage soon announces more than the receive buffer holds;
+    // the server may close before all of it is sent.
+    const Bytes garbage = randomBytes(random, 65536);
+    m_raw.send(garbage.data(), static_cast<int>(garbage.size()));
+    EXPECT_TRUE(m_connector->waitForReaped(1, 10s));
+    ASSERT_NO_FATAL_FAILURE(exchange("after"));
+}
+
+} // namespace
