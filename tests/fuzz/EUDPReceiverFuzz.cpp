@@ -1,0 +1,468 @@
+// Plays a peer on a plain UDP socket: connects to a listening EUDP transport,
+// then writes the fuzzer's datagrams to the accepted transport's port. Every
+// answer the transport sends back (ACK, NAK, NOP, MAK, WAK) and every payload
+// it stores is compared with what the datagrams call for; afterwards a data
+// packet sent with the number the transport expects still arrives, or, when
+// the datagrams held a DIS, the transport hands out what it stored and
+// reports its end.
+//
+// Input: one byte of flags (bit 0: the transport receives reliably, bit 1: it
+// sends reliably, bits 2-3: how many messages it sends meanwhile), the CON's
+// 32-bit argument, then datagrams, each behind a little-endian 16-bit length.
+
+#include "FuzzSupport.h"
+
+#include <weft/EUDPTransport.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <thread>
+
+using fuzz::Bytes;
+
+// Reaches the receiving state of a transport that the wire does not show.
+class EUDPTransportTestPeer
+{
+public:
+    static int expectedSeq(EUDPTransport& t)
+    {
+        tavo::MutexLock lock(t.m_receiveMutex);
+        return t.m_expectedSeq.getValue();
+    }
+    static uint stored(EUDPTransport& t)
+    {
+        tavo::MutexLock lock(t.m_receiveMutex);
+        return t.m_receiveBuffer.size();
+    }
+    static EConnMode receiveMode(const EUDPTransport& t) { return t.m_receiveMode; }
+    static EConnMode sendMode(const EUDPTransport& t) { return t.m_sendMode; }
+    static bool closed(const EUDPTransport& t) { return t.m_closed; }
+};
+
+namespace
+{
+
+typedef EUDPTransportTestPeer Peer;
+using namespace std::chrono_literals;
+
+// Datagrams between two fences; few enough that the socket buffers never
+// overflow, so no datagram is lost on the way.
+constexpr std::size_t BATCH = 16;
+// A datagram may be longer than a packet; the receive cuts it.
+constexpr std::size_t LONGEST_DATAGRAM = EUDP_MAX_PACKET_SIZE + 100;
+// How long the peer waits for one answer before it calls it missing.
+constexpr int ANSWER_WAIT_MS = 5000;
+
+const char* const NAMES[] = {"NOP", "ACK", "NAK", "CON", "DIS", "CMD", "MOD", "MAK", "WIN", "WAK"};
+
+int commandOf(const Bytes& datagram)
+{
+    for (int command = 0; command < 10; ++command)
+    {
+        if (std::memcmp(datagram.data() + 1, NAMES[command], 3) == 0)
+        {
+            return command;
+        }
+    }
+    return EUDP_UNKNOWN;
+}
+
+std::uint32_t argOf(const Bytes& datagram)
+{
+    return static_cast<std::uint32_t>(datagram[4]) | static_cast<std::uint32_t>(datagram[5]) << 8 |
+           static_cast<std::uint32_t>(datagram[6]) << 16 |
+           static_cast<std::uint32_t>(datagram[7]) << 24;
+}
+
+Bytes packet(int command, std::uint32_t arg, const Bytes& payload = Bytes())
+{
+    Bytes bytes(EUDP_HEADER_SIZE);
+    bytes[0] = EUDP_VERSION;
+    for (int i = 0; i < 3; ++i)
+    {
+        bytes[1 + i] = static_cast<uint8>(NAMES[command][i]);
+        bytes[4 + i] = static_cast<uint8>(arg >> (8 * i));
+    }
+    bytes[7] = static_cast<uint8>(arg >> 24);
+    bytes.resize(EUDP_HEADER_SIZE + payload.size());
+    std::copy(payload.begin(), payload.end(), bytes.begin() + EUDP_HEADER_SIZE);
+    return bytes;
+}
+
+std::uint32_t modeArg(uint8 b0, uint8 b1, uint8 b2, uint8 b3)
+{
+    return static_cast<std::uint32_t>(b0) | static_cast<std::uint32_t>(b1) << 8 |
+           static_cast<std::uint32_t>(b2) << 16 | static_cast<std::uint32_t>(b3) << 24;
+}
+
+std::string describe(const Bytes& datagram)
+{
+    if (datagram.size() < 8)
+    {
+        return fuzz::hex(datagram);
+    }
+    return std::string(datagram.begin() + 1, datagram.begin() + 4) + " " +
+           fuzz::str(argOf(datagram)) +
+           (datagram.size() > 8
+                ? " + " + fuzz::str(static_cast<long long>(datagram.size() - 8)) + " bytes"
+                : "");
+}
+
+// What the accepted transport does with each datagram, worked out from the
+// datagrams alone: its answers, what it stores, its modes and the number it
+// expects next.
+class Receiver
+{
+public:
+    Receiver(std::uint32_t conArg)
+        // The number after the CON's: the 32-bit argument as a signed number.
+        : m_expected(static_cast<int>(
+              (static_cast<std::int64_t>(static_cast<std::int32_t>(conArg)) + 1) % EUDP_SEQ_RANGE))
+    {
+    }
+
+    int m_expected;
+    EConnMode m_receiveMode = CONN_MODE_REALTIME;
+    EConnMode m_sendMode = CONN_MODE_REALTIME;
+    std::vector<Bytes> m_stored;
+    bool m_closed = false;
+
+    // One datagram as it reaches the transport; answers go to `answers`.
+    void feed(const Bytes& datagram, std::vector<Bytes>& answers)
+    {
+        // An empty datagram never arrives; an invalid one is dropped.
+        if (m_closed || datagram.size() < EUDP_HEADER_SIZE || datagram[0] != EUDP_VERSION ||
+            commandOf(datagram) == EUDP_UNKNOWN)
+        {
+            return;
+        }
+        const std::uint32_t arg = argOf(datagram);
+        switch (commandOf(datagram))
+        {
+        case EUDP_DIS:
+            m_closed = true;
+            break;
+        case EUDP_CMD:
+            data(arg, Bytes(datagram.begin() + EUDP_HEADER_SIZE, datagram.end()), answers);
+            break;
+        case EUDP_MOD:
+            mode(arg, answers);
+            break;
+        case EUDP_WIN:
+            answers.push_back(packet(EUDP_WAK, arg));
+            break;
+        default:
+            // NOP, ACK, NAK, MAK, WAK and a CON are answered with nothing.
+            break;
+        }
+    }
+
+private:
+    void data(std::uint32_t arg, const Bytes& payload, std::vector<Bytes>& answers)
+    {
+        // The argument as a signed number, reduced with the signed remainder,
+        // and its cyclic distance from the number expected.
+        const int seq = static_cast<std::int32_t>(arg) % EUDP_SEQ_RANGE;
+        int distance = seq - m_expected;
+        if (distance < -EUDP_SEQ_HALF)
+        {
+            distance += EUDP_SEQ_RANGE;
+        }
+        else if (distance > EUDP_SEQ_HALF)
+        {
+            distance -= EUDP_SEQ_RANGE;
+        }
+        if (distance < 0)
+        {
+            answers.push_back(packet(EUDP_ACK, arg));
+            return;
+        }
+        if (m_stored.size() == EUDP_RING_CAPACITY - 1)
+        {
+            return;
+        }
+        if (m_receiveMode == CONN_MODE_RELIABLE)
+        {
+            if (distance > 0)
+            {
+                answers.push_back(packet(EUDP_NAK, static_cast<std::uint32_t>(m_expected)));
+                return;
+            }
+            answers.push_back(packet(EUDP_ACK, static_cast<std::uint32_t>(seq)));
+        }
+        m_expected = (seq + 1) % EUDP_SEQ_RANGE;
+        if (!payload.empty())
+        {
+            m_stored.push_back(payload);
+        }
+        else if (m_receiveMode == CONN_MODE_REALTIME)
+        {
+            answers.push_back(packet(EUDP_NOP, 0));
+        }
+    }
+
+    // Every mode is allowed: a letter T or R sets it, D keeps it, any other
+    // refuses the request from there on, without an answer.
+    static bool pick(uint8 letter, EConnMode& mode)
+    {
+        if (letter == CONN_MODE_REALTIME || letter == CONN_MODE_RELIABLE)
+        {
+            mode = static_cast<EConnMode>(letter);
+            return true;
+        }
+        return letter == CONN_MODE_DONT_CARE;
+    }
+
+    void mode(std::uint32_t arg, std::vector<Bytes>& answers)
+    {
+        const uint8 send = static_cast<uint8>(arg);
+        const uint8 receive = static_cast<uint8>(arg >> 16);
+        if (!pick(send, m_sendMode) || !pick(receive, m_receiveMode))
+        {
+            return;
+        }
+        answers.push_back(packet(EUDP_MAK, modeArg(send, static_cast<uint8>(m_sendMode), receive,
+                                                   static_cast<uint8>(m_receiveMode))));
+    }
+};
+
+// A plain UDP socket on loopback: the peer.
+class RawPeer
+{
+public:
+    RawPeer() : m_fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in local = address(0);
+        FUZZ_CHECK(m_fd >= 0 &&
+                       ::bind(m_fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) == 0,
+                   "no UDP socket for the peer: errno " + fuzz::str(errno));
+    }
+    ~RawPeer() { ::close(m_fd); }
+    RawPeer(const RawPeer&) = delete;
+    RawPeer& operator=(const RawPeer&) = delete;
+
+    void send(uint16 port, const Bytes& datagram)
+    {
+        const sockaddr_in target = address(port);
+        const ssize_t sent = ::sendto(m_fd, datagram.data(), datagram.size(), 0,
+                                      reinterpret_cast<const sockaddr*>(&target), sizeof(target));
+        FUZZ_CHECK(sent == static_cast<ssize_t>(datagram.size()),
+                   "sending " + describe(datagram) + " failed: errno " + fuzz::str(errno));
+    }
+
+    // The next datagram from `port` that is not a data packet (the
+    // transport's own data and keep-alives are of no interest here); empty
+    // when none comes in time.
+    Bytes answerFrom(uint16 port)
+    {
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(ANSWER_WAIT_MS);
+        for (;;)
+        {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            pollfd wait{m_fd, POLLIN, 0};
+            if (left.count() <= 0 || ::poll(&wait, 1, static_cast<int>(left.count())) != 1)
+            {
+                return Bytes();
+            }
+            Bytes datagram(2000);
+            sockaddr_in source{};
+            socklen_t length = sizeof(source);
+            const ssize_t n = ::recvfrom(m_fd, datagram.data(), datagram.size(), 0,
+                                         reinterpret_cast<sockaddr*>(&source), &length);
+            if (n < 0)
+            {
+                continue;
+            }
+            datagram.resize(static_cast<std::size_t>(n));
+            if (ntohs(source.sin_port) == port &&
+                !(datagram.size() >= 8 && commandOf(datagram) == EUDP_CMD))
+            {
+                return datagram;
+            }
+        }
+    }
+
+    // Forgets whatever earlier transports sent.
+    void drain()
+    {
+        uint8 scrap[2000];
+        while (::recv(m_fd, scrap, sizeof(scrap), MSG_DONTWAIT) >= 0)
+        {
+        }
+    }
+
+private:
+    static sockaddr_in address(uint16 port)
+    {
+        sockaddr_in result{};
+        result.sin_family = AF_INET;
+        result.sin_port = htons(port);
+        result.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return result;
+    }
+
+    int m_fd;
+};
+
+// Set up once per process: the listening transport and the peer.
+EUDPTransport* g_pListener = nullptr;
+RawPeer* g_pPeer = nullptr;
+
+void expectAnswers(uint16 port, const std::vector<Bytes>& wanted, std::size_t& checked)
+{
+    for (; checked < wanted.size(); ++checked)
+    {
+        const Bytes answer = g_pPeer->answerFrom(port);
+        FUZZ_CHECK(answer == wanted[checked],
+                   "answer " + fuzz::str(static_cast<long long>(checked)) + " was " +
+                       (answer.empty() ? std::string("missing") : describe(answer)) + ", wanted " +
+                       describe(wanted[checked]));
+    }
+}
+
+// Waits for `condition`, which no event signals, for at most 5 s.
+template <class Condition>
+bool eventually(Condition condition)
+{
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (!condition())
+    {
+        if (std::chrono::steady_clock::now() >= deadline)
+        {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+void expectStored(EUDPTransport& transport, const std::vector<Bytes>& stored)
+{
+    uint8 buffer[WEFT_MAX_PACKET_SIZE];
+    for (std::size_t i = 0; i < stored.size(); ++i)
+    {
+        const int n = transport.receiveData(buffer, sizeof(buffer));
+        const Bytes payload(buffer, buffer + std::max(n, 0));
+        FUZZ_CHECK(payload == stored[i], "payload " + fuzz::str(static_cast<long long>(i)) +
+                                             " was " + fuzz::hex(payload) + "\n  wanted " +
+                                             fuzz::hex(stored[i]));
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fuzz::startQuietly();
+    g_pListener = new EUDPTransport();
+    FUZZ_CHECK(g_pListener->listen(tavo::HostAddress("127.0.0.1"), 0),
+               "the listening transport did not bind");
+    g_pPeer = new RawPeer();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
+{
+    fuzz::Input input(data, size);
+    const uint8 flags = input.u8();
+    const std::uint32_t conArg = input.u32();
+    const std::vector<Bytes> datagrams = input.chunks(LONGEST_DATAGRAM);
+
+    // Connect: a CON to the listener, answered from the new transport's port.
+    g_pPeer->drain();
+    g_pPeer->send(g_pListener->getLocalPort(), packet(EUDP_CON, conArg));
+    std::unique_ptr<EUDPTransport> transport(static_cast<EUDPTransport*>(g_pListener->accept()));
+    FUZZ_CHECK(transport != nullptr, "no transport accepted");
+    const uint16 port = transport->getLocalPort();
+    std::vector<Bytes> answers{packet(EUDP_ACK, conArg)};
+    std::size_t checked = 0;
+    expectAnswers(port, answers, checked);
+
+    Receiver model(conArg);
+    // The modes the run asks for, through a mode request of the peer.
+    const uint8 receive = (flags & 1) != 0 ? CONN_MODE_RELIABLE : CONN_MODE_DONT_CARE;
+    const uint8 send = (flags & 2) != 0 ? CONN_MODE_RELIABLE : CONN_MODE_DONT_CARE;
+    std::vector<Bytes> sent{packet(EUDP_MOD, modeArg(send, 'D', receive, 'D'))};
+    // Data of the transport's own, so that the peer's ACKs and NAKs meet a
+    // send ring that holds something.
+    for (int i = 0; i < ((flags >> 2) & 3); ++i)
+    {
+        const uint8 message[] = {'o', 'u', 't', static_cast<uint8>('0' + i)};
+        transport->sendData(message, sizeof(message));
+    }
+
+    // The datagrams, each batch followed by a window request as a fence:
+    // once its answer is back, everything before it has been handled.
+    sent.insert(sent.end(), datagrams.begin(), datagrams.end());
+    for (std::size_t first = 0; first < sent.size() && !model.m_closed; first += BATCH)
+    {
+        for (std::size_t i = first; i < std::min(first + BATCH, sent.size()) && !model.m_closed;
+             ++i)
+        {
+            g_pPeer->send(port, sent[i]);
+            // The socket hands out at most one packet's worth.
+            const Bytes arrives(sent[i].begin(),
+                                sent[i].begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(
+                                                      sent[i].size(), EUDP_MAX_PACKET_SIZE)));
+            model.feed(arrives, answers);
+        }
+        if (!model.m_closed)
+        {
+            const Bytes fence = packet(EUDP_WIN, EUDP_DEFAULT_WINDOW);
+            g_pPeer->send(port, fence);
+            model.feed(fence, answers);
+        }
+        expectAnswers(port, answers, checked);
+    }
+
+    if (model.m_closed)
+    {
+        // A DIS closes the transport: what it stored comes out, then the end.
+        FUZZ_CHECK(eventually([&] { return Peer::closed(*transport); }),
+                   "the transport did not close after a DIS");
+        expectStored(*transport, model.m_stored);
+        uint8 buffer[WEFT_MAX_PACKET_SIZE];
+        const int end = transport->receiveData(buffer, sizeof(buffer));
+        FUZZ_CHECK(end == 0,
+                   "after its stored payloads the closed transport read " + fuzz::str(end));
+        FUZZ_CHECK(transport->receiveData(buffer, sizeof(buffer)) == 0,
+                   "a second read after the end");
+        return 0;
+    }
+
+    FUZZ_CHECK(!Peer::closed(*transport), "the transport closed without a DIS");
+    const int expected = Peer::expectedSeq(*transport);
+    const uint stored = Peer::stored(*transport);
+    FUZZ_CHECK(expected == model.m_expected && stored == model.m_stored.size() &&
+                   Peer::receiveMode(*transport) == model.m_receiveMode &&
+                   Peer::sendMode(*transport) == model.m_sendMode,
+               "the transport expects " + fuzz::str(expected) + " holding " + fuzz::str(stored) +
+                   " in modes " + fuzz::str(Peer::receiveMode(*transport)) + "/" +
+                   fuzz::str(Peer::sendMode(*transport)) + ", wanted " +
+                   fuzz::str(model.m_expected) + " holding " +
+                   fuzz::str(static_cast<long long>(model.m_stored.size())) + " in " +
+                   fuzz::str(model.m_receiveMode) + "/" + fuzz::str(model.m_sendMode));
+    expectStored(*transport, model.m_stored);
+    model.m_stored.clear();
+
+    // The connection still works: a data packet with the number expected
+    // arrives (and is acknowledged in reliable mode).
+    const Bytes probe{'p', 'r', 'o', 'b', 'e'};
+    const Bytes datagram = packet(EUDP_CMD, static_cast<std::uint32_t>(expected), probe);
+    g_pPeer->send(port, datagram);
+    model.feed(datagram, answers);
+    expectAnswers(port, answers, checked);
+    FUZZ_CHECK(eventually([&] { return Peer::stored(*transport) == model.m_stored.size(); }),
+               "the packet sent after the datagrams was not stored");
+    expectStored(*transport, model.m_stored);
+    return 0;
+}
