@@ -32,6 +32,9 @@ struct Options
     int scaleEudp = 200;
     // Runs only the scenarios whose name contains this text (empty: all).
     std::string only;
+    // Runs only the subjects whose name contains this text (empty: all);
+    // meant for profiling one of them.
+    std::string subject;
     std::string jsonPath;
 };
 
@@ -52,6 +55,8 @@ struct Row
     // may be lost, connections that did not come up).
     bool ok = true;
     std::string failure;
+    // Left out by the subject filter: neither run nor shown.
+    bool skipped = false;
 };
 
 // Which figures a scenario shows, in order: key, column title, unit, and
@@ -64,15 +69,6 @@ struct Column
     bool ratio;
 };
 
-struct Scenario
-{
-    std::string name;  // stable identifier, as in the JSON
-    std::string title; // shown in the table
-    std::vector<Column> columns;
-    std::vector<Row> rows;
-    int repetitions = 0;
-};
-
 // The outcome of one run: its figures, or what went wrong.
 struct RunResult
 {
@@ -81,10 +77,36 @@ struct RunResult
     std::string failure;
 };
 
-// Runs `run` `repetitions` times and keeps the median of every figure; the
-// row fails when any run failed.
-Row repeat(const std::string& subject, const std::string& baseline, int repetitions,
-           const std::function<RunResult()>& run);
+// Something to measure: one run of it gives one set of figures.
+struct Subject
+{
+    std::string name;
+    std::string baseline;
+    std::function<RunResult()> run;
+};
+
+Subject subject(const std::string& name, const std::string& baseline,
+                std::function<RunResult()> run);
+
+struct Scenario
+{
+    std::string name;  // stable identifier, as in the JSON
+    std::string title; // shown in the table
+    std::vector<Column> columns;
+    std::vector<Subject> subjects;
+    // Filled in by measure(), one per subject, in the same order.
+    std::vector<Row> rows;
+    int repetitions = 0;
+};
+
+// Subjects whose name lacks this text are skipped by measure().
+void setSubjectFilter(const std::string& text);
+
+// Runs every subject once per round, `repetitions` rounds, and keeps the
+// median of every figure. Rounds rather than one subject's runs in a row: a
+// passing disturbance of the machine then touches every subject alike
+// instead of one. A row fails when any of its runs failed.
+void measure(Scenario& scenario);
 
 // Percentiles of a set of durations in microseconds: p50_us, p99_us,
 // p999_us, max_us.

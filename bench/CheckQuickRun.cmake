@@ -2,6 +2,8 @@
 # scenario with every figure of every row.
 #   cmake -DWEFT_BENCH=<weft-bench> -DWEFT_BENCH_JSON=<file> -P CheckQuickRun.cmake
 
+cmake_minimum_required(VERSION 3.25)
+
 file(REMOVE ${WEFT_BENCH_JSON})
 execute_process(COMMAND ${WEFT_BENCH} --quick --json ${WEFT_BENCH_JSON}
     RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE errors)

@@ -32,33 +32,33 @@ void runLatency(const Options& options, std::vector<Scenario>& out)
                         {"p999_us", "p99.9", "µs", true},
                         {"max_us", "max", "µs", true}};
     scenario.repetitions = options.repetitions;
-    const int reps = options.repetitions;
     const int rounds = options.latencyRounds;
     const int warmup = options.latencyWarmup;
 
-    scenario.rows.push_back(repeat("plain TCP ping-pong", "", reps,
-                                   [&]
-                                   { return tcpPingPong(rounds, warmup, LATENCY_MESSAGE_SIZE); }));
-    scenario.rows.push_back(repeat("plain UDP ping-pong", "", reps,
-                                   [&]
-                                   { return udpPingPong(rounds, warmup, LATENCY_MESSAGE_SIZE); }));
-    scenario.rows.push_back(repeat("weft TCP", "plain TCP ping-pong", reps,
-                                   [&] { return weftLatencyRun(EPairMode::TCP, options); }));
-    scenario.rows.push_back(repeat("weft EUDP real-time", "plain UDP ping-pong", reps,
-                                   [&]
-                                   { return weftLatencyRun(EPairMode::EUDP_REALTIME, options); }));
-    scenario.rows.push_back(repeat("weft EUDP reliable", "plain UDP ping-pong", reps,
-                                   [&]
-                                   { return weftLatencyRun(EPairMode::EUDP_RELIABLE, options); }));
+    scenario.subjects.push_back(
+        subject("plain TCP ping-pong", "",
+                [&] { return tcpPingPong(rounds, warmup, LATENCY_MESSAGE_SIZE); }));
+    scenario.subjects.push_back(
+        subject("plain UDP ping-pong", "",
+                [&] { return udpPingPong(rounds, warmup, LATENCY_MESSAGE_SIZE); }));
+    scenario.subjects.push_back(subject("weft TCP", "plain TCP ping-pong",
+                                        [&] { return weftLatencyRun(EPairMode::TCP, options); }));
+    scenario.subjects.push_back(
+        subject("weft EUDP real-time", "plain UDP ping-pong",
+                [&] { return weftLatencyRun(EPairMode::EUDP_REALTIME, options); }));
+    scenario.subjects.push_back(
+        subject("weft EUDP reliable", "plain UDP ping-pong",
+                [&] { return weftLatencyRun(EPairMode::EUDP_RELIABLE, options); }));
     if (enetAvailable())
     {
-        scenario.rows.push_back(
-            repeat("ENet reliable", "plain UDP ping-pong", reps,
-                   [&] { return enetPingPong(true, rounds, warmup, LATENCY_MESSAGE_SIZE); }));
-        scenario.rows.push_back(
-            repeat("ENet unreliable", "plain UDP ping-pong", reps,
-                   [&] { return enetPingPong(false, rounds, warmup, LATENCY_MESSAGE_SIZE); }));
+        scenario.subjects.push_back(
+            subject("ENet reliable", "plain UDP ping-pong",
+                    [&] { return enetPingPong(true, rounds, warmup, LATENCY_MESSAGE_SIZE); }));
+        scenario.subjects.push_back(
+            subject("ENet unreliable", "plain UDP ping-pong",
+                    [&] { return enetPingPong(false, rounds, warmup, LATENCY_MESSAGE_SIZE); }));
     }
+    measure(scenario);
     out.push_back(std::move(scenario));
 }
 

@@ -69,13 +69,15 @@ void runLoss(const Options& options, std::vector<Scenario>& out)
                         {"in_order", "all in order", "", false},
                         {"dropped", "datagrams dropped", "", false}};
     scenario.repetitions = options.repetitions;
-    const int reps = options.repetitions;
-    scenario.rows.push_back(
-        repeat("weft EUDP reliable, 0% loss", "", reps, [&] { return lossRun(0.0, options); }));
-    scenario.rows.push_back(repeat("weft EUDP reliable, 1% loss", "weft EUDP reliable, 0% loss",
-                                   reps, [&] { return lossRun(0.01, options); }));
-    scenario.rows.push_back(repeat("weft EUDP reliable, 5% loss", "weft EUDP reliable, 0% loss",
-                                   reps, [&] { return lossRun(0.05, options); }));
+    scenario.subjects.push_back(
+        subject("weft EUDP reliable, 0% loss", "", [&] { return lossRun(0.0, options); }));
+    scenario.subjects.push_back(subject("weft EUDP reliable, 1% loss",
+                                        "weft EUDP reliable, 0% loss",
+                                        [&] { return lossRun(0.01, options); }));
+    scenario.subjects.push_back(subject("weft EUDP reliable, 5% loss",
+                                        "weft EUDP reliable, 0% loss",
+                                        [&] { return lossRun(0.05, options); }));
+    measure(scenario);
     out.push_back(std::move(scenario));
 }
 

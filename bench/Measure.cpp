@@ -43,34 +43,68 @@ Figures latencyFigures(std::vector<double>& samplesUs)
             {"max_us", samplesUs.empty() ? 0 : samplesUs.back()}};
 }
 
-Row repeat(const std::string& subject, const std::string& baseline, int repetitions,
-           const std::function<RunResult()>& run)
+namespace
 {
-    Row row;
-    row.subject = subject;
-    row.baseline = baseline;
-    std::map<std::string, std::vector<double>> samples;
-    for (int i = 0; i < repetitions; ++i)
+
+std::string& subjectFilter()
+{
+    static std::string filter;
+    return filter;
+}
+
+} // namespace
+
+void setSubjectFilter(const std::string& text)
+{
+    subjectFilter() = text;
+}
+
+Subject subject(const std::string& name, const std::string& baseline,
+                std::function<RunResult()> run)
+{
+    return Subject{name, baseline, std::move(run)};
+}
+
+void measure(Scenario& scenario)
+{
+    std::vector<std::map<std::string, std::vector<double>>> samples(scenario.subjects.size());
+    scenario.rows.assign(scenario.subjects.size(), Row{});
+    for (std::size_t i = 0; i < scenario.subjects.size(); ++i)
     {
-        RunResult result = run();
-        if (!result.ok)
+        Row& row = scenario.rows[i];
+        row.subject = scenario.subjects[i].name;
+        row.baseline = scenario.subjects[i].baseline;
+        row.skipped = row.subject.find(subjectFilter()) == std::string::npos;
+    }
+    for (int round = 0; round < scenario.repetitions; ++round)
+    {
+        for (std::size_t i = 0; i < scenario.subjects.size(); ++i)
         {
-            row.ok = false;
-            if (row.failure.empty())
+            Row& row = scenario.rows[i];
+            if (row.skipped)
             {
+                continue;
+            }
+            RunResult result = scenario.subjects[i].run();
+            if (!result.ok && row.ok)
+            {
+                row.ok = false;
                 row.failure = result.failure;
             }
-        }
-        for (const auto& [key, value] : result.figures)
-        {
-            samples[key].push_back(value);
+            for (const auto& [key, value] : result.figures)
+            {
+                samples[i][key].push_back(value);
+            }
         }
     }
-    for (auto& [key, values] : samples)
+    for (std::size_t i = 0; i < scenario.rows.size(); ++i)
     {
-        row.figures[key] = median(values);
+        for (auto& [key, values] : samples[i])
+        {
+            scenario.rows[i].figures[key] = median(values);
+        }
     }
-    return row;
+    std::erase_if(scenario.rows, [](const Row& row) { return row.skipped; });
 }
 
 double processCpuUs()

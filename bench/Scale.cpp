@@ -93,7 +93,6 @@ Scenario scaleScenario(const std::string& name, const std::string& title, int re
 
 void runScale(const Options& options, std::vector<Scenario>& out)
 {
-    const int reps = options.repetitions;
     const int tcp = options.scaleTcp;
     const int eudp = options.scaleEudp;
 
@@ -101,22 +100,24 @@ void runScale(const Options& options, std::vector<Scenario>& out)
         scaleScenario("scale_tcp",
                       "Scale: " + std::to_string(tcp) +
                           " TCP connections to one server, both ends in this process",
-                      reps);
-    tcpScenario.rows.push_back(
-        repeat("plain TCP sockets", "", reps, [&] { return plainTcpScale(tcp); }));
-    tcpScenario.rows.push_back(repeat("weft TCP", "plain TCP sockets", reps,
-                                      [&] { return weftScale(TRANSPORT_TCP, tcp); }));
+                      options.repetitions);
+    tcpScenario.subjects.push_back(
+        subject("plain TCP sockets", "", [&] { return plainTcpScale(tcp); }));
+    tcpScenario.subjects.push_back(
+        subject("weft TCP", "plain TCP sockets", [&] { return weftScale(TRANSPORT_TCP, tcp); }));
+    measure(tcpScenario);
     out.push_back(std::move(tcpScenario));
 
     Scenario eudpScenario =
         scaleScenario("scale_eudp",
                       "Scale: " + std::to_string(eudp) +
                           " EUDP connections to one server, both ends in this process",
-                      reps);
-    eudpScenario.rows.push_back(
-        repeat("plain UDP socket pairs", "", reps, [&] { return plainUdpScale(eudp); }));
-    eudpScenario.rows.push_back(repeat("weft EUDP", "plain UDP socket pairs", reps,
-                                       [&] { return weftScale(TRANSPORT_EUDP, eudp); }));
+                      options.repetitions);
+    eudpScenario.subjects.push_back(
+        subject("plain UDP socket pairs", "", [&] { return plainUdpScale(eudp); }));
+    eudpScenario.subjects.push_back(subject("weft EUDP", "plain UDP socket pairs",
+                                            [&] { return weftScale(TRANSPORT_EUDP, eudp); }));
+    measure(eudpScenario);
     out.push_back(std::move(eudpScenario));
 }
 

@@ -23,7 +23,6 @@ RunResult weftPushRun(EPairMode mode, unsigned int window, int messages, int mes
 
 void runThroughput(const Options& options, std::vector<Scenario>& out)
 {
-    const int reps = options.repetitions;
     const int messages = options.throughputMessages;
     for (const int size : throughputSizes())
     {
@@ -35,30 +34,31 @@ void runThroughput(const Options& options, std::vector<Scenario>& out)
                             {"mb_per_s", "MB/s", "", true},
                             {"lost", "lost", "", false},
                             {"cpu_us_per_msg", "CPU/msg", "µs", true}};
-        scenario.repetitions = reps;
-        scenario.rows.push_back(
-            repeat("plain TCP blaster", "", reps, [&] { return tcpBlast(messages, size); }));
-        scenario.rows.push_back(
-            repeat("plain UDP blaster", "", reps, [&] { return udpBlast(messages, size); }));
-        scenario.rows.push_back(repeat("weft TCP", "plain TCP blaster", reps,
-                                       [&]
-                                       { return weftPushRun(EPairMode::TCP, 0, messages, size); }));
-        scenario.rows.push_back(
-            repeat("weft EUDP real-time", "plain UDP blaster", reps,
-                   [&] { return weftPushRun(EPairMode::EUDP_REALTIME, 0, messages, size); }));
+        scenario.repetitions = options.repetitions;
+        scenario.subjects.push_back(
+            subject("plain TCP blaster", "", [&] { return tcpBlast(messages, size); }));
+        scenario.subjects.push_back(
+            subject("plain UDP blaster", "", [&] { return udpBlast(messages, size); }));
+        scenario.subjects.push_back(
+            subject("weft TCP", "plain TCP blaster",
+                    [&] { return weftPushRun(EPairMode::TCP, 0, messages, size); }));
+        scenario.subjects.push_back(
+            subject("weft EUDP real-time", "plain UDP blaster",
+                    [&] { return weftPushRun(EPairMode::EUDP_REALTIME, 0, messages, size); }));
         for (const unsigned int window : {10u, 64u, 512u})
         {
-            scenario.rows.push_back(repeat(
-                "weft EUDP reliable, window " + std::to_string(window), "plain UDP blaster", reps,
+            scenario.subjects.push_back(subject(
+                "weft EUDP reliable, window " + std::to_string(window), "plain UDP blaster",
                 [&] { return weftPushRun(EPairMode::EUDP_RELIABLE, window, messages, size); }));
         }
         if (enetAvailable())
         {
-            scenario.rows.push_back(repeat("ENet reliable", "plain UDP blaster", reps,
-                                           [&] { return enetBlast(true, messages, size); }));
-            scenario.rows.push_back(repeat("ENet unreliable", "plain UDP blaster", reps,
-                                           [&] { return enetBlast(false, messages, size); }));
+            scenario.subjects.push_back(subject("ENet reliable", "plain UDP blaster",
+                                                [&] { return enetBlast(true, messages, size); }));
+            scenario.subjects.push_back(subject("ENet unreliable", "plain UDP blaster",
+                                                [&] { return enetBlast(false, messages, size); }));
         }
+        measure(scenario);
         out.push_back(std::move(scenario));
     }
 }

@@ -9,15 +9,15 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
-#include <iostream>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -25,11 +25,13 @@ namespace
 void usage()
 {
     std::printf("usage: weft-bench [--quick] [--json FILE] [--repetitions N] [--only NAME]\n"
+                "                  [--subject TEXT]\n"
                 "  --quick          every scenario briefly (a few seconds in all)\n"
                 "  --json FILE      also write the figures and the machine to FILE\n"
                 "  --repetitions N  runs per figure; each figure is their median\n"
                 "  --only NAME      only scenarios whose name contains NAME\n"
-                "                   (latency, throughput, loss, scale)\n");
+                "                   (latency, throughput, loss, scale)\n"
+                "  --subject TEXT   only subjects whose name contains TEXT (for profiling)\n");
 }
 
 bool parse(int argc, char** argv, bench::Options& options)
@@ -59,6 +61,10 @@ bool parse(int argc, char** argv, bench::Options& options)
         {
             options.only = argv[++i];
         }
+        else if (arg == "--subject" && hasValue)
+        {
+            options.subject = argv[++i];
+        }
         else
         {
             return false;
@@ -70,9 +76,9 @@ bool parse(int argc, char** argv, bench::Options& options)
         options.latencyRounds = 1000;
         options.latencyWarmup = 100;
         options.throughputMessages = 2000;
-        options.lossRounds = 30;
-        options.lossMessages = 500;
-        options.scaleTcp = 100;
+        options.lossRounds = 20;
+        options.lossMessages = 300;
+        options.scaleTcp = 50;
         options.scaleEudp = 20;
     }
     if (repetitions > 0)
@@ -114,6 +120,7 @@ int main(int argc, char** argv)
         return 2;
     }
     raiseDescriptorLimit(2 * options.scaleTcp + 256);
+    bench::setSubjectFilter(options.subject);
     weftInit();
     LogCounts logs;
     tavo::LogManager::getInstance()->setSink(
