@@ -70,6 +70,45 @@ TEST(TimerTest, RestartingPushesTheDeadlineBack)
     EXPECT_FALSE(counter.fired.waitFor(2, 300ms));
 }
 
+TEST(TimerTest, ATimerReArmedOftenFiresOnceAndAnEarlierDeadlineStillWakesTheThread)
+{
+    Counter far;
+    Counter pushed;
+    Counter near;
+    tavo::Callback<Counter> farCallback(&far, &Counter::fire);
+    tavo::Callback<Counter> pushedCallback(&pushed, &Counter::fire);
+    tavo::Callback<Counter> nearCallback(&near, &Counter::fire);
+    tavo::Timer farTimer;
+    tavo::Timer pushedTimer;
+    tavo::Timer nearTimer;
+    farTimer.addCallback(&farCallback);
+    pushedTimer.addCallback(&pushedCallback);
+    nearTimer.addCallback(&nearCallback);
+
+    // The timer thread sleeps towards the far deadline; re-arming pushes the
+    // other timer back without waking it, and the near deadline must wake
+    // it all the same, long before the far one.
+    farTimer.start(30000000, true);
+    // Once a short timer has fired, the thread runs and heads for the far one.
+    Counter probe;
+    tavo::Callback<Counter> probeCallback(&probe, &Counter::fire);
+    tavo::Timer probeTimer;
+    probeTimer.addCallback(&probeCallback);
+    probeTimer.start(1000, true);
+    ASSERT_TRUE(probe.fired.waitFor(1, 10s));
+    for (int i = 0; i < 1000; ++i)
+    {
+        pushedTimer.start(40000, true);
+    }
+    nearTimer.start(20000, true);
+    EXPECT_TRUE(near.fired.waitFor(1, 10s));
+    ASSERT_TRUE(pushed.fired.waitFor(1, 10s));
+    EXPECT_FALSE(pushed.fired.waitFor(2, 200ms)) << "a re-armed one-shot timer fired twice";
+    EXPECT_EQ(far.fired.get(), 0);
+    EXPECT_TRUE(farTimer.isRunning());
+    farTimer.stop();
+}
+
 TEST(TimerTest, ManyTimersFireInDeadlineOrder)
 {
     constexpr int timers = 20;
@@ -137,10 +176,12 @@ TEST(TimerTest, StopWaitsForACallbackThatIsRunning)
     timer.start(0, true);
     ASSERT_EQ(slow.entered.take(5000), tavo::TAKE_OK);
 
-    std::thread releaser([&] {
-        tavo::Thread::mssleep(50);
-        slow.release.give();
-    });
+    std::thread releaser(
+        [&]
+        {
+            tavo::Thread::mssleep(50);
+            slow.release.give();
+        });
     timer.stop();
     EXPECT_TRUE(slow.finished.load());
     releaser.join();

@@ -27,8 +27,15 @@ public:
         unschedule(timer);
         timer.m_period = period;
         timer.m_oneShot = oneShot;
-        schedule(timer, std::chrono::steady_clock::now() + period);
-        m_wake.notify_one();
+        const auto deadline = std::chrono::steady_clock::now() + period;
+        schedule(timer, deadline);
+        // The timer thread needs waking only when this deadline comes before
+        // the moment it already wakes at; a later one it finds by itself. A
+        // timer pushed back again and again thus costs no wake-up each time.
+        if (deadline < m_wakeAt)
+        {
+            m_wake.notify_one();
+        }
     }
 
     void stop(Timer& timer)
@@ -51,7 +58,7 @@ public:
     }
 
 private:
-    TimerService() : m_firing(nullptr)
+    TimerService() : m_firing(nullptr), m_wakeAt(std::chrono::steady_clock::time_point::min())
     {
         pthread_t thread;
         pthread_attr_t attributes;
@@ -78,7 +85,15 @@ private:
 
     void schedule(Timer& timer, std::chrono::steady_clock::time_point deadline)
     {
-        timer.m_entry = m_schedule.emplace(deadline, &timer);
+        if (timer.m_spareEntry)
+        {
+            timer.m_spareEntry.key() = deadline;
+            timer.m_entry = m_schedule.insert(std::move(timer.m_spareEntry));
+        }
+        else
+        {
+            timer.m_entry = m_schedule.emplace(deadline, &timer);
+        }
         timer.m_armed = true;
     }
 
@@ -86,7 +101,7 @@ private:
     {
         if (timer.m_armed)
         {
-            m_schedule.erase(timer.m_entry);
+            timer.m_spareEntry = m_schedule.extract(timer.m_entry);
             timer.m_armed = false;
         }
     }
@@ -99,7 +114,9 @@ private:
         {
             if (m_schedule.empty())
             {
+                m_wakeAt = std::chrono::steady_clock::time_point::max();
                 m_wake.wait(lock);
+                m_wakeAt = std::chrono::steady_clock::time_point::min();
                 continue;
             }
             const auto first = m_schedule.begin();
@@ -108,13 +125,14 @@ private:
             {
                 // A copy: the entry may be erased while this thread waits.
                 const auto next = first->first;
+                m_wakeAt = next;
                 m_wake.wait_until(lock, next);
+                m_wakeAt = std::chrono::steady_clock::time_point::min();
                 continue;
             }
             Timer& timer = *first->second;
             const auto deadline = first->first;
-            m_schedule.erase(first);
-            timer.m_armed = false;
+            unschedule(timer);
             if (!timer.m_oneShot)
             {
                 // A periodic timer keeps its rhythm but never fires in a burst
@@ -142,6 +160,10 @@ private:
     std::condition_variable m_idle;
     Timer::Schedule m_schedule;
     Timer* m_firing;
+    // When the timer thread wakes by itself: the deadline it waits for, the
+    // far future while it waits for a first timer, the far past while it is
+    // awake (it looks at the schedule again before it sleeps).
+    std::chrono::steady_clock::time_point m_wakeAt;
 };
 
 Timer::Timer() : m_armed(false), m_oneShot(true), m_period(0), m_entry() {}

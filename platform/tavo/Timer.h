@@ -55,6 +55,9 @@ private:
     bool m_oneShot;
     std::chrono::microseconds m_period;
     Schedule::iterator m_entry;
+    // The schedule node of the last disarm, kept for the next start: a timer
+    // re-armed for every datagram then costs no allocation.
+    Schedule::node_type m_spareEntry;
 };
 
 } // namespace tavo
