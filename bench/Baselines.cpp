@@ -299,6 +299,7 @@ RunResult tcpBlast(int messages, int messageSize)
         });
     const std::vector<uint8_t> message = framed(messageSize);
     const double cpuBefore = processCpuUs();
+    const double switchesBefore = contextSwitches();
     const Clock::time_point start = Clock::now();
     RunResult result;
     for (int i = 0; i < messages; ++i)
@@ -312,6 +313,7 @@ RunResult tcpBlast(int messages, int messageSize)
     ::shutdown(server, SHUT_WR);
     reader.join();
     const double cpuUs = processCpuUs() - cpuBefore;
+    const double switches = contextSwitches() - switchesBefore;
     closeAll({client, server, listener});
     const int count = received.load();
     const double seconds = elapsedUs(start, last) / 1e6;
@@ -319,7 +321,8 @@ RunResult tcpBlast(int messages, int messageSize)
         {"msgs_per_s", seconds > 0 ? count / seconds : 0},
         {"mb_per_s", seconds > 0 ? static_cast<double>(count) * messageSize / seconds / 1e6 : 0},
         {"lost", messages - count},
-        {"cpu_us_per_msg", count > 0 ? cpuUs / count : 0}};
+        {"cpu_us_per_msg", count > 0 ? cpuUs / count : 0},
+        {"switches_per_msg", count > 0 ? switches / count : 0}};
     return result;
 }
 
@@ -347,6 +350,7 @@ RunResult udpBlast(int messages, int messageSize)
         });
     const std::vector<uint8_t> message(static_cast<std::size_t>(messageSize), 'x');
     const double cpuBefore = processCpuUs();
+    const double switchesBefore = contextSwitches();
     const Clock::time_point start = Clock::now();
     for (int i = 0; i < messages; ++i)
     {
@@ -371,6 +375,7 @@ RunResult udpBlast(int messages, int messageSize)
     ::shutdown(receiver, SHUT_RDWR);
     reader.join();
     const double cpuUs = processCpuUs() - cpuBefore;
+    const double switches = contextSwitches() - switchesBefore;
     closeAll({sender, receiver});
     const int count = received.load();
     const double seconds = elapsedUs(start, Clock::time_point(Clock::duration(last.load()))) / 1e6;
@@ -379,7 +384,8 @@ RunResult udpBlast(int messages, int messageSize)
         {"msgs_per_s", seconds > 0 ? count / seconds : 0},
         {"mb_per_s", seconds > 0 ? static_cast<double>(count) * messageSize / seconds / 1e6 : 0},
         {"lost", messages - count},
-        {"cpu_us_per_msg", count > 0 ? cpuUs / count : 0}};
+        {"cpu_us_per_msg", count > 0 ? cpuUs / count : 0},
+        {"switches_per_msg", count > 0 ? switches / count : 0}};
     return result;
 }
 

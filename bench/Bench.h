@@ -116,6 +116,9 @@ double median(std::vector<double> values);
 
 // User plus system CPU time of the whole process, in microseconds.
 double processCpuUs();
+// Context switches of the whole process so far, voluntary or not: each
+// thread hand-off that puts a thread to sleep shows up here.
+double contextSwitches();
 double elapsedUs(Clock::time_point from, Clock::time_point to);
 
 // Fields of /proc/self/status.

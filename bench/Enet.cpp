@@ -203,6 +203,7 @@ RunResult enetBlast(bool reliable, int messages, int messageSize)
         });
     ENetPeer* peer = connectClient(client, port);
     const double cpuBefore = processCpuUs();
+    const double switchesBefore = contextSwitches();
     if (peer != nullptr)
     {
         const auto idleLimit = reliable ? RELIABLE_IDLE_LIMIT : REALTIME_IDLE_LIMIT;
@@ -224,6 +225,7 @@ RunResult enetBlast(bool reliable, int messages, int messageSize)
         result = RunResult{{}, false, "ENet connect failed"};
     }
     const double cpuUs = processCpuUs() - cpuBefore;
+    const double switches = contextSwitches() - switchesBefore;
     stop = true;
     pusher.join();
     enet_host_destroy(client);
@@ -236,7 +238,8 @@ RunResult enetBlast(bool reliable, int messages, int messageSize)
         {"msgs_per_s", seconds > 0 ? count / seconds : 0},
         {"mb_per_s", seconds > 0 ? static_cast<double>(count) * messageSize / seconds / 1e6 : 0},
         {"lost", messages - count},
-        {"cpu_us_per_msg", count > 0 ? cpuUs / count : 0}};
+        {"cpu_us_per_msg", count > 0 ? cpuUs / count : 0},
+        {"switches_per_msg", count > 0 ? switches / count : 0}};
     if (result.ok && reliable && count != messages)
     {
         result.ok = false;

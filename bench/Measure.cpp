@@ -116,6 +116,13 @@ double processCpuUs()
     return us(usage.ru_utime) + us(usage.ru_stime);
 }
 
+double contextSwitches()
+{
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_nvcsw) + static_cast<double>(usage.ru_nivcsw);
+}
+
 double elapsedUs(Clock::time_point from, Clock::time_point to)
 {
     return std::chrono::duration<double, std::micro>(to - from).count();

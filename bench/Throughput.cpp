@@ -33,7 +33,8 @@ void runThroughput(const Options& options, std::vector<Scenario>& out)
         scenario.columns = {{"msgs_per_s", "messages/s", "", true},
                             {"mb_per_s", "MB/s", "", true},
                             {"lost", "lost", "", false},
-                            {"cpu_us_per_msg", "CPU/msg", "µs", true}};
+                            {"cpu_us_per_msg", "CPU/msg", "µs", true},
+                            {"switches_per_msg", "context switches/msg", "", true}};
         scenario.repetitions = options.repetitions;
         scenario.subjects.push_back(
             subject("plain TCP blaster", "", [&] { return tcpBlast(messages, size); }));

@@ -312,6 +312,7 @@ RunResult weftPush(WeftPair& pair, int messages, int messageSize, bool mustDeliv
     std::string text(static_cast<std::size_t>(messageSize - 8), 'x');
     char digits[16];
     const double cpuBefore = processCpuUs();
+    const double switchesBefore = contextSwitches();
     const Clock::time_point start = Clock::now();
     for (int i = 0; i < messages; ++i)
     {
@@ -343,6 +344,7 @@ RunResult weftPush(WeftPair& pair, int messages, int messageSize, bool mustDeliv
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     const double cpuUs = processCpuUs() - cpuBefore;
+    const double switches = contextSwitches() - switchesBefore;
     const int received = client.updates();
     const double seconds = elapsedUs(start, client.lastUpdate()) / 1e6;
     result.figures["msgs_per_s"] = seconds > 0 ? received / seconds : 0;
@@ -350,6 +352,7 @@ RunResult weftPush(WeftPair& pair, int messages, int messageSize, bool mustDeliv
         seconds > 0 ? static_cast<double>(received) * messageSize / seconds / 1e6 : 0;
     result.figures["lost"] = messages - received;
     result.figures["cpu_us_per_msg"] = received > 0 ? cpuUs / received : 0;
+    result.figures["switches_per_msg"] = received > 0 ? switches / received : 0;
     if (client.outOfOrder() > 0)
     {
         result.ok = false;
