@@ -58,6 +58,16 @@ void drain(tavo::BinarySemaphore& semaphore)
     }
 }
 
+// A datagram socket with room for a burst: the default buffer overflows
+// once a large window's worth of datagrams arrives at once, and every
+// datagram lost there costs a reliable sender a go-back.
+tavo::UdpSocket* newSocket()
+{
+    auto* socket = new tavo::UdpSocket();
+    socket->setReceiveBufferSize(EUDP_SOCKET_RECEIVE_BUFFER);
+    return socket;
+}
+
 } // namespace
 
 // ---- threads ----
@@ -104,7 +114,7 @@ EUDPTransport::EUDPTransport(const tavo::HostAddress& peer, uint16 port)
       m_pLog(tavo::LogManager::getInstance()->getLogOutput("WEFT")), m_pSendAliveCallback(nullptr),
       m_pAliveCallback(nullptr)
 {
-    m_pSocket = new tavo::UdpSocket();
+    m_pSocket = newSocket();
     m_sender.m_pOwner = this;
     m_receiver.m_pOwner = this;
 }
@@ -332,7 +342,7 @@ void EUDPTransport::renewForConnect()
         m_sendAliveTimer.stop();
         m_aliveTimer.stop();
         delete m_pSocket;
-        m_pSocket = new tavo::UdpSocket();
+        m_pSocket = newSocket();
     }
     // A new connection starts from the state a new transport has: nothing of
     // the old peer's data, modes or window carries over. The sequence numbers

@@ -53,6 +53,11 @@ constexpr unsigned int EUDP_CONNECT_TIMEOUT_MS = 5000;
 constexpr unsigned int EUDP_NEGOTIATION_TIMEOUT_MS = 10000;
 // Silence after which a reliable sender goes back and repeats, in milliseconds.
 constexpr unsigned int EUDP_RETRANSMIT_TIMEOUT_MS = 500;
+// Receive buffer asked of the kernel for every EUDP socket, in bytes: with the
+// kernel's bookkeeping per datagram it holds a full ring of the largest
+// datagrams, so a sender with a large window is not cut short by the
+// socket (the system's limit, net.core.rmem_max, may cap it).
+constexpr int EUDP_SOCKET_RECEIVE_BUFFER = 2 * 1024 * 1024;
 // A listener's half-open limit of 0 sets none: every CON is answered.
 constexpr unsigned int EUDP_NO_HALF_OPEN_LIMIT = 0;
 
