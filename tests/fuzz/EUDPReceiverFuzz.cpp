@@ -22,7 +22,9 @@
 
 #include <cerrno>
 #include <chrono>
+#include <fstream>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 using fuzz::Bytes;
@@ -251,8 +253,12 @@ public:
     void send(uint16 port, const Bytes& datagram)
     {
         const sockaddr_in target = address(port);
-        const ssize_t sent = ::sendto(m_fd, datagram.data(), datagram.size(), 0,
-                                      reinterpret_cast<const sockaddr*>(&target), sizeof(target));
+        ssize_t sent;
+        do
+        {
+            sent = ::sendto(m_fd, datagram.data(), datagram.size(), 0,
+                            reinterpret_cast<const sockaddr*>(&target), sizeof(target));
+        } while (sent < 0 && errno == EINTR);
         FUZZ_CHECK(sent == static_cast<ssize_t>(datagram.size()),
                    "sending " + describe(datagram) + " failed: errno " + fuzz::str(errno));
     }
@@ -268,8 +274,18 @@ public:
         {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                 deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0)
+            {
+                return Bytes();
+            }
             pollfd wait{m_fd, POLLIN, 0};
-            if (left.count() <= 0 || ::poll(&wait, 1, static_cast<int>(left.count())) != 1)
+            const int ready = ::poll(&wait, 1, static_cast<int>(left.count()));
+            // The fuzzer's watchdog is a periodic signal: it cuts a wait short.
+            if (ready < 0 && errno == EINTR)
+            {
+                continue;
+            }
+            if (ready != 1)
             {
                 return Bytes();
             }
@@ -283,6 +299,7 @@ public:
                 continue;
             }
             datagram.resize(static_cast<std::size_t>(n));
+            remember(std::to_string(ntohs(source.sin_port)) + ": " + describe(datagram));
             if (ntohs(source.sin_port) == port &&
                 !(datagram.size() >= 8 && commandOf(datagram) == EUDP_CMD))
             {
@@ -295,10 +312,22 @@ public:
     void drain()
     {
         uint8 scrap[2000];
-        while (::recv(m_fd, scrap, sizeof(scrap), MSG_DONTWAIT) >= 0)
+        while (::recv(m_fd, scrap, sizeof(scrap), MSG_DONTWAIT) >= 0 || errno == EINTR)
         {
         }
+        m_seen.clear();
     }
+
+    uint16 port() const
+    {
+        sockaddr_in local{};
+        socklen_t length = sizeof(local);
+        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&local), &length);
+        return ntohs(local.sin_port);
+    }
+
+    // The last datagrams received in this run, with their source ports.
+    const std::vector<std::string>& seen() const { return m_seen; }
 
 private:
     static sockaddr_in address(uint16 port)
@@ -310,22 +339,107 @@ private:
         return result;
     }
 
+    void remember(const std::string& datagram)
+    {
+        if (m_seen.size() == SEEN_KEPT)
+        {
+            m_seen.erase(m_seen.begin());
+        }
+        m_seen.push_back(datagram);
+    }
+
+    static constexpr std::size_t SEEN_KEPT = 16;
     int m_fd;
+    std::vector<std::string> m_seen;
+};
+
+// The last lines the library logged, for the report of a failed check: the
+// transport's threads write them, hence the lock.
+class RecentLog
+{
+public:
+    RecentLog()
+    {
+        tavo::LogManager* manager = tavo::LogManager::getInstance();
+        manager->setMaxLevel(tavo::LOG_LEVEL_DEBUG);
+        manager->setSink(
+            [this](const std::string&, int level, const std::string& text)
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                if (m_lines.size() == KEPT)
+                {
+                    m_lines.erase(m_lines.begin());
+                }
+                m_lines.push_back(fuzz::str(level) + " " + text);
+            });
+    }
+
+    std::vector<std::string> lines() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_lines;
+    }
+
+private:
+    static constexpr std::size_t KEPT = 24;
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
 };
 
 // Set up once per process: the listening transport and the peer.
 EUDPTransport* g_pListener = nullptr;
 RawPeer* g_pPeer = nullptr;
+RecentLog* g_pLog = nullptr;
 
-void expectAnswers(uint16 port, const std::vector<Bytes>& wanted, std::size_t& checked)
+// The kernel's line on the UDP sockets bound to `port`: its queues and the
+// datagrams it dropped for want of room.
+std::string socketState(uint16 port)
+{
+    std::ifstream table("/proc/net/udp");
+    char wanted[8];
+    std::snprintf(wanted, sizeof(wanted), ":%04X ", port);
+    std::string line, found;
+    while (std::getline(table, line))
+    {
+        if (line.find(wanted) == line.find(':', line.find(':') + 1))
+        {
+            found += "\n    " + line;
+        }
+    }
+    return found.empty() ? " (no socket)" : found;
+}
+
+// What the peer, the log and the kernel saw lately, to go with a failed check.
+std::string recent(uint16 port = 0)
+{
+    return "\n  the peer received lately:" + fuzz::join(g_pPeer->seen()) +
+           "\n  the library logged lately:" + fuzz::join(g_pLog->lines()) +
+           "\n  the transport's socket:" + socketState(port) +
+           "\n  the peer's socket:" + socketState(g_pPeer->port());
+}
+
+// The answers from `port` (the transport's, which it no longer reports once
+// closed) up to the last one wanted.
+void expectAnswers(EUDPTransport& transport, uint16 port, const std::vector<Bytes>& wanted,
+                   std::size_t& checked)
 {
     for (; checked < wanted.size(); ++checked)
     {
         const Bytes answer = g_pPeer->answerFrom(port);
+        std::string later;
+        if (answer.empty() && !Peer::closed(transport))
+        {
+            // Tells a lost datagram from a transport that stopped answering.
+            g_pPeer->send(port, packet(EUDP_WIN, EUDP_DEFAULT_WINDOW + 1));
+            const Bytes again = g_pPeer->answerFrom(port);
+            later = again.empty() ? "; a second request got no answer either"
+                                  : "; a second request was answered with " + describe(again);
+        }
         FUZZ_CHECK(answer == wanted[checked],
                    "answer " + fuzz::str(static_cast<long long>(checked)) + " was " +
                        (answer.empty() ? std::string("missing") : describe(answer)) + ", wanted " +
-                       describe(wanted[checked]));
+                       describe(wanted[checked]) + (Peer::closed(transport) ? " (closed)" : "") +
+                       later + recent(port));
     }
 }
 
@@ -367,6 +481,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     FUZZ_CHECK(g_pListener->listen(tavo::HostAddress("127.0.0.1"), 0),
                "the listening transport did not bind");
     g_pPeer = new RawPeer();
+    g_pLog = new RecentLog();
     return 0;
 }
 
@@ -385,7 +500,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     const uint16 port = transport->getLocalPort();
     std::vector<Bytes> answers{packet(EUDP_ACK, conArg)};
     std::size_t checked = 0;
-    expectAnswers(port, answers, checked);
+    expectAnswers(*transport, port, answers, checked);
 
     Receiver model(conArg);
     // The modes the run asks for, through a mode request of the peer.
@@ -421,14 +536,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
             g_pPeer->send(port, fence);
             model.feed(fence, answers);
         }
-        expectAnswers(port, answers, checked);
+        expectAnswers(*transport, port, answers, checked);
     }
 
     if (model.m_closed)
     {
         // A DIS closes the transport: what it stored comes out, then the end.
         FUZZ_CHECK(eventually([&] { return Peer::closed(*transport); }),
-                   "the transport did not close after a DIS");
+                   "the transport did not close after a DIS" + recent());
         expectStored(*transport, model.m_stored);
         uint8 buffer[WEFT_MAX_PACKET_SIZE];
         const int end = transport->receiveData(buffer, sizeof(buffer));
@@ -439,7 +554,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         return 0;
     }
 
-    FUZZ_CHECK(!Peer::closed(*transport), "the transport closed without a DIS");
+    FUZZ_CHECK(!Peer::closed(*transport), "the transport closed without a DIS" + recent());
     const int expected = Peer::expectedSeq(*transport);
     const uint stored = Peer::stored(*transport);
     FUZZ_CHECK(expected == model.m_expected && stored == model.m_stored.size() &&
@@ -450,7 +565,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
                    fuzz::str(Peer::sendMode(*transport)) + ", wanted " +
                    fuzz::str(model.m_expected) + " holding " +
                    fuzz::str(static_cast<long long>(model.m_stored.size())) + " in " +
-                   fuzz::str(model.m_receiveMode) + "/" + fuzz::str(model.m_sendMode));
+                   fuzz::str(model.m_receiveMode) + "/" + fuzz::str(model.m_sendMode) + recent());
     expectStored(*transport, model.m_stored);
     model.m_stored.clear();
 
@@ -460,9 +575,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     const Bytes datagram = packet(EUDP_CMD, static_cast<std::uint32_t>(expected), probe);
     g_pPeer->send(port, datagram);
     model.feed(datagram, answers);
-    expectAnswers(port, answers, checked);
+    expectAnswers(*transport, port, answers, checked);
     FUZZ_CHECK(eventually([&] { return Peer::stored(*transport) == model.m_stored.size(); }),
-               "the packet sent after the datagrams was not stored");
+               "the packet sent after the datagrams was not stored" + recent());
     expectStored(*transport, model.m_stored);
     return 0;
 }
