@@ -677,20 +677,15 @@ void EUDPTransport::reliableStep()
         tavo::MutexLock lock(m_sendMutex);
         if (!m_sendBuffer.isEmpty() && m_windowSize > m_inFlight)
         {
-            const uint queued = m_sendBuffer.size();
-            for (uint i = 0; i < queued; ++i)
+            const uint index = firstUnsentIndex();
+            if (index < m_sendBuffer.size())
             {
-                const EUDPPacket& packet = m_sendBuffer.at(i);
-                const uint arg = packet.getArg();
-                if (ModuloValue(static_cast<int>(arg), EUDP_SEQ_RANGE).isAfter(m_lastSentSeq))
-                {
-                    m_pSocket->sendTo(packet.getBuffer(), static_cast<int>(packet.getLength()),
-                                      m_peerAddress, m_peerPort);
-                    ++m_inFlight;
-                    m_lastSentSeq = ModuloValue::fromArg(arg);
-                    sent = true;
-                    break;
-                }
+                const EUDPPacket& packet = m_sendBuffer.at(index);
+                m_pSocket->sendTo(packet.getBuffer(), static_cast<int>(packet.getLength()),
+                                  m_peerAddress, m_peerPort);
+                ++m_inFlight;
+                m_lastSentSeq = ModuloValue::fromArg(packet.getArg());
+                sent = true;
             }
         }
     }
@@ -700,6 +695,35 @@ void EUDPTransport::reliableStep()
     {
         goBack();
     }
+}
+
+uint EUDPTransport::firstUnsentIndex()
+{
+    // The numbers in the ring rise from the oldest packet, normally one by one,
+    // so the first one after m_lastSentSeq lies as many places on as it is
+    // numbers ahead of the oldest: found at once instead of by a scan of up to
+    // a window's worth of slots for every packet sent. The packet found there
+    // proves it; should a gap in the numbers (a connection request takes a
+    // number too) make it wrong, the scan from the oldest decides.
+    const uint queued = m_sendBuffer.size();
+    const ModuloValue oldest(static_cast<int>(m_sendBuffer.front().getArg()), EUDP_SEQ_RANGE);
+    const int ahead = oldest.distance(m_lastSentSeq);
+    const uint guess = ahead > 0 ? 0u : static_cast<uint>(1 - ahead);
+    const uint probe = guess < queued ? guess : queued - 1;
+    const int expected = (oldest.getValue() + static_cast<int>(probe)) % EUDP_SEQ_RANGE;
+    if (static_cast<int>(m_sendBuffer.at(probe).getArg()) == expected)
+    {
+        return guess < queued ? guess : queued;
+    }
+    for (uint i = 0; i < queued; ++i)
+    {
+        const uint arg = m_sendBuffer.at(i).getArg();
+        if (ModuloValue(static_cast<int>(arg), EUDP_SEQ_RANGE).isAfter(m_lastSentSeq))
+        {
+            return i;
+        }
+    }
+    return queued;
 }
 
 void EUDPTransport::goBack()

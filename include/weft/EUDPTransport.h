@@ -120,6 +120,10 @@ private:
     void senderThread();
     void realtimeStep();
     void reliableStep();
+    // Where the reliable step's search for the first queued packet after
+    // m_lastSentSeq ends: that packet's index, or the number queued when there
+    // is none. Caller holds m_sendMutex; the ring is not empty.
+    uint firstUnsentIndex();
     // Repeats everything after the last acknowledged packet.
     void goBack();
     void processAck(int seq);
