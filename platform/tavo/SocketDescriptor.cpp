@@ -6,7 +6,7 @@
 namespace tavo
 {
 
-SocketDescriptor::SocketDescriptor(int fd) : m_fd(fd), m_users(0), m_closed(fd < 0) {}
+SocketDescriptor::SocketDescriptor(int fd) : m_state(fd < 0 ? CLOSED : 0), m_fd(fd) {}
 
 SocketDescriptor::~SocketDescriptor()
 {
@@ -15,52 +15,55 @@ SocketDescriptor::~SocketDescriptor()
 
 int SocketDescriptor::acquire()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_closed)
+    unsigned int state = m_state.load();
+    do
     {
-        return -1;
-    }
-    ++m_users;
+        if ((state & CLOSED) != 0)
+        {
+            return -1;
+        }
+    } while (!m_state.compare_exchange_weak(state, state + USER));
     return m_fd;
 }
 
 void SocketDescriptor::release()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    --m_users;
-    if (m_closed && m_users == 0 && m_fd >= 0)
+    if (m_state.fetch_sub(USER) == (CLOSED | USER))
     {
-        ::close(m_fd);
-        m_fd = -1;
+        closeDescriptor();
     }
 }
 
 void SocketDescriptor::close()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_fd < 0)
+    // Sets the mark and becomes a user in one step, so that the descriptor
+    // stays open for the shutdown below even if the last call ends meanwhile.
+    unsigned int state = m_state.load();
+    do
     {
-        m_closed = true;
-        return;
-    }
-    if (!m_closed)
-    {
-        m_closed = true;
-        // Wakes blocked accept, recv, recvfrom and send calls; for a UDP
-        // socket this fails with ENOTCONN but wakes the receiver all the same.
-        ::shutdown(m_fd, SHUT_RDWR);
-    }
-    if (m_users == 0)
-    {
-        ::close(m_fd);
-        m_fd = -1;
-    }
+        if ((state & CLOSED) != 0)
+        {
+            return;
+        }
+    } while (!m_state.compare_exchange_weak(state, (state | CLOSED) + USER));
+    // Wakes blocked accept, recv, recvfrom and send calls; for a UDP socket
+    // this fails with ENOTCONN but wakes the receiver all the same.
+    ::shutdown(m_fd, SHUT_RDWR);
+    release();
 }
 
 bool SocketDescriptor::isClosed() const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_closed;
+    return (m_state.load() & CLOSED) != 0;
+}
+
+void SocketDescriptor::closeDescriptor()
+{
+    if (m_fd >= 0)
+    {
+        ::close(m_fd);
+        m_fd = -1;
+    }
 }
 
 } // namespace tavo

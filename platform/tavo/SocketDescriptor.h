@@ -2,7 +2,7 @@
 
 #include <tavo/Export.h>
 
-#include <mutex>
+#include <atomic>
 
 namespace tavo
 {
@@ -29,10 +29,19 @@ public:
     bool isClosed() const;
 
 private:
-    mutable std::mutex m_mutex;
+    // Calls in progress and the closed mark in one word, so that every call
+    // on the socket costs one atomic step instead of a lock, and a call can
+    // never start once the mark is set.
+    static constexpr unsigned int CLOSED = 1;
+    static constexpr unsigned int USER = 2;
+
+    // Closes the descriptor itself; only once the mark is set and the last
+    // user has gone.
+    void closeDescriptor();
+
+    std::atomic<unsigned int> m_state;
+    // Written only by closeDescriptor, when no call uses it any more.
     int m_fd;
-    int m_users;
-    bool m_closed;
 };
 
 // Holds one use of a SocketDescriptor for a scope.
