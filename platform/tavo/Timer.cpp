@@ -51,11 +51,7 @@ public:
         }
     }
 
-    bool isArmed(const Timer& timer)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return timer.m_armed;
-    }
+    bool isArmed(const Timer& timer) { return timer.m_armed.load(); }
 
 private:
     TimerService() : m_firing(nullptr), m_wakeAt(std::chrono::steady_clock::time_point::min())

@@ -3,6 +3,7 @@
 #include <tavo/Callback.h>
 #include <tavo/Export.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -50,8 +51,9 @@ private:
     std::mutex m_callbackMutex;
     std::vector<ICallback*> m_callbacks;
 
-    // Guarded by the service's lock.
-    bool m_armed;
+    // Guarded by the service's lock; atomic so that isRunning() needs no
+    // lock (the EUDP receiver asks for every datagram).
+    std::atomic<bool> m_armed;
     bool m_oneShot;
     std::chrono::microseconds m_period;
     Schedule::iterator m_entry;
