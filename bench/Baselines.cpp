@@ -204,6 +204,8 @@ RunResult tcpPingPong(int rounds, int warmup, int messageSize)
     const std::vector<uint8_t> message = framed(messageSize);
     std::vector<uint8_t> answer(message.size());
     std::vector<double> samples;
+    // From the first timed round on.
+    double switchesBefore = contextSwitches();
     RunResult result;
     for (int i = 0; i < warmup + rounds; ++i)
     {
@@ -214,6 +216,10 @@ RunResult tcpPingPong(int rounds, int warmup, int messageSize)
             result = failed("TCP ping-pong broke off");
             break;
         }
+        if (i + 1 == warmup)
+        {
+            switchesBefore = contextSwitches();
+        }
         if (i >= warmup)
         {
             samples.push_back(elapsedUs(sent, Clock::now()));
@@ -222,7 +228,9 @@ RunResult tcpPingPong(int rounds, int warmup, int messageSize)
     ::shutdown(client, SHUT_RDWR);
     echo.join();
     closeAll({client, server, listener});
+    const double switches = contextSwitches() - switchesBefore;
     result.figures = latencyFigures(samples);
+    result.figures["switches_per_rt"] = samples.empty() ? 0 : switches / samples.size();
     return result;
 }
 
@@ -251,6 +259,8 @@ RunResult udpPingPong(int rounds, int warmup, int messageSize)
     std::vector<uint8_t> message(static_cast<std::size_t>(messageSize), 'x');
     std::vector<uint8_t> answer(message.size());
     std::vector<double> samples;
+    // From the first timed round on.
+    double switchesBefore = contextSwitches();
     RunResult result;
     for (int i = 0; i < warmup + rounds; ++i)
     {
@@ -262,6 +272,10 @@ RunResult udpPingPong(int rounds, int warmup, int messageSize)
             result = failed("UDP ping-pong broke off");
             break;
         }
+        if (i + 1 == warmup)
+        {
+            switchesBefore = contextSwitches();
+        }
         if (i >= warmup)
         {
             samples.push_back(elapsedUs(sent, Clock::now()));
@@ -271,7 +285,9 @@ RunResult udpPingPong(int rounds, int warmup, int messageSize)
     ::shutdown(server, SHUT_RDWR);
     echo.join();
     closeAll({client, server});
+    const double switches = contextSwitches() - switchesBefore;
     result.figures = latencyFigures(samples);
+    result.figures["switches_per_rt"] = samples.empty() ? 0 : switches / samples.size();
     return result;
 }
 

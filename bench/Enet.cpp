@@ -115,6 +115,8 @@ RunResult enetPingPong(bool reliable, int rounds, int warmup, int messageSize)
         });
     ENetPeer* peer = connectClient(client, port);
     std::vector<double> samples;
+    // From the first timed round on.
+    double switchesBefore = contextSwitches();
     if (peer == nullptr)
     {
         result = RunResult{{}, false, "ENet connect failed"};
@@ -142,6 +144,10 @@ RunResult enetPingPong(bool reliable, int rounds, int warmup, int messageSize)
             result = RunResult{{}, false, "ENet answer missing"};
             break;
         }
+        if (i + 1 == warmup)
+        {
+            switchesBefore = contextSwitches();
+        }
         if (i >= warmup)
         {
             samples.push_back(elapsedUs(sent, Clock::now()));
@@ -151,7 +157,9 @@ RunResult enetPingPong(bool reliable, int rounds, int warmup, int messageSize)
     echo.join();
     enet_host_destroy(client);
     enet_host_destroy(server);
+    const double switches = contextSwitches() - switchesBefore;
     result.figures = latencyFigures(samples);
+    result.figures["switches_per_rt"] = samples.empty() ? 0 : switches / samples.size();
     return result;
 }
 

@@ -30,7 +30,8 @@ void runLatency(const Options& options, std::vector<Scenario>& out)
     scenario.columns = {{"p50_us", "p50", "µs", true},
                         {"p99_us", "p99", "µs", true},
                         {"p999_us", "p99.9", "µs", true},
-                        {"max_us", "max", "µs", true}};
+                        {"max_us", "max", "µs", true},
+                        {"switches_per_rt", "context switches/round trip", "", true}};
     scenario.repetitions = options.repetitions;
     const int rounds = options.latencyRounds;
     const int warmup = options.latencyWarmup;

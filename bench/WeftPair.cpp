@@ -274,6 +274,8 @@ RunResult weftPingPong(WeftPair& pair, int rounds, int warmup)
     RunResult result;
     BenchClient& client = pair.clientCallbacks();
     std::vector<double> samples;
+    // From the first timed round on.
+    double switchesBefore = contextSwitches();
     samples.reserve(static_cast<std::size_t>(rounds));
     ParameterList params;
     const int start = client.triggers();
@@ -293,12 +295,18 @@ RunResult weftPingPong(WeftPair& pair, int rounds, int warmup)
             result.failure = "no answer within 10 s";
             break;
         }
+        if (i + 1 == warmup)
+        {
+            switchesBefore = contextSwitches();
+        }
         if (i >= warmup)
         {
             samples.push_back(elapsedUs(sent, client.lastTrigger()));
         }
     }
+    const double switches = contextSwitches() - switchesBefore;
     result.figures = latencyFigures(samples);
+    result.figures["switches_per_rt"] = samples.empty() ? 0 : switches / samples.size();
     return result;
 }
 
