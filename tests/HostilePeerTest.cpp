@@ -190,15 +190,29 @@ protected:
             },
             20s))
             << tag << " did not reach the server";
-        WEFTConnection* server = m_connector->connection(m_goodIndex);
-        ASSERT_NE(server, nullptr);
-        ASSERT_TRUE(server->updateState(tag, ParameterValue(1)));
+        bool sent = false;
+        ASSERT_TRUE(
+            m_connector->withConnection(m_goodIndex, [&](WEFTConnection& server)
+                                        { sent = server.updateState(tag, ParameterValue(1)); }));
+        ASSERT_TRUE(sent);
         ASSERT_TRUE(eventually(
             [&] {
                 return countOf(m_clientEvents, Event{"update", tag, "1"}) == 1;
             },
             20s))
             << tag << " did not reach the client";
+    }
+
+    // The good client's connection on the server side: its own port and its
+    // peer's (the client's, or the relay's).
+    uint16 serverPort(bool peer)
+    {
+        uint16 port = 0;
+        m_connector->withConnection(m_goodIndex,
+                                    [&](WEFTConnection& server) {
+                                        port = peer ? server.getPeerPort() : server.getLocalPort();
+                                    });
+        return port;
     }
 
     static std::string eudpLine(uint16 port, const std::string& text)
@@ -335,10 +349,9 @@ protected:
     // The line a strict side writes for a datagram of the stranger: the
     // client under its own port, the server's transport under its peer's,
     // which is the relay's.
-    std::string strangerLine(const RawUdp& stranger, bool atServer) const
+    std::string strangerLine(const RawUdp& stranger, bool atServer)
     {
-        const uint16 port =
-            atServer ? m_connector->connection(m_goodIndex)->getPeerPort() : m_good->getLocalPort();
+        const uint16 port = atServer ? serverPort(true) : m_good->getLocalPort();
         return eudpLine(port, "ignoring a datagram from 127.0.0.1:" +
                                   std::to_string(stranger.port()) + " (not the peer)");
     }
@@ -351,7 +364,7 @@ TEST_P(SpoofedDatagrams, AnyoneMayCloseAConnectionWithDisUnlessItsPeerIsStrict)
     ASSERT_NO_FATAL_FAILURE(connectThroughRelay());
     RawUdp stranger;
     // Both ends: the server's transport at its own port, the client at its port.
-    stranger.send(m_connector->connection(m_goodIndex)->getLocalPort(), eudpPacket("DIS", 0));
+    stranger.send(serverPort(false), eudpPacket("DIS", 0));
     stranger.send(m_good->getLocalPort(), eudpPacket("DIS", 0));
     if (!strict())
     {
@@ -380,8 +393,8 @@ TEST_P(SpoofedDatagrams, ADataPacketFromAnotherPortIsDeliveredAndHidesThePeersUn
     // real-time mode any number ahead is taken.
     const Bytes message = {1, 'S', 9, 0, 'i', 'n', 't', 'r', 'u', 'd', 'e', 'r', 0};
     RawUdp stranger;
-    WEFTConnection* server = m_connector->connection(m_goodIndex);
-    stranger.send(server->getLocalPort(), eudpPacket("CMD", 20000, message));
+    const uint16 peer = serverPort(true);
+    stranger.send(serverPort(false), eudpPacket("CMD", 20000, message));
     if (!strict())
     {
         ASSERT_TRUE(eventually(
@@ -391,8 +404,8 @@ TEST_P(SpoofedDatagrams, ADataPacketFromAnotherPortIsDeliveredAndHidesThePeersUn
             10s));
         // The client's next numbers are behind: taken for duplicates, dropped.
         ASSERT_TRUE(m_good->subscribe("after"));
-        EXPECT_TRUE(log().waitFor(
-            eudpLine(server->getPeerPort(), "received a duplicate packet - ACK and ignore"), 10s));
+        EXPECT_TRUE(
+            log().waitFor(eudpLine(peer, "received a duplicate packet - ACK and ignore"), 10s));
         EXPECT_EQ(countOf(m_serverEvents, Event{"subscribe", "after", ""}), 0);
         return;
     }
@@ -483,10 +496,10 @@ TEST_F(HostilePeerTest, RandomDatagramsOfEverySizeAreDroppedAtEveryPort)
         std::string line;
     };
     // The accepted transport logs under its peer's port, the client under its own.
-    const std::vector<Target> targets = {{m_port, eudpLine(0, "discarding invalid packet")},
-                                         {m_connector->connection(m_goodIndex)->getLocalPort(),
-                                          eudpLine(client, "dropping invalid packet")},
-                                         {client, eudpLine(client, "dropping invalid packet")}};
+    const std::vector<Target> targets = {
+        {m_port, eudpLine(0, "discarding invalid packet")},
+        {serverPort(false), eudpLine(client, "dropping invalid packet")},
+        {client, eudpLine(client, "dropping invalid packet")}};
     RawUdp stranger;
     std::mt19937 random(20240611);
     for (const Target& target : targets)

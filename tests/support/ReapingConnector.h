@@ -73,11 +73,21 @@ public:
         m_accepted.add();
     }
 
-    // Accepted connection `index` while it lives; null before and after.
-    WEFTConnection* connection(std::size_t index)
+    // Runs `use` on accepted connection `index` under the connector's lock,
+    // so that it cannot be deleted meanwhile; false when it is not there (not
+    // yet accepted, or already deleted). Holding the lock also orders the use
+    // before a later deletion for ThreadSanitizer, which cannot see that a
+    // socket's end came after it.
+    template <class Use>
+    bool withConnection(std::size_t index, Use use)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        return index < m_entries.size() ? m_entries[index].connection.get() : nullptr;
+        if (index >= m_entries.size() || !m_entries[index].connection)
+        {
+            return false;
+        }
+        use(*m_entries[index].connection);
+        return true;
     }
 
     bool waitForConnections(int count, std::chrono::milliseconds timeout) const
