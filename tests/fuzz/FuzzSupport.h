@@ -28,14 +28,20 @@ namespace fuzz
 
 typedef std::vector<uint8> Bytes;
 
+// Bytes as hex; a long run shows its first 64 bytes and its length.
 inline std::string hex(const uint8* data, std::size_t size)
 {
+    constexpr std::size_t SHOWN = 64;
     std::string text;
     char digits[4];
-    for (std::size_t i = 0; i < size; ++i)
+    for (std::size_t i = 0; i < std::min(size, SHOWN); ++i)
     {
         std::snprintf(digits, sizeof(digits), i == 0 ? "%02X" : " %02X", data[i]);
         text += digits;
+    }
+    if (size > SHOWN)
+    {
+        text += " ... (" + std::to_string(size) + " bytes)";
     }
     return text;
 }
