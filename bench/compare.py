@@ -2,7 +2,7 @@
 """Prints one Markdown table that sets two weft-bench JSON files side by side:
 every figure of every row present in both, with the ratio after/before.
 
-    bench/compare.py before.json after.json [--weft-only]
+    bench/compare.py before.json after.json [--weft-only] [--figures KEY,KEY...]
 
 Baseline rows are shown too: they did not change between the runs, so their
 ratios show how much the machine itself drifted.
@@ -38,8 +38,16 @@ def fmt(value, unit):
 
 
 def main(argv):
-    args = [a for a in argv[1:] if not a.startswith("--")]
     weft_only = "--weft-only" in argv
+    figures = None
+    args = []
+    rest = argv[1:]
+    while rest:
+        arg = rest.pop(0)
+        if arg == "--figures" and rest:
+            figures = set(rest.pop(0).split(","))
+        elif not arg.startswith("--"):
+            args.append(arg)
     if len(args) != 2:
         print(__doc__)
         return 2
@@ -59,6 +67,8 @@ def main(argv):
         title, columns, figures_after = after_rows[key]
         figures_before = before_rows[key][2]
         for column_key, column_title, unit in columns:
+            if figures is not None and column_key not in figures:
+                continue
             old = figures_before.get(column_key)
             new = figures_after.get(column_key)
             if old is None and new is None:
