@@ -3,6 +3,8 @@
 // show what this machine's loopback allows.
 #include "Bench.h"
 
+#include "support/RawUdpSocket.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -22,23 +24,6 @@ namespace
 
 constexpr auto IDLE_LIMIT = std::chrono::milliseconds(300);
 
-sockaddr_in loopback(uint16_t port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-}
-
-uint16_t boundPort(int fd)
-{
-    sockaddr_in address{};
-    socklen_t length = sizeof(address);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    return ntohs(address.sin_port);
-}
-
 void setNoDelay(int fd)
 {
     const int on = 1;
@@ -48,7 +33,7 @@ void setNoDelay(int fd)
 int tcpListener(int backlog)
 {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(0);
+    const sockaddr_in address = loopbackAddress(0);
     if (fd < 0 || ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
         ::listen(fd, backlog) != 0)
     {
@@ -65,7 +50,7 @@ int tcpListener(int backlog)
 bool tcpPair(int listener, int& client, int& server)
 {
     client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(boundPort(listener));
+    const sockaddr_in address = loopbackAddress(boundPort(listener));
     if (client < 0 ||
         ::connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
     {
@@ -91,14 +76,14 @@ bool udpPair(int& a, int& b)
 {
     a = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     b = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in any = loopback(0);
+    const sockaddr_in any = loopbackAddress(0);
     if (a < 0 || b < 0 || ::bind(a, reinterpret_cast<const sockaddr*>(&any), sizeof(any)) != 0 ||
         ::bind(b, reinterpret_cast<const sockaddr*>(&any), sizeof(any)) != 0)
     {
         return false;
     }
-    const sockaddr_in toA = loopback(boundPort(a));
-    const sockaddr_in toB = loopback(boundPort(b));
+    const sockaddr_in toA = loopbackAddress(boundPort(a));
+    const sockaddr_in toB = loopbackAddress(boundPort(b));
     return ::connect(a, reinterpret_cast<const sockaddr*>(&toB), sizeof(toB)) == 0 &&
            ::connect(b, reinterpret_cast<const sockaddr*>(&toA), sizeof(toA)) == 0;
 }

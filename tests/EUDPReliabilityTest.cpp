@@ -1,5 +1,6 @@
 // EUDP through a relay that loses, duplicates, reorders and silences traffic.
 
+#include "support/EUDPTransportTestPeer.h"
 #include "support/ImpairmentRelay.h"
 #include "support/Recorders.h"
 #include "support/WeftFixture.h"
@@ -17,17 +18,6 @@
 #include <memory>
 #include <thread>
 #include <vector>
-
-// Reaches into a transport to start its numbering where a test wants it.
-class EUDPTransportTestPeer
-{
-public:
-    static void numberFrom(EUDPTransport& transport, int seq)
-    {
-        tavo::MutexLock lock(transport.m_sendMutex);
-        transport.m_nextSendSeq = ModuloValue(seq);
-    }
-};
 
 namespace
 {

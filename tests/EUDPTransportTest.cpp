@@ -1,3 +1,6 @@
+#include "support/EUDPTransportTestPeer.h"
+#include "support/EudpWire.h"
+#include "support/RawUdpSocket.h"
 #include "support/WeftFixture.h"
 
 #include <weft/EUDPTransport.h>
@@ -7,7 +10,6 @@
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -18,26 +20,6 @@
 #include <thread>
 #include <utility>
 #include <vector>
-
-// Reaches the state of a transport that the wire does not show.
-class EUDPTransportTestPeer
-{
-public:
-    static EConnMode sendMode(const EUDPTransport& t) { return t.m_sendMode; }
-    static EConnMode receiveMode(const EUDPTransport& t) { return t.m_receiveMode; }
-    static int window(const EUDPTransport& t) { return t.m_windowSize; }
-    static bool allowsAll(const EUDPTransport& t)
-    {
-        return t.m_allowSendRealtime && t.m_allowSendReliable && t.m_allowReceiveRealtime &&
-               t.m_allowReceiveReliable;
-    }
-    // As if the transport had sent that many packets already.
-    static void numberFrom(EUDPTransport& t, int seq)
-    {
-        tavo::MutexLock lock(t.m_sendMutex);
-        t.m_nextSendSeq = ModuloValue(seq);
-    }
-};
 
 namespace
 {
@@ -51,25 +33,8 @@ const tavo::HostAddress LOOPBACK("127.0.0.1");
 const std::pair RELIABLE_BOTH(CONN_MODE_RELIABLE, CONN_MODE_RELIABLE);
 const std::pair REALTIME_BOTH(CONN_MODE_REALTIME, CONN_MODE_REALTIME);
 
-Bytes packet(const std::string& command, uint arg, const std::string& payload = "")
-{
-    Bytes bytes{1};
-    bytes.insert(bytes.end(), command.begin(), command.begin() + 3);
-    for (int shift = 0; shift < 32; shift += 8)
-    {
-        bytes.push_back(static_cast<uint8>(arg >> shift));
-    }
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    return bytes;
-}
-
-// Four mode letters, the first one first on the wire.
-uint modes(const char (&letters)[5])
-{
-    return static_cast<uint8>(letters[0]) | static_cast<uint8>(letters[1]) << 8 |
-           static_cast<uint8>(letters[2]) << 16 |
-           static_cast<uint>(static_cast<uint8>(letters[3])) << 24;
-}
+using eudpwire::modes;
+using eudpwire::packet;
 
 struct Datagram
 {
@@ -83,26 +48,9 @@ struct Datagram
 };
 
 // A plain UDP socket on loopback through which a test plays the peer.
-class RawPeer
+class RawPeer : public RawUdpSocket
 {
 public:
-    RawPeer() : m_fd(::socket(AF_INET, SOCK_DGRAM, 0))
-    {
-        const sockaddr_in local = address(0);
-        ::bind(m_fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local));
-        socklen_t length = sizeof(m_local);
-        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&m_local), &length);
-    }
-    ~RawPeer() { ::close(m_fd); }
-    uint16 port() const { return ntohs(m_local.sin_port); }
-
-    void send(uint16 port, const Bytes& bytes)
-    {
-        const sockaddr_in target = address(port);
-        ::sendto(m_fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&target),
-                 sizeof(target));
-    }
-
     // The next datagram; an empty one when none comes in 10 s.
     Datagram receive()
     {
@@ -136,19 +84,6 @@ public:
         RawPeer().send(port(), Bytes{'m'});
         EXPECT_EQ(receive().bytes, Bytes{'m'});
     }
-
-private:
-    static sockaddr_in address(uint16 port)
-    {
-        sockaddr_in result{};
-        result.sin_family = AF_INET;
-        result.sin_port = htons(port);
-        result.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return result;
-    }
-
-    int m_fd;
-    sockaddr_in m_local{};
 };
 
 std::string receiveText(IWEFTTransport& transport, uint size = 1492)
@@ -452,7 +387,14 @@ TEST_F(EUDPTransportTest, FullSendRingBlocksUntilAnAckAndClosingWakesBlockedCall
 
         blocked = std::async(std::launch::async, [&] { return sendText(*server, "1001"); });
         auto receiving = std::async(std::launch::async, [&] { return receiveText(*server); });
-        peerCloses ? raw.send(m_serverPort, packet("DIS", 0)) : server->disconnect();
+        if (peerCloses)
+        {
+            raw.send(m_serverPort, packet("DIS", 0));
+        }
+        else
+        {
+            server->disconnect();
+        }
         EXPECT_FALSE(blocked.get());
         EXPECT_EQ(receiving.get(), "<0>");
         EXPECT_EQ(receiveText(*server), "<0>"); // and at once on every later call

@@ -3,8 +3,11 @@
 // after. The EUDP protections (a half-open limit, strict peers) are off by
 // default; the cases show both settings.
 
+#include "support/EUDPTransportTestPeer.h"
+#include "support/EudpWire.h"
 #include "support/ImpairmentRelay.h"
 #include "support/ProcessFigures.h"
+#include "support/RawUdpSocket.h"
 #include "support/ReapingConnector.h"
 #include "support/Recorders.h"
 #include "support/WeftFixture.h"
@@ -21,7 +24,6 @@
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -31,40 +33,13 @@
 #include <thread>
 #include <vector>
 
-// What a transport holds that the wire does not show.
-class EUDPTransportTestPeer
-{
-public:
-    static uint queued(EUDPTransport& transport)
-    {
-        tavo::MutexLock lock(transport.m_sendMutex);
-        return transport.m_sendBuffer.size();
-    }
-    static int lastAcked(EUDPTransport& transport)
-    {
-        tavo::MutexLock lock(transport.m_sendMutex);
-        return transport.m_lastAckedSeq.getValue();
-    }
-};
-
 namespace
 {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 typedef std::vector<uint8> Bytes;
-
-Bytes eudpPacket(const char* command, uint arg, const Bytes& payload = {})
-{
-    Bytes bytes = {1, static_cast<uint8>(command[0]), static_cast<uint8>(command[1]),
-                   static_cast<uint8>(command[2])};
-    for (int shift = 0; shift < 32; shift += 8)
-    {
-        bytes.push_back(static_cast<uint8>(arg >> shift));
-    }
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    return bytes;
-}
+using eudpwire::packet;
 
 Bytes randomBytes(std::mt19937& random, std::size_t size)
 {
@@ -74,30 +49,9 @@ Bytes randomBytes(std::mt19937& random, std::size_t size)
 }
 
 // A plain UDP socket on loopback: the stranger.
-class RawUdp
+class RawUdp : public RawUdpSocket
 {
 public:
-    RawUdp() : m_fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_in local = address(0);
-        ::bind(m_fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local));
-        socklen_t length = sizeof(local);
-        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&local), &length);
-        m_port = ntohs(local.sin_port);
-    }
-    ~RawUdp() { ::close(m_fd); }
-    RawUdp(const RawUdp&) = delete;
-    RawUdp& operator=(const RawUdp&) = delete;
-
-    uint16 port() const { return m_port; }
-
-    void send(uint16 port, const Bytes& bytes)
-    {
-        const sockaddr_in target = address(port);
-        ::sendto(m_fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&target),
-                 sizeof(target));
-    }
-
     // The source port of the next datagram that starts with `prefix`; 0 when
     // none comes within 10 s.
     uint16 sourceOfNext(const Bytes& prefix)
@@ -118,19 +72,6 @@ public:
         }
         return 0;
     }
-
-private:
-    static sockaddr_in address(uint16 port)
-    {
-        sockaddr_in result{};
-        result.sin_family = AF_INET;
-        result.sin_port = htons(port);
-        result.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return result;
-    }
-
-    int m_fd;
-    uint16 m_port = 0;
 };
 
 int countOf(const EventLog& log, const Event& wanted)
@@ -244,7 +185,7 @@ TEST_F(HostilePeerTest, AConFloodCostsThreadsAndMemoryUntilEachDeadPeerTimerFire
     RawUdp stranger;
     for (int i = 0; i < flood; ++i)
     {
-        stranger.send(m_port, eudpPacket("CON", 0));
+        stranger.send(m_port, packet("CON", 0));
     }
     // Each is reported up once its receive thread runs.
     ASSERT_TRUE(eventually(
@@ -290,15 +231,15 @@ TEST_F(HostilePeerTest, AHalfOpenLimitIgnoresFurtherConsUntilOneCompletesOrClose
     // The good client's connection completes with its first message.
     ASSERT_NO_FATAL_FAILURE(exchange("before"));
     const std::string ignored = eudpLine(0, "too many half-open connections (ignoring CON)");
-    const Bytes ack = eudpPacket("ACK", 0);
+    const Bytes ack = packet("ACK", 0);
     RawUdp first;
     RawUdp second;
     RawUdp third;
-    first.send(m_port, eudpPacket("CON", 0));
+    first.send(m_port, packet("CON", 0));
     const uint16 firstAccepted = first.sourceOfNext(ack);
-    second.send(m_port, eudpPacket("CON", 0));
+    second.send(m_port, packet("CON", 0));
     ASSERT_NE(second.sourceOfNext(ack), 0);
-    third.send(m_port, eudpPacket("CON", 0));
+    third.send(m_port, packet("CON", 0));
     ASSERT_TRUE(log().waitFor(ignored, 10s));
     EXPECT_EQ(log().levelOf(ignored), 3);
     EXPECT_EQ(m_connector->accepted(), 3);
@@ -306,20 +247,20 @@ TEST_F(HostilePeerTest, AHalfOpenLimitIgnoresFurtherConsUntilOneCompletesOrClose
 
     // One answers its ACK: its connection is complete and frees a place.
     ASSERT_NE(firstAccepted, 0);
-    first.send(firstAccepted, eudpPacket("NOP", 0));
+    first.send(firstAccepted, packet("NOP", 0));
     ASSERT_TRUE(eventually(
         [&]
         {
-            third.send(m_port, eudpPacket("CON", 0));
+            third.send(m_port, packet("CON", 0));
             return m_connector->accepted() == 4;
         },
         10s));
     // The limit is reached again, until the silent ones close.
     RawUdp fourth;
-    fourth.send(m_port, eudpPacket("CON", 0));
+    fourth.send(m_port, packet("CON", 0));
     ASSERT_TRUE(log().waitFor(ignored, 10s, log().count(ignored) + 1));
     ASSERT_TRUE(m_connector->waitForReaped(1, 20s));
-    fourth.send(m_port, eudpPacket("CON", 0));
+    fourth.send(m_port, packet("CON", 0));
     EXPECT_TRUE(m_connector->waitForConnections(5, 10s));
     ASSERT_NO_FATAL_FAILURE(exchange("after"));
 }
@@ -364,8 +305,8 @@ TEST_P(SpoofedDatagrams, AnyoneMayCloseAConnectionWithDisUnlessItsPeerIsStrict)
     ASSERT_NO_FATAL_FAILURE(connectThroughRelay());
     RawUdp stranger;
     // Both ends: the server's transport at its own port, the client at its port.
-    stranger.send(serverPort(false), eudpPacket("DIS", 0));
-    stranger.send(m_good->getLocalPort(), eudpPacket("DIS", 0));
+    stranger.send(serverPort(false), packet("DIS", 0));
+    stranger.send(m_good->getLocalPort(), packet("DIS", 0));
     if (!strict())
     {
         EXPECT_TRUE(m_connector->waitForReaped(1, 10s));
@@ -394,7 +335,7 @@ TEST_P(SpoofedDatagrams, ADataPacketFromAnotherPortIsDeliveredAndHidesThePeersUn
     const Bytes message = {1, 'S', 9, 0, 'i', 'n', 't', 'r', 'u', 'd', 'e', 'r', 0};
     RawUdp stranger;
     const uint16 peer = serverPort(true);
-    stranger.send(serverPort(false), eudpPacket("CMD", 20000, message));
+    stranger.send(serverPort(false), packet("CMD", 20000, message));
     if (!strict())
     {
         ASSERT_TRUE(eventually(
@@ -447,7 +388,7 @@ TEST_P(SpoofedDatagrams, AnAckFromAnotherPortDropsQueuedReliableDataUnlessThePee
     // Any number up to half the number space ahead acknowledges everything
     // sent so far: a stranger needs no guessing.
     RawUdp stranger;
-    stranger.send(client.getLocalPort(), eudpPacket("ACK", 20000));
+    stranger.send(client.getLocalPort(), packet("ACK", 20000));
     // The receiver handles datagrams in order: once it has dealt with this
     // one, it has dealt with the acknowledgement.
     stranger.send(client.getLocalPort(), Bytes{0});

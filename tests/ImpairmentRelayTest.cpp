@@ -1,4 +1,5 @@
 #include "support/ImpairmentRelay.h"
+#include "support/RawUdpSocket.h"
 #include "support/Waiting.h"
 
 #include <gtest/gtest.h>
@@ -7,7 +8,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -31,44 +31,21 @@ struct Datagram
     uint16_t from = 0;
 };
 
-sockaddr_in loopback(uint16_t port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-}
-
 // A plain UDP socket on 127.0.0.1 playing a client or a server.
-struct Peer
+struct Peer : RawUdpSocket
 {
-    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    uint16_t port = 0;
-
-    Peer()
-    {
-        sockaddr_in local = loopback(0);
-        socklen_t length = sizeof(local);
-        EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&local), length), 0);
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length);
-        port = ntohs(local.sin_port);
-    }
-    ~Peer() { ::close(fd); }
+    Peer() { EXPECT_TRUE(isBound()); }
 
     void send(uint16_t to, const std::string& bytes)
     {
-        const sockaddr_in address = loopback(to);
-        EXPECT_EQ(::sendto(fd, bytes.data(), bytes.size(), 0,
-                           reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
-                  static_cast<ssize_t>(bytes.size()));
+        EXPECT_EQ(RawUdpSocket::send(to, bytes), static_cast<ssize_t>(bytes.size()));
     }
 
     // The next datagram within `timeout` (0: only one already waiting), or
     // an empty one.
     Datagram receive(std::chrono::milliseconds timeout = WAIT)
     {
-        pollfd entry{fd, POLLIN, 0};
+        pollfd entry{m_fd, POLLIN, 0};
         char buffer[2048];
         sockaddr_in from{};
         socklen_t length = sizeof(from);
@@ -76,8 +53,8 @@ struct Peer
         {
             return {};
         }
-        const ssize_t size =
-            ::recvfrom(fd, buffer, sizeof(buffer), 0, reinterpret_cast<sockaddr*>(&from), &length);
+        const ssize_t size = ::recvfrom(m_fd, buffer, sizeof(buffer), 0,
+                                        reinterpret_cast<sockaddr*>(&from), &length);
         return {std::string(buffer, static_cast<std::size_t>(std::max<ssize_t>(size, 0))),
                 ntohs(from.sin_port)};
     }
@@ -99,7 +76,7 @@ struct Path
     ImpairmentRelay relay;
     std::vector<int> arrived;
 
-    explicit Path(uint32_t seed) : relay(server.port, seed) {}
+    explicit Path(uint32_t seed) : relay(server.port(), seed) {}
 
     // Sends numbered datagrams to the server, in batches that the socket
     // buffers hold.
@@ -312,7 +289,7 @@ TEST(ImpairmentRelayTest, StopDiscardsQueuedDatagramsAndEndsCleanly)
     EXPECT_EQ(path.relay.getCounts(C2S).forwarded, 0u);
 
     // Destroyed without stop, with a datagram queued and a session open.
-    ImpairmentRelay unstopped(path.server.port, 8);
+    ImpairmentRelay unstopped(path.server.port(), 8);
     unstopped.setImpairment(Impairment{.delay = 1h});
     path.client.send(unstopped.getPort(), "queued");
     EXPECT_TRUE(eventually([&] { return unstopped.getCounts(C2S).delayed == 1; }, WAIT));

@@ -12,13 +12,16 @@
 
 #include "FuzzSupport.h"
 
+#include "support/EUDPTransportTestPeer.h"
+#include "support/EudpWire.h"
+#include "support/RawUdpSocket.h"
+
 #include <weft/EUDPTransport.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -28,25 +31,6 @@
 #include <thread>
 
 using fuzz::Bytes;
-
-// Reaches the receiving state of a transport that the wire does not show.
-class EUDPTransportTestPeer
-{
-public:
-    static int expectedSeq(EUDPTransport& t)
-    {
-        tavo::MutexLock lock(t.m_receiveMutex);
-        return t.m_expectedSeq.getValue();
-    }
-    static uint stored(EUDPTransport& t)
-    {
-        tavo::MutexLock lock(t.m_receiveMutex);
-        return t.m_receiveBuffer.size();
-    }
-    static EConnMode receiveMode(const EUDPTransport& t) { return t.m_receiveMode; }
-    static EConnMode sendMode(const EUDPTransport& t) { return t.m_sendMode; }
-    static bool closed(const EUDPTransport& t) { return t.m_closed; }
-};
 
 namespace
 {
@@ -85,23 +69,7 @@ std::uint32_t argOf(const Bytes& datagram)
 
 Bytes packet(int command, std::uint32_t arg, const Bytes& payload = Bytes())
 {
-    Bytes bytes(EUDP_HEADER_SIZE);
-    bytes[0] = EUDP_VERSION;
-    for (int i = 0; i < 3; ++i)
-    {
-        bytes[1 + i] = static_cast<uint8>(NAMES[command][i]);
-        bytes[4 + i] = static_cast<uint8>(arg >> (8 * i));
-    }
-    bytes[7] = static_cast<uint8>(arg >> 24);
-    bytes.resize(EUDP_HEADER_SIZE + payload.size());
-    std::copy(payload.begin(), payload.end(), bytes.begin() + EUDP_HEADER_SIZE);
-    return bytes;
-}
-
-std::uint32_t modeArg(uint8 b0, uint8 b1, uint8 b2, uint8 b3)
-{
-    return static_cast<std::uint32_t>(b0) | static_cast<std::uint32_t>(b1) << 8 |
-           static_cast<std::uint32_t>(b2) << 16 | static_cast<std::uint32_t>(b3) << 24;
+    return eudpwire::packet(NAMES[command], arg, payload);
 }
 
 std::string describe(const Bytes& datagram)
@@ -230,34 +198,24 @@ private:
         {
             return;
         }
-        answers.push_back(packet(EUDP_MAK, modeArg(send, static_cast<uint8>(m_sendMode), receive,
-                                                   static_cast<uint8>(m_receiveMode))));
+        answers.push_back(
+            packet(EUDP_MAK, eudpwire::modes(send, static_cast<uint8>(m_sendMode), receive,
+                                             static_cast<uint8>(m_receiveMode))));
     }
 };
 
 // A plain UDP socket on loopback: the peer.
-class RawPeer
+class RawPeer : public RawUdpSocket
 {
 public:
-    RawPeer() : m_fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_in local = address(0);
-        FUZZ_CHECK(m_fd >= 0 &&
-                       ::bind(m_fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) == 0,
-                   "no UDP socket for the peer: errno " + fuzz::str(errno));
-    }
-    ~RawPeer() { ::close(m_fd); }
-    RawPeer(const RawPeer&) = delete;
-    RawPeer& operator=(const RawPeer&) = delete;
+    RawPeer() { FUZZ_CHECK(isBound(), "no UDP socket for the peer: errno " + fuzz::str(errno)); }
 
     void send(uint16 port, const Bytes& datagram)
     {
-        const sockaddr_in target = address(port);
         ssize_t sent;
         do
         {
-            sent = ::sendto(m_fd, datagram.data(), datagram.size(), 0,
-                            reinterpret_cast<const sockaddr*>(&target), sizeof(target));
+            sent = RawUdpSocket::send(port, datagram);
         } while (sent < 0 && errno == EINTR);
         FUZZ_CHECK(sent == static_cast<ssize_t>(datagram.size()),
                    "sending " + describe(datagram) + " failed: errno " + fuzz::str(errno));
@@ -318,27 +276,10 @@ public:
         m_seen.clear();
     }
 
-    uint16 port() const
-    {
-        sockaddr_in local{};
-        socklen_t length = sizeof(local);
-        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&local), &length);
-        return ntohs(local.sin_port);
-    }
-
     // The last datagrams received in this run, with their source ports.
     const std::vector<std::string>& seen() const { return m_seen; }
 
 private:
-    static sockaddr_in address(uint16 port)
-    {
-        sockaddr_in result{};
-        result.sin_family = AF_INET;
-        result.sin_port = htons(port);
-        result.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return result;
-    }
-
     void remember(const std::string& datagram)
     {
         if (m_seen.size() == SEEN_KEPT)
@@ -349,7 +290,6 @@ private:
     }
 
     static constexpr std::size_t SEEN_KEPT = 16;
-    int m_fd;
     std::vector<std::string> m_seen;
 };
 
@@ -506,7 +446,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     // The modes the run asks for, through a mode request of the peer.
     const uint8 receive = (flags & 1) != 0 ? CONN_MODE_RELIABLE : CONN_MODE_DONT_CARE;
     const uint8 send = (flags & 2) != 0 ? CONN_MODE_RELIABLE : CONN_MODE_DONT_CARE;
-    std::vector<Bytes> sent{packet(EUDP_MOD, modeArg(send, 'D', receive, 'D'))};
+    std::vector<Bytes> sent{packet(EUDP_MOD, eudpwire::modes(send, 'D', receive, 'D'))};
     // Data of the transport's own, so that the peer's ACKs and NAKs meet a
     // send ring that holds something.
     for (int i = 0; i < ((flags >> 2) & 3); ++i)

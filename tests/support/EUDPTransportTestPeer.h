@@ -1,0 +1,51 @@
+#pragma once
+
+#include <weft/EUDPTransport.h>
+
+#include <tavo/Semaphore.h>
+
+// Reaches the state of an EUDP transport that the wire does not show (a
+// friend of EUDPTransport). What a lock guards is read under that lock.
+class EUDPTransportTestPeer
+{
+public:
+    static EConnMode sendMode(const EUDPTransport& t) { return t.m_sendMode; }
+    static EConnMode receiveMode(const EUDPTransport& t) { return t.m_receiveMode; }
+    static int window(const EUDPTransport& t) { return t.m_windowSize; }
+    static bool closed(const EUDPTransport& t) { return t.m_closed; }
+    static bool allowsAll(const EUDPTransport& t)
+    {
+        return t.m_allowSendRealtime && t.m_allowSendReliable && t.m_allowReceiveRealtime &&
+               t.m_allowReceiveReliable;
+    }
+
+    // As if the transport had sent that many packets already.
+    static void numberFrom(EUDPTransport& t, int seq)
+    {
+        tavo::MutexLock lock(t.m_sendMutex);
+        t.m_nextSendSeq = ModuloValue(seq);
+    }
+    // Packets in the send ring: sent and unacknowledged, or waiting.
+    static uint queued(EUDPTransport& t)
+    {
+        tavo::MutexLock lock(t.m_sendMutex);
+        return t.m_sendBuffer.size();
+    }
+    static int lastAcked(EUDPTransport& t)
+    {
+        tavo::MutexLock lock(t.m_sendMutex);
+        return t.m_lastAckedSeq.getValue();
+    }
+
+    static int expectedSeq(EUDPTransport& t)
+    {
+        tavo::MutexLock lock(t.m_receiveMutex);
+        return t.m_expectedSeq.getValue();
+    }
+    // Messages received and not yet handed out.
+    static uint stored(EUDPTransport& t)
+    {
+        tavo::MutexLock lock(t.m_receiveMutex);
+        return t.m_receiveBuffer.size();
+    }
+};

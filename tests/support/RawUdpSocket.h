@@ -1,0 +1,81 @@
+#pragma once
+
+// Plain sockets on loopback: a UDP socket for tests that play a peer or a
+// stranger byte by byte (each adds the receiving it needs), and the address
+// helpers it uses, which the benchmark's plain-socket baselines share.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+
+// 127.0.0.1:port.
+inline sockaddr_in loopbackAddress(std::uint16_t port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
+}
+
+// The local port a socket is bound to; 0 when it is not.
+inline std::uint16_t boundPort(int fd)
+{
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
+// Bound to a free port of 127.0.0.1 when made; isBound() tells whether that
+// worked (errno then says why not).
+class RawUdpSocket
+{
+public:
+    RawUdpSocket() : m_fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        const sockaddr_in local = loopbackAddress(0);
+        if (m_fd >= 0 &&
+            ::bind(m_fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0)
+        {
+            m_port = boundPort(m_fd);
+        }
+    }
+    ~RawUdpSocket()
+    {
+        if (m_fd >= 0)
+        {
+            ::close(m_fd);
+        }
+    }
+    RawUdpSocket(const RawUdpSocket&) = delete;
+    RawUdpSocket& operator=(const RawUdpSocket&) = delete;
+
+    bool isBound() const { return m_port != 0; }
+    std::uint16_t port() const { return m_port; }
+
+    // One datagram to 127.0.0.1:port; what sendto returns.
+    ssize_t send(std::uint16_t port, const void* data, std::size_t size)
+    {
+        const sockaddr_in target = loopbackAddress(port);
+        return ::sendto(m_fd, data, size, 0, reinterpret_cast<const sockaddr*>(&target),
+                        sizeof(target));
+    }
+
+    // Any container of bytes: a vector or a string.
+    template <class Container>
+    ssize_t send(std::uint16_t port, const Container& bytes)
+    {
+        return send(port, bytes.data(), bytes.size());
+    }
+
+protected:
+    const int m_fd;
+
+private:
+    std::uint16_t m_port = 0;
+};
