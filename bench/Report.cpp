@@ -1,5 +1,7 @@
 #include "Bench.h"
 
+#include "Json.h"
+
 #include <sys/utsname.h>
 
 #include <cmath>
@@ -14,6 +16,10 @@ namespace bench
 
 namespace
 {
+
+// The weft tool's: texts that come from the machine (CPU model, compiler)
+// stay valid JSON whatever bytes they hold.
+using weftcli::jsonString;
 
 std::string format(double value)
 {
@@ -61,38 +67,6 @@ double ratio(const Scenario& scenario, const Row& row, const Column& column)
         return std::nan("");
     }
     return mine->second / theirs->second;
-}
-
-std::string jsonString(const std::string& text)
-{
-    std::string out = "\"";
-    for (const char c : text)
-    {
-        switch (c)
-        {
-        case '"':
-            out += "\\\"";
-            break;
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\n':
-            out += "\\n";
-            break;
-        default:
-            if (static_cast<unsigned char>(c) < 0x20)
-            {
-                char escaped[8];
-                std::snprintf(escaped, sizeof(escaped), "\\u%04x", c);
-                out += escaped;
-            }
-            else
-            {
-                out += c;
-            }
-        }
-    }
-    return out + "\"";
 }
 
 std::string jsonNumber(double value)
