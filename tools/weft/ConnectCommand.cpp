@@ -236,13 +236,7 @@ private:
 bool runCommand(Requests& requests, Printer& printer, const std::string& line)
 {
     std::vector<std::string> words;
-    std::string error;
-    if (!splitWords(line, words, error))
-    {
-        printer.error(COMMAND, error);
-        return true;
-    }
-    if (words.empty())
+    if (!commandWords(line, printer, COMMAND, words))
     {
         return true;
     }

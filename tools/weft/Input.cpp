@@ -1,6 +1,8 @@
 #include "Input.h"
 
+#include "Printer.h"
 #include "Signals.h"
+#include "ValueSyntax.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -110,6 +112,18 @@ bool InputLoop::readStdin()
         return false;
     }
     return true;
+}
+
+bool commandWords(const std::string& line, Printer& printer, const std::string& command,
+                  std::vector<std::string>& words)
+{
+    std::string error;
+    if (!splitWords(line, words, error))
+    {
+        printer.error(command, error);
+        return false;
+    }
+    return !words.empty();
 }
 
 } // namespace weftcli

@@ -7,10 +7,12 @@
 #include <deque>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace weftcli
 {
 
+class Printer;
 class Wakeup;
 
 struct InputEvent
@@ -49,5 +51,11 @@ private:
     std::string m_partial;
     std::deque<std::string> m_lines;
 };
+
+// The words of a command line from stdin; false when there is nothing to
+// run: an empty line or a comment, or a line that does not split, whose error
+// is printed under `command`'s name.
+bool commandWords(const std::string& line, Printer& printer, const std::string& command,
+                  std::vector<std::string>& words);
 
 } // namespace weftcli

@@ -294,13 +294,7 @@ void Session::onStatus(EConnStatus status)
 bool runCommand(Server& server, Printer& printer, const std::string& line)
 {
     std::vector<std::string> words;
-    std::string error;
-    if (!splitWords(line, words, error))
-    {
-        printer.error(COMMAND, error);
-        return true;
-    }
-    if (words.empty())
+    if (!commandWords(line, printer, COMMAND, words))
     {
         return true;
     }
@@ -313,6 +307,7 @@ bool runCommand(Server& server, Printer& printer, const std::string& line)
     if (verb == "update" || verb == "trigger")
     {
         ParameterValue value;
+        std::string error;
         if (words.size() != 3)
         {
             printer.error(COMMAND, "expected: " + std::string(broadcast ? "broadcast " : "") +
