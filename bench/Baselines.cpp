@@ -213,9 +213,7 @@ RunResult tcpPingPong(int rounds, int warmup, int messageSize)
     ::shutdown(client, SHUT_RDWR);
     echo.join();
     closeAll({client, server, listener});
-    const double switches = contextSwitches() - switchesBefore;
-    result.figures = latencyFigures(samples);
-    result.figures["switches_per_rt"] = samples.empty() ? 0 : switches / samples.size();
+    result.figures = roundTripFigures(samples, contextSwitches() - switchesBefore);
     return result;
 }
 
@@ -270,9 +268,7 @@ RunResult udpPingPong(int rounds, int warmup, int messageSize)
     ::shutdown(server, SHUT_RDWR);
     echo.join();
     closeAll({client, server});
-    const double switches = contextSwitches() - switchesBefore;
-    result.figures = latencyFigures(samples);
-    result.figures["switches_per_rt"] = samples.empty() ? 0 : switches / samples.size();
+    result.figures = roundTripFigures(samples, contextSwitches() - switchesBefore);
     return result;
 }
 
@@ -318,12 +314,7 @@ RunResult tcpBlast(int messages, int messageSize)
     closeAll({client, server, listener});
     const int count = received.load();
     const double seconds = elapsedUs(start, last) / 1e6;
-    result.figures = {
-        {"msgs_per_s", seconds > 0 ? count / seconds : 0},
-        {"mb_per_s", seconds > 0 ? static_cast<double>(count) * messageSize / seconds / 1e6 : 0},
-        {"lost", messages - count},
-        {"cpu_us_per_msg", count > 0 ? cpuUs / count : 0},
-        {"switches_per_msg", count > 0 ? switches / count : 0}};
+    result.figures = pushFigures(messages, count, messageSize, seconds, cpuUs, switches);
     return result;
 }
 
@@ -381,12 +372,7 @@ RunResult udpBlast(int messages, int messageSize)
     const int count = received.load();
     const double seconds = elapsedUs(start, Clock::time_point(Clock::duration(last.load()))) / 1e6;
     RunResult result;
-    result.figures = {
-        {"msgs_per_s", seconds > 0 ? count / seconds : 0},
-        {"mb_per_s", seconds > 0 ? static_cast<double>(count) * messageSize / seconds / 1e6 : 0},
-        {"lost", messages - count},
-        {"cpu_us_per_msg", count > 0 ? cpuUs / count : 0},
-        {"switches_per_msg", count > 0 ? switches / count : 0}};
+    result.figures = pushFigures(messages, count, messageSize, seconds, cpuUs, switches);
     return result;
 }
 
@@ -435,19 +421,10 @@ RunResult plainTcpScale(int connections)
     }
     closeAll({listener});
     RunResult result;
-    const double n = connections;
-    result.figures = {{"connections", static_cast<double>(clients.size())},
-                      {"connect_ms", connectMs},
-                      {"rss_kb_per_conn", static_cast<double>(rssAfter - rssBefore) / n},
-                      {"threads_per_conn", static_cast<double>(threadsAfter - threadsBefore) / n},
-                      {"delivered", delivered},
-                      {"deliver_ms", deliverMs}};
-    if (delivered != connections)
-    {
-        result.ok = false;
-        result.failure = "delivered to " + std::to_string(delivered) + " of " +
-                         std::to_string(connections) + " connections";
-    }
+    result.figures = scaleFigures(connections, static_cast<double>(clients.size()), connectMs,
+                                  rssAfter - rssBefore, threadsAfter - threadsBefore, delivered,
+                                  deliverMs);
+    requireDelivered(result, delivered, connections);
     return result;
 }
 
@@ -489,19 +466,10 @@ RunResult plainUdpScale(int connections)
         closeAll({a, b});
     }
     RunResult result;
-    const double n = connections;
-    result.figures = {{"connections", static_cast<double>(pairs.size())},
-                      {"connect_ms", connectMs},
-                      {"rss_kb_per_conn", static_cast<double>(rssAfter - rssBefore) / n},
-                      {"threads_per_conn", static_cast<double>(threadsAfter - threadsBefore) / n},
-                      {"delivered", delivered},
-                      {"deliver_ms", deliverMs}};
-    if (delivered != connections)
-    {
-        result.ok = false;
-        result.failure = "delivered to " + std::to_string(delivered) + " of " +
-                         std::to_string(connections) + " connections";
-    }
+    result.figures = scaleFigures(connections, static_cast<double>(pairs.size()), connectMs,
+                                  rssAfter - rssBefore, threadsAfter - threadsBefore, delivered,
+                                  deliverMs);
+    requireDelivered(result, delivered, connections);
     return result;
 }
 

@@ -111,6 +111,20 @@ void measure(Scenario& scenario);
 // Percentiles of a set of durations in microseconds: p50_us, p99_us,
 // p999_us, max_us.
 Figures latencyFigures(std::vector<double>& samplesUs);
+// The figures of a round-trip run: latencyFigures and switches_per_rt.
+Figures roundTripFigures(std::vector<double>& samplesUs, double switches);
+// The figures of a push of `sent` messages of `messageSize` bytes, of which
+// `received` arrived over `seconds`, costing `cpuUs` and `switches`.
+Figures pushFigures(int sent, int received, int messageSize, double seconds, double cpuUs,
+                    double switches);
+// The figures of a scale run: `connected` of `wanted` connections came up in
+// `connectMs`, growing the process by `rssGrowthKb` and `threadGrowth`, and
+// `delivered` messages reached them, one each, in `deliverMs`.
+Figures scaleFigures(int wanted, double connected, double connectMs, long rssGrowthKb,
+                     long threadGrowth, int delivered, double deliverMs);
+// Fails a scale run that has not failed yet when not all of `wanted`
+// connections came up or got their message.
+void requireDelivered(RunResult& result, int delivered, int wanted, bool allConnected = true);
 double percentile(const std::vector<double>& sorted, double fraction);
 double median(std::vector<double> values);
 

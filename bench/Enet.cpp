@@ -157,9 +157,7 @@ RunResult enetPingPong(bool reliable, int rounds, int warmup, int messageSize)
     echo.join();
     enet_host_destroy(client);
     enet_host_destroy(server);
-    const double switches = contextSwitches() - switchesBefore;
-    result.figures = latencyFigures(samples);
-    result.figures["switches_per_rt"] = samples.empty() ? 0 : switches / samples.size();
+    result.figures = roundTripFigures(samples, contextSwitches() - switchesBefore);
     return result;
 }
 
@@ -242,12 +240,7 @@ RunResult enetBlast(bool reliable, int messages, int messageSize)
     const double seconds = elapsedUs(Clock::time_point(Clock::duration(start.load())),
                                      Clock::time_point(Clock::duration(last.load()))) /
                            1e6;
-    result.figures = {
-        {"msgs_per_s", seconds > 0 ? count / seconds : 0},
-        {"mb_per_s", seconds > 0 ? static_cast<double>(count) * messageSize / seconds / 1e6 : 0},
-        {"lost", messages - count},
-        {"cpu_us_per_msg", count > 0 ? cpuUs / count : 0},
-        {"switches_per_msg", count > 0 ? switches / count : 0}};
+    result.figures = pushFigures(messages, count, messageSize, seconds, cpuUs, switches);
     if (result.ok && reliable && count != messages)
     {
         result.ok = false;

@@ -43,6 +43,46 @@ Figures latencyFigures(std::vector<double>& samplesUs)
             {"max_us", samplesUs.empty() ? 0 : samplesUs.back()}};
 }
 
+Figures roundTripFigures(std::vector<double>& samplesUs, double switches)
+{
+    Figures figures = latencyFigures(samplesUs);
+    figures["switches_per_rt"] = samplesUs.empty() ? 0 : switches / samplesUs.size();
+    return figures;
+}
+
+Figures pushFigures(int sent, int received, int messageSize, double seconds, double cpuUs,
+                    double switches)
+{
+    return {
+        {"msgs_per_s", seconds > 0 ? received / seconds : 0},
+        {"mb_per_s", seconds > 0 ? static_cast<double>(received) * messageSize / seconds / 1e6 : 0},
+        {"lost", sent - received},
+        {"cpu_us_per_msg", received > 0 ? cpuUs / received : 0},
+        {"switches_per_msg", received > 0 ? switches / received : 0}};
+}
+
+Figures scaleFigures(int wanted, double connected, double connectMs, long rssGrowthKb,
+                     long threadGrowth, int delivered, double deliverMs)
+{
+    const double n = wanted;
+    return {{"connections", connected},
+            {"connect_ms", connectMs},
+            {"rss_kb_per_conn", static_cast<double>(rssGrowthKb) / n},
+            {"threads_per_conn", static_cast<double>(threadGrowth) / n},
+            {"delivered", delivered},
+            {"deliver_ms", deliverMs}};
+}
+
+void requireDelivered(RunResult& result, int delivered, int wanted, bool allConnected)
+{
+    if (result.ok && (!allConnected || delivered != wanted))
+    {
+        result.ok = false;
+        result.failure = "delivered to " + std::to_string(delivered) + " of " +
+                         std::to_string(wanted) + " connections";
+    }
+}
+
 namespace
 {
 

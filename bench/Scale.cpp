@@ -59,19 +59,10 @@ RunResult weftScale(ETransport transport, int connections)
     connector.closeAll();
     listener.shutdown(-1);
 
-    const double n = connections;
-    result.figures = {{"connections", static_cast<double>(accepted)},
-                      {"connect_ms", connectMs},
-                      {"rss_kb_per_conn", static_cast<double>(rssAfter - rssBefore) / n},
-                      {"threads_per_conn", static_cast<double>(threadsAfter - threadsBefore) / n},
-                      {"delivered", delivered},
-                      {"deliver_ms", deliverMs}};
-    if (result.ok && (!allAccepted || delivered != connections))
-    {
-        result.ok = false;
-        result.failure = "delivered to " + std::to_string(delivered) + " of " +
-                         std::to_string(connections) + " connections";
-    }
+    result.figures = scaleFigures(connections, static_cast<double>(accepted), connectMs,
+                                  rssAfter - rssBefore, threadsAfter - threadsBefore, delivered,
+                                  deliverMs);
+    requireDelivered(result, delivered, connections, allAccepted);
     return result;
 }
 

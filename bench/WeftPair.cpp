@@ -304,9 +304,7 @@ RunResult weftPingPong(WeftPair& pair, int rounds, int warmup)
             samples.push_back(elapsedUs(sent, client.lastTrigger()));
         }
     }
-    const double switches = contextSwitches() - switchesBefore;
-    result.figures = latencyFigures(samples);
-    result.figures["switches_per_rt"] = samples.empty() ? 0 : switches / samples.size();
+    result.figures = roundTripFigures(samples, contextSwitches() - switchesBefore);
     return result;
 }
 
@@ -355,12 +353,7 @@ RunResult weftPush(WeftPair& pair, int messages, int messageSize, bool mustDeliv
     const double switches = contextSwitches() - switchesBefore;
     const int received = client.updates();
     const double seconds = elapsedUs(start, client.lastUpdate()) / 1e6;
-    result.figures["msgs_per_s"] = seconds > 0 ? received / seconds : 0;
-    result.figures["mb_per_s"] =
-        seconds > 0 ? static_cast<double>(received) * messageSize / seconds / 1e6 : 0;
-    result.figures["lost"] = messages - received;
-    result.figures["cpu_us_per_msg"] = received > 0 ? cpuUs / received : 0;
-    result.figures["switches_per_msg"] = received > 0 ? switches / received : 0;
+    result.figures = pushFigures(messages, received, messageSize, seconds, cpuUs, switches);
     if (client.outOfOrder() > 0)
     {
         result.ok = false;
