@@ -153,12 +153,6 @@ void checkBuilt(fuzz::Input input, fuzz::LogLines& log)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    fuzz::startQuietly();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     fuzz::LogLines log;

@@ -364,5 +364,6 @@ inline std::string join(const std::vector<std::string>& lines)
 
 } // namespace fuzz
 
+// FuzzStart.cpp gives every target a default LLVMFuzzerInitialize.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size);

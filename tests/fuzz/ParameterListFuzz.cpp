@@ -178,12 +178,6 @@ void checkBuilt(fuzz::Input input)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    fuzz::startQuietly();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     checkDecoding(data, size);

@@ -90,12 +90,6 @@ void writeStream(int fd, const Bytes& stream, std::size_t piece)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    fuzz::startQuietly();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     fuzz::Input input(data, size);
