@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Configures and builds one configuration of weft.
-#   scripts/build.sh [normal|asan|tsan|m32] [build-dir]
+# Configures and builds one configuration of weft: everything, or only the
+# targets named after the build directory.
+#   scripts/build.sh [normal|asan|tsan|m32] [build-dir] [target ...]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 config=${1:-normal}
 dir=${2:-$root/build/$config}
+shift $(($# < 2 ? $# : 2))
 
 options=(-DWEFT_WERROR=ON)
 case "$config" in
@@ -16,5 +18,10 @@ case "$config" in
     *) echo "unknown configuration: $config" >&2; exit 2 ;;
 esac
 
+targets=()
+for target in "$@"; do
+    targets+=(--target "$target")
+done
+
 cmake -S "$root" -B "$dir" -G Ninja "${options[@]}" >/dev/null
-cmake --build "$dir" -j "$(nproc)"
+cmake --build "$dir" -j "$(nproc)" "${targets[@]}"

@@ -5,7 +5,5 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 bash "$root/scripts/setup.sh"
 dir="$root/build/normal"
-# The same configuration as scripts/build.sh normal, but only the tool is built.
-cmake -S "$root" -B "$dir" -G Ninja -DWEFT_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$dir" --target weft
+bash "$root/scripts/build.sh" normal "$dir" weft
 "$dir/tools/weft" demo

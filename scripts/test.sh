@@ -15,9 +15,7 @@ fi
 # CPU, so many run at once even on two cores.
 jobs=${WEFT_TEST_JOBS:-12}
 
-export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
-export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+source "$root/scripts/sanitizer-options.sh"
 
 failed=()
 for config in "${configs[@]}"; do
