@@ -188,32 +188,20 @@ RunResult tcpPingPong(int rounds, int warmup, int messageSize)
         });
     const std::vector<uint8_t> message = framed(messageSize);
     std::vector<uint8_t> answer(message.size());
-    std::vector<double> samples;
-    // From the first timed round on.
-    double switchesBefore = contextSwitches();
-    RunResult result;
-    for (int i = 0; i < warmup + rounds; ++i)
+    const auto roundTrip = [&](int, Clock::time_point& answered)
     {
-        const Clock::time_point sent = Clock::now();
         if (!writeFully(client, message.data(), message.size()) ||
             readFramed(client, answer.data()) != messageSize)
         {
-            result = failed("TCP ping-pong broke off");
-            break;
+            return std::string("TCP ping-pong broke off");
         }
-        if (i + 1 == warmup)
-        {
-            switchesBefore = contextSwitches();
-        }
-        if (i >= warmup)
-        {
-            samples.push_back(elapsedUs(sent, Clock::now()));
-        }
-    }
+        answered = Clock::now();
+        return std::string();
+    };
+    const RunResult result = timeRoundTrips(rounds, warmup, roundTrip);
     ::shutdown(client, SHUT_RDWR);
     echo.join();
     closeAll({client, server, listener});
-    result.figures = roundTripFigures(samples, contextSwitches() - switchesBefore);
     return result;
 }
 
@@ -241,34 +229,22 @@ RunResult udpPingPong(int rounds, int warmup, int messageSize)
         });
     std::vector<uint8_t> message(static_cast<std::size_t>(messageSize), 'x');
     std::vector<uint8_t> answer(message.size());
-    std::vector<double> samples;
-    // From the first timed round on.
-    double switchesBefore = contextSwitches();
-    RunResult result;
-    for (int i = 0; i < warmup + rounds; ++i)
+    const auto roundTrip = [&](int, Clock::time_point& answered)
     {
-        const Clock::time_point sent = Clock::now();
         // Loopback loses nothing at one datagram in flight.
         if (::send(client, message.data(), message.size(), 0) < 0 ||
             ::recv(client, answer.data(), answer.size(), 0) != messageSize)
         {
-            result = failed("UDP ping-pong broke off");
-            break;
+            return std::string("UDP ping-pong broke off");
         }
-        if (i + 1 == warmup)
-        {
-            switchesBefore = contextSwitches();
-        }
-        if (i >= warmup)
-        {
-            samples.push_back(elapsedUs(sent, Clock::now()));
-        }
-    }
+        answered = Clock::now();
+        return std::string();
+    };
+    const RunResult result = timeRoundTrips(rounds, warmup, roundTrip);
     // Wakes the echo thread's receive.
     ::shutdown(server, SHUT_RDWR);
     echo.join();
     closeAll({client, server});
-    result.figures = roundTripFigures(samples, contextSwitches() - switchesBefore);
     return result;
 }
 
@@ -421,9 +397,9 @@ RunResult plainTcpScale(int connections)
     }
     closeAll({listener});
     RunResult result;
-    result.figures = scaleFigures(connections, static_cast<double>(clients.size()), connectMs,
-                                  rssAfter - rssBefore, threadsAfter - threadsBefore, delivered,
-                                  deliverMs);
+    result.figures =
+        scaleFigures(connections, static_cast<double>(clients.size()), connectMs,
+                     rssAfter - rssBefore, threadsAfter - threadsBefore, delivered, deliverMs);
     requireDelivered(result, delivered, connections);
     return result;
 }
@@ -466,9 +442,9 @@ RunResult plainUdpScale(int connections)
         closeAll({a, b});
     }
     RunResult result;
-    result.figures = scaleFigures(connections, static_cast<double>(pairs.size()), connectMs,
-                                  rssAfter - rssBefore, threadsAfter - threadsBefore, delivered,
-                                  deliverMs);
+    result.figures =
+        scaleFigures(connections, static_cast<double>(pairs.size()), connectMs,
+                     rssAfter - rssBefore, threadsAfter - threadsBefore, delivered, deliverMs);
     requireDelivered(result, delivered, connections);
     return result;
 }

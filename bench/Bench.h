@@ -113,6 +113,14 @@ void measure(Scenario& scenario);
 Figures latencyFigures(std::vector<double>& samplesUs);
 // The figures of a round-trip run: latencyFigures and switches_per_rt.
 Figures roundTripFigures(std::vector<double>& samplesUs, double switches);
+// Times round trips: `warmup` untimed ones, then `rounds` timed ones, each
+// from just before `roundTrip(i)` is called to the time it sets in
+// `answered`. `roundTrip` returns an empty text, or why the run broke off (the
+// round trips before still give figures). Context switches count from the
+// first timed round trip on.
+RunResult
+timeRoundTrips(int rounds, int warmup,
+               const std::function<std::string(int i, Clock::time_point& answered)>& roundTrip);
 // The figures of a push of `sent` messages of `messageSize` bytes, of which
 // `received` arrived over `seconds`, costing `cpuUs` and `switches`.
 Figures pushFigures(int sent, int received, int messageSize, double seconds, double cpuUs,

@@ -84,7 +84,6 @@ bool enetAvailable()
 
 RunResult enetPingPong(bool reliable, int rounds, int warmup, int messageSize)
 {
-    RunResult result;
     ENetHost* server = createHost(true);
     ENetHost* client = createHost(false);
     if (server == nullptr || client == nullptr)
@@ -114,50 +113,31 @@ RunResult enetPingPong(bool reliable, int rounds, int warmup, int messageSize)
             }
         });
     ENetPeer* peer = connectClient(client, port);
-    std::vector<double> samples;
-    // From the first timed round on.
-    double switchesBefore = contextSwitches();
-    if (peer == nullptr)
-    {
-        result = RunResult{{}, false, "ENet connect failed"};
-    }
     const std::vector<uint8_t> message(static_cast<std::size_t>(messageSize), 'x');
-    for (int i = 0; peer != nullptr && i < warmup + rounds; ++i)
+    const auto roundTrip = [&](int, Clock::time_point& answered)
     {
-        const Clock::time_point sent = Clock::now();
         enet_peer_send(peer, 0,
                        enet_packet_create(message.data(), message.size(), flagsFor(reliable)));
         enet_host_flush(client);
-        const Clock::time_point deadline = sent + std::chrono::seconds(10);
-        bool answered = false;
+        const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
         ENetEvent event;
-        while (!answered && Clock::now() < deadline)
+        while (Clock::now() < deadline)
         {
             if (enet_host_service(client, &event, 100) > 0 && event.type == ENET_EVENT_TYPE_RECEIVE)
             {
-                answered = true;
+                answered = Clock::now();
                 enet_packet_destroy(event.packet);
+                return std::string();
             }
         }
-        if (!answered)
-        {
-            result = RunResult{{}, false, "ENet answer missing"};
-            break;
-        }
-        if (i + 1 == warmup)
-        {
-            switchesBefore = contextSwitches();
-        }
-        if (i >= warmup)
-        {
-            samples.push_back(elapsedUs(sent, Clock::now()));
-        }
-    }
+        return std::string("ENet answer missing");
+    };
+    const RunResult result = peer == nullptr ? RunResult{{}, false, "ENet connect failed"}
+                                             : timeRoundTrips(rounds, warmup, roundTrip);
     stop = true;
     echo.join();
     enet_host_destroy(client);
     enet_host_destroy(server);
-    result.figures = roundTripFigures(samples, contextSwitches() - switchesBefore);
     return result;
 }
 

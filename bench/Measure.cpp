@@ -50,6 +50,37 @@ Figures roundTripFigures(std::vector<double>& samplesUs, double switches)
     return figures;
 }
 
+RunResult
+timeRoundTrips(int rounds, int warmup,
+               const std::function<std::string(int i, Clock::time_point& answered)>& roundTrip)
+{
+    RunResult result;
+    std::vector<double> samples;
+    samples.reserve(static_cast<std::size_t>(rounds));
+    double switchesBefore = contextSwitches();
+    for (int i = 0; i < warmup + rounds; ++i)
+    {
+        const Clock::time_point sent = Clock::now();
+        Clock::time_point answered;
+        const std::string failure = roundTrip(i, answered);
+        if (!failure.empty())
+        {
+            result = RunResult{{}, false, failure};
+            break;
+        }
+        if (i + 1 == warmup)
+        {
+            switchesBefore = contextSwitches();
+        }
+        if (i >= warmup)
+        {
+            samples.push_back(elapsedUs(sent, answered));
+        }
+    }
+    result.figures = roundTripFigures(samples, contextSwitches() - switchesBefore);
+    return result;
+}
+
 Figures pushFigures(int sent, int received, int messageSize, double seconds, double cpuUs,
                     double switches)
 {

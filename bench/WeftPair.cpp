@@ -271,41 +271,24 @@ bool WeftPair::connect(unsigned short port, unsigned int window, std::string& fa
 
 RunResult weftPingPong(WeftPair& pair, int rounds, int warmup)
 {
-    RunResult result;
     BenchClient& client = pair.clientCallbacks();
-    std::vector<double> samples;
-    // From the first timed round on.
-    double switchesBefore = contextSwitches();
-    samples.reserve(static_cast<std::size_t>(rounds));
     ParameterList params;
     const int start = client.triggers();
-    for (int i = 0; i < warmup + rounds; ++i)
+    const auto roundTrip = [&](int i, Clock::time_point& answered)
     {
         params.addNumeric("i", i);
-        const Clock::time_point sent = Clock::now();
         if (!pair.client().callFunctionId("ping", params))
         {
-            result.ok = false;
-            result.failure = "call refused";
-            break;
+            return std::string("call refused");
         }
         if (!client.waitTriggers(start + i + 1, Clock::now() + ROUND_LIMIT))
         {
-            result.ok = false;
-            result.failure = "no answer within 10 s";
-            break;
+            return std::string("no answer within 10 s");
         }
-        if (i + 1 == warmup)
-        {
-            switchesBefore = contextSwitches();
-        }
-        if (i >= warmup)
-        {
-            samples.push_back(elapsedUs(sent, client.lastTrigger()));
-        }
-    }
-    result.figures = roundTripFigures(samples, contextSwitches() - switchesBefore);
-    return result;
+        answered = client.lastTrigger();
+        return std::string();
+    };
+    return timeRoundTrips(rounds, warmup, roundTrip);
 }
 
 RunResult weftPush(WeftPair& pair, int messages, int messageSize, bool mustDeliverAll)
