@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <mutex>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -19,141 +20,110 @@ namespace
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-class Counter
+struct Counter
 {
-public:
     void fire() { fired.add(); }
     EventCounter fired;
 };
 
+// A timer whose one callback counts; the timer, declared last, stops first.
+struct CountingTimer : Counter
+{
+    CountingTimer() { timer.addCallback(&callback); }
+    tavo::Callback<Counter> callback{this, &Counter::fire};
+    tavo::Timer timer;
+};
+
 TEST(TimerTest, OneShotFiresOnceAfterItsPeriod)
 {
-    Counter counter;
-    tavo::Callback<Counter> callback(&counter, &Counter::fire);
-    tavo::Timer timer;
-    timer.addCallback(&callback);
-
+    CountingTimer t;
     const auto started = Clock::now();
-    timer.start(20000, true);
-    EXPECT_TRUE(timer.isRunning());
-    ASSERT_TRUE(counter.fired.waitFor(1, 5s));
+    t.timer.start(20000, true);
+    EXPECT_TRUE(t.timer.isRunning());
+    ASSERT_TRUE(t.fired.waitFor(1, 5s));
     EXPECT_GE(Clock::now() - started, 20ms);
-    EXPECT_FALSE(timer.isRunning());
-    // A one-shot timer stays quiet afterwards.
-    EXPECT_FALSE(counter.fired.waitFor(2, 100ms));
+    EXPECT_FALSE(t.timer.isRunning());
+    EXPECT_FALSE(t.fired.waitFor(2, 100ms));
 }
 
-TEST(TimerTest, StopBeforeExpiryPreventsTheCallAndStoppingIdleTimersIsHarmless)
+TEST(TimerTest, StopSilencesArmedAndPeriodicTimersAndIsHarmlessOnIdleOnes)
 {
-    Counter counter;
-    tavo::Callback<Counter> callback(&counter, &Counter::fire);
-    tavo::Timer timer;
-    timer.addCallback(&callback);
-    timer.stop();
+    CountingTimer oneShot;
+    oneShot.timer.stop();
+    oneShot.timer.start(50000, true);
+    oneShot.timer.stop();
+    EXPECT_FALSE(oneShot.timer.isRunning());
+    oneShot.timer.stop();
 
-    timer.start(50000, true);
-    timer.stop();
-    EXPECT_FALSE(timer.isRunning());
-    timer.stop();
-    EXPECT_FALSE(counter.fired.waitFor(1, 150ms));
-}
-
-TEST(TimerTest, RestartingPushesTheDeadlineBack)
-{
-    Counter counter;
-    tavo::Callback<Counter> callback(&counter, &Counter::fire);
-    tavo::Timer timer;
-    timer.addCallback(&callback);
-    timer.start(200000, true);
-    timer.start(10000, true);
-    ASSERT_TRUE(counter.fired.waitFor(1, 5s));
-    EXPECT_FALSE(counter.fired.waitFor(2, 300ms));
+    CountingTimer periodic;
+    periodic.timer.start(5000, false);
+    ASSERT_TRUE(periodic.fired.waitFor(3, 5s));
+    EXPECT_TRUE(periodic.timer.isRunning());
+    periodic.timer.stop();
+    const int after = periodic.fired.get();
+    EXPECT_FALSE(periodic.fired.waitFor(after + 1, 150ms));
+    EXPECT_EQ(oneShot.fired.get(), 0); // its 50 ms have passed by now
 }
 
 TEST(TimerTest, ATimerReArmedOftenFiresOnceAndAnEarlierDeadlineStillWakesTheThread)
 {
-    Counter far;
-    Counter pushed;
-    Counter near;
-    tavo::Callback<Counter> farCallback(&far, &Counter::fire);
-    tavo::Callback<Counter> pushedCallback(&pushed, &Counter::fire);
-    tavo::Callback<Counter> nearCallback(&near, &Counter::fire);
-    tavo::Timer farTimer;
-    tavo::Timer pushedTimer;
-    tavo::Timer nearTimer;
-    farTimer.addCallback(&farCallback);
-    pushedTimer.addCallback(&pushedCallback);
-    nearTimer.addCallback(&nearCallback);
-
+    CountingTimer far;
+    CountingTimer pushed;
+    CountingTimer near;
     // The timer thread sleeps towards the far deadline; re-arming pushes the
     // other timer back without waking it, and the near deadline must wake
     // it all the same, long before the far one.
-    farTimer.start(30000000, true);
-    // Once a short timer has fired, the thread runs and heads for the far one.
-    Counter probe;
-    tavo::Callback<Counter> probeCallback(&probe, &Counter::fire);
-    tavo::Timer probeTimer;
-    probeTimer.addCallback(&probeCallback);
-    probeTimer.start(1000, true);
+    far.timer.start(30000000, true);
+    CountingTimer probe; // once it has fired, the thread heads for the far deadline
+    probe.timer.start(1000, true);
     ASSERT_TRUE(probe.fired.waitFor(1, 10s));
+    pushed.timer.start(200000, true); // a shorter period replaces this one
     for (int i = 0; i < 1000; ++i)
     {
-        pushedTimer.start(40000, true);
+        pushed.timer.start(40000, true);
     }
-    nearTimer.start(20000, true);
+    near.timer.start(20000, true);
     EXPECT_TRUE(near.fired.waitFor(1, 10s));
     ASSERT_TRUE(pushed.fired.waitFor(1, 10s));
-    EXPECT_FALSE(pushed.fired.waitFor(2, 200ms)) << "a re-armed one-shot timer fired twice";
+    EXPECT_FALSE(pushed.fired.waitFor(2, 300ms)) << "a re-armed one-shot timer fired twice";
     EXPECT_EQ(far.fired.get(), 0);
-    EXPECT_TRUE(farTimer.isRunning());
-    farTimer.stop();
+    EXPECT_TRUE(far.timer.isRunning());
 }
 
 TEST(TimerTest, ManyTimersFireInDeadlineOrder)
 {
-    constexpr int timers = 20;
-    std::mutex mutex;
-    std::vector<int> order;
-    EventCounter done;
-
+    constexpr int count = 20;
+    struct Shared
+    {
+        std::mutex mutex;
+        std::vector<int> order;
+        EventCounter done;
+    } shared;
     struct Recorder
     {
-        int index;
-        std::mutex* mutex;
-        std::vector<int>* order;
-        EventCounter* done;
         void fire()
         {
-            {
-                std::lock_guard<std::mutex> lock(*mutex);
-                order->push_back(index);
-            }
-            done->add();
+            std::lock_guard<std::mutex> lock(pShared->mutex);
+            pShared->order.push_back(index);
+            pShared->done.add();
         }
-    };
-    std::vector<Recorder> recorders;
-    for (int i = 0; i < timers; ++i)
+        Shared* pShared = nullptr;
+        int index = 0;
+        tavo::Callback<Recorder> callback{this, &Recorder::fire};
+        tavo::Timer timer;
+    } recorders[count];
+    for (int i = count - 1; i >= 0; --i) // arming order and deadline order differ
     {
-        recorders.push_back(Recorder{i, &mutex, &order, &done});
+        recorders[i].pShared = &shared;
+        recorders[i].index = i;
+        recorders[i].timer.addCallback(&recorders[i].callback);
+        recorders[i].timer.start(5000 * (i + 1), true);
     }
-    std::vector<tavo::Callback<Recorder>> callbacks;
-    for (auto& recorder : recorders)
-    {
-        callbacks.emplace_back(&recorder, &Recorder::fire);
-    }
-    std::vector<tavo::Timer> timerObjects(timers);
-    // Armed in reverse so that arming order and deadline order differ.
-    for (int i = timers - 1; i >= 0; --i)
-    {
-        timerObjects[i].addCallback(&callbacks[i]);
-        timerObjects[i].start(5000 * (i + 1), true);
-    }
-    ASSERT_TRUE(done.waitFor(timers, 10s));
-    std::lock_guard<std::mutex> lock(mutex);
-    for (int i = 0; i < timers; ++i)
-    {
-        EXPECT_EQ(order[i], i) << "position " << i;
-    }
+    ASSERT_TRUE(shared.done.waitFor(count, 10s));
+    std::vector<int> expected(count);
+    std::iota(expected.begin(), expected.end(), 0);
+    std::lock_guard<std::mutex> lock(shared.mutex);
+    EXPECT_EQ(shared.order, expected);
 }
 
 TEST(TimerTest, StopWaitsForACallbackThatIsRunning)
@@ -175,11 +145,10 @@ TEST(TimerTest, StopWaitsForACallbackThatIsRunning)
     timer.addCallback(&callback);
     timer.start(0, true);
     ASSERT_EQ(slow.entered.take(5000), tavo::TAKE_OK);
-
     std::thread releaser(
         [&]
         {
-            tavo::Thread::mssleep(50);
+            tavo::Thread::mssleep(50); // long enough for stop() to be waiting
             slow.release.give();
         });
     timer.stop();
@@ -215,32 +184,15 @@ TEST(TimerTest, ACallbackMayStopAndRestartTimersFromTheTimerThread)
     ASSERT_TRUE(chain.fired.waitFor(3, 5s));
 }
 
-TEST(TimerTest, PeriodicTimerFiresUntilStopped)
-{
-    Counter counter;
-    tavo::Callback<Counter> callback(&counter, &Counter::fire);
-    tavo::Timer timer;
-    timer.addCallback(&callback);
-    timer.start(5000, false);
-    ASSERT_TRUE(counter.fired.waitFor(3, 5s));
-    EXPECT_TRUE(timer.isRunning());
-    timer.stop();
-    const int after = counter.fired.get();
-    EXPECT_FALSE(counter.fired.waitFor(after + 1, 100ms));
-}
-
 TEST(TimerTest, RemovedCallbackIsNotCalled)
 {
-    Counter kept;
+    CountingTimer kept;
     Counter removed;
-    tavo::Callback<Counter> keptCallback(&kept, &Counter::fire);
     tavo::Callback<Counter> removedCallback(&removed, &Counter::fire);
-    tavo::Timer timer;
-    timer.addCallback(&keptCallback);
-    timer.addCallback(&removedCallback);
-    EXPECT_TRUE(timer.removeCallback(&removedCallback));
-    EXPECT_FALSE(timer.removeCallback(&removedCallback));
-    timer.start(1000, true);
+    kept.timer.addCallback(&removedCallback);
+    EXPECT_TRUE(kept.timer.removeCallback(&removedCallback));
+    EXPECT_FALSE(kept.timer.removeCallback(&removedCallback));
+    kept.timer.start(1000, true);
     ASSERT_TRUE(kept.fired.waitFor(1, 5s));
     EXPECT_EQ(removed.fired.get(), 0);
 }
