@@ -56,33 +56,35 @@ public:
 TEST(ThreadTest, ShutdownAsksRunToEndAndWaitsForIt)
 {
     StoppableThread thread;
+    EXPECT_TRUE(thread.shutdown(-1)); // never started: nothing to ask
+    EXPECT_EQ(thread.shutdownRequests.load(), 0);
     ASSERT_TRUE(thread.start());
     ASSERT_EQ(thread.started.take(5000), tavo::TAKE_OK);
     EXPECT_TRUE(thread.isRunning());
+    EXPECT_FALSE(thread.start()) << "started twice";
     EXPECT_TRUE(thread.shutdown(-1));
     EXPECT_FALSE(thread.isRunning());
     EXPECT_EQ(thread.shutdownRequests.load(), 1);
 }
 
-TEST(ThreadTest, ShutdownOfANeverStartedThreadReturnsAtOnce)
+TEST(ThreadTest, AFinishedThreadRunsAgainWithThePriorityItIsGiven)
 {
     StoppableThread thread;
-    EXPECT_TRUE(thread.shutdown(-1));
-    EXPECT_EQ(thread.shutdownRequests.load(), 0);
-}
-
-TEST(ThreadTest, StartingARunningThreadIsRefusedAndAFinishedOneRunsAgain)
-{
-    StoppableThread thread;
+    EXPECT_EQ(thread.getPriority(), tavo::PRIORITY_NORMAL);
     ASSERT_TRUE(thread.start());
     ASSERT_EQ(thread.started.take(5000), tavo::TAKE_OK);
-    EXPECT_FALSE(thread.start());
     ASSERT_TRUE(thread.shutdown(-1));
-
-    ASSERT_TRUE(thread.start());
+    ASSERT_TRUE(thread.start(tavo::PRIORITY_LOW));
     ASSERT_EQ(thread.started.take(5000), tavo::TAKE_OK);
+    EXPECT_EQ(thread.getPriority(), tavo::PRIORITY_LOW);
+    EXPECT_TRUE(thread.setPriority(tavo::PRIORITY_LOWEST)); // lowering needs no privilege
     ASSERT_TRUE(thread.shutdown(-1));
     EXPECT_EQ(thread.runs.load(), 2);
+    for (int p = tavo::PRIORITY_LOWEST; p <= tavo::PRIORITY_HIGHEST; ++p)
+    {
+        const auto priority = static_cast<tavo::EPriority>(p);
+        EXPECT_EQ(thread.mapPriorityReverse(thread.mapPriority(priority)), priority);
+    }
 }
 
 TEST(ThreadTest, ShutdownWithATimeOutReportsAThreadThatDoesNotEnd)
@@ -125,20 +127,6 @@ TEST(ThreadDeathTest, ShutdownFromTheThreadItselfStopsTheProcess)
             tavo::Thread::mssleep(5000);
         },
         "shutdown called from the thread itself");
-}
-
-TEST(ThreadTest, PriorityIsRecordedAndLoweringItIsApplied)
-{
-    StoppableThread thread;
-    EXPECT_EQ(thread.getPriority(), tavo::PRIORITY_NORMAL);
-    ASSERT_TRUE(thread.start(tavo::PRIORITY_LOW));
-    ASSERT_EQ(thread.started.take(5000), tavo::TAKE_OK);
-    EXPECT_EQ(thread.getPriority(), tavo::PRIORITY_LOW);
-    // Lowering needs no privilege.
-    EXPECT_TRUE(thread.setPriority(tavo::PRIORITY_LOWEST));
-    EXPECT_EQ(thread.mapPriorityReverse(thread.mapPriority(tavo::PRIORITY_HIGH)),
-              tavo::PRIORITY_HIGH);
-    thread.shutdown(-1);
 }
 
 } // namespace
