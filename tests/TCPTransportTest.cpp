@@ -1,4 +1,3 @@
-#include "support/Waiting.h"
 #include "support/WeftFixture.h"
 
 #include <weft/TCPTransport.h>
@@ -8,21 +7,30 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
 namespace
 {
 
-using namespace std::chrono_literals;
-
 const tavo::HostAddress LOOPBACK("127.0.0.1");
 
 typedef std::vector<uint8> Bytes;
+
+// The message received into a buffer of exactly `size` bytes, or "<n>" for a
+// result n <= 0.
+std::string receiveText(IWEFTTransport& transport, uint size)
+{
+    Bytes buffer(size);
+    const int n = transport.receiveData(buffer.data(), size);
+    return n > 0 ? std::string(buffer.begin(), buffer.begin() + n) : "<" + std::to_string(n) + ">";
+}
 
 // A listening TCPTransport and a helper to accept on it.
 class TCPTransportTest : public WeftFixture
@@ -56,7 +64,8 @@ protected:
         std::size_t received = 0;
         while (received < count)
         {
-            const int n = socket.receive(bytes.data() + received, static_cast<int>(count - received));
+            const int n =
+                socket.receive(bytes.data() + received, static_cast<int>(count - received));
             if (n <= 0)
             {
                 bytes.resize(received);
@@ -93,27 +102,26 @@ TEST_F(TCPTransportTest, MessagesTravelWholeAndInOrderBothWays)
         {
             message[i] = static_cast<uint8>(i * 7 + length);
         }
-        ASSERT_TRUE(client.sendData(message.data(), length));
-        Bytes received(65535);
-        ASSERT_EQ(server->receiveData(received.data(), 65535), static_cast<int>(length));
-        received.resize(length);
-        EXPECT_EQ(received, message) << "length " << length;
-
-        ASSERT_TRUE(server->sendData(message.data(), length));
-        received.assign(65535, 0);
-        ASSERT_EQ(client.receiveData(received.data(), 65535), static_cast<int>(length));
-        received.resize(length);
-        EXPECT_EQ(received, message) << "length " << length;
+        for (auto [from, to] : {std::pair<IWEFTTransport*, IWEFTTransport*>(&client, server.get()),
+                                std::pair<IWEFTTransport*, IWEFTTransport*>(server.get(), &client)})
+        {
+            ASSERT_TRUE(from->sendData(message.data(), length));
+            Bytes received(65535);
+            ASSERT_EQ(to->receiveData(received.data(), 65535), static_cast<int>(length));
+            received.resize(length);
+            EXPECT_EQ(received, message) << "length " << length;
+        }
     }
-    client.disconnect();
 }
 
-TEST_F(TCPTransportTest, FramesEachMessageWithATwoByteLittleEndianLength)
+TEST_F(TCPTransportTest, FramesEachMessageWithATwoByteLittleEndianLengthAndRefusesLongerOnes)
 {
     tavo::TcpSocket raw;
     auto transport = acceptRawPeer(raw);
     ASSERT_NE(transport, nullptr);
-
+    Bytes tooLong(65536, 1);
+    EXPECT_FALSE(transport->sendData(tooLong.data(), 65536));
+    // Nothing of it went out: the next message is the first thing the peer sees.
     const uint8 one = 0xAB;
     ASSERT_TRUE(transport->sendData(&one, 1));
     EXPECT_EQ(readExactly(raw, 3), (Bytes{0x01, 0x00, 0xAB}));
@@ -127,154 +135,115 @@ TEST_F(TCPTransportTest, FramesEachMessageWithATwoByteLittleEndianLength)
     EXPECT_EQ(framed[65536], 0x5A);
 }
 
-TEST_F(TCPTransportTest, RefusesAMessageTooLongToFrame)
+// The peer writes its bytes one at a time, so that prefixes and bodies arrive
+// in pieces, then closes or not; each receive gives the next expected result.
+TEST_F(TCPTransportTest, ReceiveGathersPiecesSkipsEmptyMessagesAndEndsWithTheStream)
 {
-    tavo::TcpSocket raw;
-    auto transport = acceptRawPeer(raw);
-    Bytes tooLong(65536, 1);
-    EXPECT_FALSE(transport->sendData(tooLong.data(), 65536));
-    // Nothing went out: the next message is the first thing the peer sees.
-    const uint8 byte = 7;
-    ASSERT_TRUE(transport->sendData(&byte, 1));
-    EXPECT_EQ(readExactly(raw, 3), (Bytes{0x01, 0x00, 0x07}));
-}
-
-TEST_F(TCPTransportTest, GathersAPrefixAndBodyThatArriveInPieces)
-{
-    tavo::TcpSocket raw;
-    auto transport = acceptRawPeer(raw);
-    std::thread writer([&] {
-        for (uint8 byte : Bytes{0x05, 0x00, 'h', 'e', 'l', 'l', 'o'})
+    struct Case
+    {
+        Bytes stream;
+        bool close;
+        uint size;
+        std::vector<std::string> results;
+    };
+    const Case cases[] = {
+        {{5, 0, 'h', 'e', 'l', 'l', 'o'}, false, 16, {"hello"}},
+        {{0, 0, 0, 0, 2, 0, 'o', 'k'}, false, 16, {"ok"}},
+        {{4, 0, 'f', 'i', 't', 's', 5, 0, 'o', 'v', 'e', 'r', '!'}, false, 4, {"fits", "<-1>"}},
+        {{1, 0, 'a'}, true, 16, {"a", "<0>"}},
+        {{10, 0, 'p', 'a', 'r', 't'}, true, 16, {"<0>"}}, // the end inside a body
+        {{3}, true, 16, {"<0>"}},                         // the end inside a prefix
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(::testing::PrintToString(c.stream));
+        tavo::TcpSocket raw;
+        auto transport = acceptRawPeer(raw);
+        std::thread writer(
+            [&]
+            {
+                for (uint8 byte : c.stream)
+                {
+                    write(raw, Bytes{byte});
+                    tavo::Thread::mssleep(2);
+                }
+                if (c.close)
+                {
+                    raw.close();
+                }
+            });
+        for (const std::string& expected : c.results)
         {
-            write(raw, Bytes{byte});
-            tavo::Thread::mssleep(5);
+            EXPECT_EQ(receiveText(*transport, c.size), expected);
         }
-    });
-    uint8 buffer[16] = {};
-    EXPECT_EQ(transport->receiveData(buffer, sizeof(buffer)), 5);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer), 5), "hello");
-    writer.join();
-}
-
-TEST_F(TCPTransportTest, SkipsEmptyMessagesAndDeliversTheNext)
-{
-    tavo::TcpSocket raw;
-    auto transport = acceptRawPeer(raw);
-    write(raw, Bytes{0x00, 0x00, 0x00, 0x00, 0x02, 0x00, 'o', 'k'});
-    uint8 buffer[16] = {};
-    EXPECT_EQ(transport->receiveData(buffer, sizeof(buffer)), 2);
-    EXPECT_EQ(buffer[0], 'o');
-}
-
-TEST_F(TCPTransportTest, AMessageOfExactlyTheBufferSizeFitsAndOneMoreByteIsRefused)
-{
-    tavo::TcpSocket raw;
-    auto transport = acceptRawPeer(raw);
-    write(raw, Bytes{0x04, 0x00, 1, 2, 3, 4});
-    uint8 buffer[4];
-    EXPECT_EQ(transport->receiveData(buffer, 4), 4);
-    write(raw, Bytes{0x05, 0x00, 1, 2, 3, 4, 5});
-    EXPECT_EQ(transport->receiveData(buffer, 4), -1);
-}
-
-TEST_F(TCPTransportTest, PeerCloseBetweenOrInsideMessagesEndsWithZero)
-{
-    {
-        tavo::TcpSocket raw;
-        auto transport = acceptRawPeer(raw);
-        write(raw, Bytes{0x01, 0x00, 'a'});
-        raw.close();
-        uint8 buffer[8];
-        EXPECT_EQ(transport->receiveData(buffer, sizeof(buffer)), 1);
-        EXPECT_EQ(transport->receiveData(buffer, sizeof(buffer)), 0);
-    }
-    {
-        tavo::TcpSocket raw;
-        auto transport = acceptRawPeer(raw);
-        write(raw, Bytes{0x0A, 0x00, 'p', 'a', 'r', 't'});
-        raw.close();
-        uint8 buffer[16];
-        EXPECT_EQ(transport->receiveData(buffer, sizeof(buffer)), 0);
-    }
-    {
-        // One byte of a prefix, then the end of the stream.
-        tavo::TcpSocket raw;
-        auto transport = acceptRawPeer(raw);
-        write(raw, Bytes{0x03});
-        raw.close();
-        uint8 buffer[16];
-        EXPECT_EQ(transport->receiveData(buffer, sizeof(buffer)), 0);
+        writer.join();
     }
 }
 
-TEST_F(TCPTransportTest, DisconnectWakesABlockedReceiveAndLaterReceivesReturnZeroAtOnce)
+TEST_F(TCPTransportTest, DisconnectWakesABlockedReceiveAndAcceptAndLaterCallsEndAtOnce)
 {
     TCPTransport client;
     auto server = acceptWhile([&] { ASSERT_TRUE(client.connect(LOOPBACK, m_port)); });
-    std::atomic<int> result{99};
-    std::thread receiver([&] {
-        uint8 buffer[16];
-        result = client.receiveData(buffer, sizeof(buffer));
-    });
-    tavo::Thread::mssleep(30);
-    client.disconnect();
-    client.disconnect();
-    receiver.join();
-    EXPECT_LE(result.load(), 0);
-    uint8 buffer[16];
-    EXPECT_EQ(client.receiveData(buffer, sizeof(buffer)), 0);
-    EXPECT_FALSE(client.sendData(buffer, 1));
-    // The peer sees the end of the stream.
-    EXPECT_EQ(server->receiveData(buffer, sizeof(buffer)), 0);
-}
-
-TEST_F(TCPTransportTest, DisconnectWakesABlockedAccept)
-{
-    std::atomic<bool> returned{false};
+    std::atomic<int> received{99};
+    std::atomic<bool> acceptReturned{false};
     IWEFTTransport* accepted = reinterpret_cast<IWEFTTransport*>(1);
-    std::thread acceptor([&] {
-        accepted = m_listener.accept();
-        returned = true;
-    });
-    tavo::Thread::mssleep(30);
-    EXPECT_FALSE(returned.load());
+    std::thread receiver(
+        [&]
+        {
+            uint8 buffer[16];
+            received = client.receiveData(buffer, sizeof(buffer));
+        });
+    std::thread acceptor(
+        [&]
+        {
+            accepted = m_listener.accept();
+            acceptReturned = true;
+        });
+    tavo::Thread::mssleep(30); // long enough for both to block
+    EXPECT_EQ(received.load(), 99);
+    EXPECT_FALSE(acceptReturned.load());
+    client.disconnect();
+    client.disconnect();
     m_listener.disconnect();
+    receiver.join();
     acceptor.join();
+    EXPECT_LE(received.load(), 0);
     EXPECT_EQ(accepted, nullptr);
+    EXPECT_EQ(receiveText(client, 16), "<0>");
+    const uint8 byte = 0;
+    EXPECT_FALSE(client.sendData(&byte, 1));
+    EXPECT_EQ(receiveText(*server, 16), "<0>"); // the peer sees the end of the stream
 }
 
-TEST_F(TCPTransportTest, ConnectAfterDisconnectUsesAFreshSocket)
+TEST_F(TCPTransportTest, ConnectMayBeRetriedAfterAFailureAndUsesAFreshSocketAfterDisconnect)
 {
+    uint16 closedPort = 0;
+    {
+        TCPTransport placeholder;
+        ASSERT_TRUE(placeholder.listen(LOOPBACK, 0));
+        closedPort = placeholder.getLocalPort();
+    }
     TCPTransport client;
+    EXPECT_FALSE(client.connect(LOOPBACK, closedPort));
     auto first = acceptWhile([&] { ASSERT_TRUE(client.connect(LOOPBACK, m_port)); });
+    ASSERT_NE(first, nullptr);
     const uint16 firstPort = client.getLocalPort();
     client.disconnect();
     auto second = acceptWhile([&] { ASSERT_TRUE(client.connect(LOOPBACK, m_port)); });
     ASSERT_NE(second, nullptr);
     EXPECT_NE(client.getLocalPort(), 0);
     EXPECT_NE(client.getLocalPort(), firstPort);
-    const uint8 byte = 42;
+    const uint8 byte = '*';
     ASSERT_TRUE(client.sendData(&byte, 1));
-    uint8 buffer[4];
-    EXPECT_EQ(second->receiveData(buffer, sizeof(buffer)), 1);
-    EXPECT_EQ(buffer[0], 42);
+    EXPECT_EQ(receiveText(*second, 4), "*");
 }
 
-TEST_F(TCPTransportTest, ConnectToAPortWhereNobodyListensFailsAndMayBeRetried)
-{
-    TCPTransport client;
-    TCPTransport placeholder;
-    ASSERT_TRUE(placeholder.listen(LOOPBACK, 0));
-    const uint16 closedPort = placeholder.getLocalPort();
-    placeholder.disconnect();
-    EXPECT_FALSE(client.connect(LOOPBACK, closedPort));
-    auto server = acceptWhile([&] { EXPECT_TRUE(client.connect(LOOPBACK, m_port)); });
-    EXPECT_NE(server, nullptr);
-}
-
-TEST_F(TCPTransportTest, OffersOnlyReliableModeAndNoWindow)
+TEST_F(TCPTransportTest, AnUnconnectedTransportOffersOnlyReliableModeNoWindowAndNoPorts)
 {
     TCPTransport transport;
+    EXPECT_EQ(transport.getPeerPort(), 0);
+    EXPECT_EQ(transport.getPeerAddress(), tavo::HostAddress());
+    EXPECT_EQ(transport.getLocalPort(), 0);
     EXPECT_TRUE(transport.setSendMode(CONN_MODE_RELIABLE));
     EXPECT_TRUE(transport.setReceiveMode(CONN_MODE_RELIABLE));
     for (EConnMode mode : {CONN_MODE_REALTIME, CONN_MODE_DONT_CARE})
@@ -290,14 +259,6 @@ TEST_F(TCPTransportTest, OffersOnlyReliableModeAndNoWindow)
     EXPECT_TRUE(transport.setSendMode(CONN_MODE_RELIABLE));
 }
 
-TEST_F(TCPTransportTest, GettersOfAnUnconnectedTransportReturnDefaults)
-{
-    TCPTransport transport;
-    EXPECT_EQ(transport.getPeerPort(), 0);
-    EXPECT_EQ(transport.getPeerAddress(), tavo::HostAddress());
-    EXPECT_EQ(transport.getLocalPort(), 0);
-}
-
 TEST_F(TCPTransportTest, ConcurrentSendersNeverInterleaveTheirMessages)
 {
     TCPTransport client;
@@ -307,13 +268,15 @@ TEST_F(TCPTransportTest, ConcurrentSendersNeverInterleaveTheirMessages)
     std::vector<std::thread> threads;
     for (int s = 0; s < senders; ++s)
     {
-        threads.emplace_back([&, s] {
-            Bytes message(700, static_cast<uint8>(s + 1));
-            for (int i = 0; i < messagesEach; ++i)
+        threads.emplace_back(
+            [&, s]
             {
-                ASSERT_TRUE(client.sendData(message.data(), 700));
-            }
-        });
+                Bytes message(700, static_cast<uint8>(s + 1));
+                for (int i = 0; i < messagesEach; ++i)
+                {
+                    ASSERT_TRUE(client.sendData(message.data(), 700));
+                }
+            });
     }
     int perSender[senders] = {};
     uint8 buffer[1024];
@@ -323,10 +286,7 @@ TEST_F(TCPTransportTest, ConcurrentSendersNeverInterleaveTheirMessages)
         const uint8 mark = buffer[0];
         ASSERT_GE(mark, 1);
         ASSERT_LE(mark, senders);
-        for (int i = 1; i < 700; ++i)
-        {
-            ASSERT_EQ(buffer[i], mark) << "message " << m << " byte " << i;
-        }
+        ASSERT_EQ(std::count(buffer, buffer + 700, mark), 700) << "message " << m;
         ++perSender[mark - 1];
     }
     for (auto& thread : threads)
@@ -347,10 +307,7 @@ TEST_F(TCPTransportTest, GarbageFromAPeerEndsInMessagesOrAFailureNeverAHang)
         tavo::TcpSocket raw;
         auto transport = acceptRawPeer(raw);
         Bytes garbage(1 + random() % 4000);
-        for (auto& byte : garbage)
-        {
-            byte = static_cast<uint8>(random());
-        }
+        std::generate(garbage.begin(), garbage.end(), [&] { return random(); });
         write(raw, garbage);
         raw.close();
         uint8 buffer[1492];
