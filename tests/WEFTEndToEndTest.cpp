@@ -4,7 +4,6 @@
 #include <weft/WEFTConnection.h>
 #include <weft/WEFTListener.h>
 
-#include <tavo/TcpSocket.h>
 #include <tavo/Thread.h>
 
 #include <gtest/gtest.h>
@@ -18,20 +17,15 @@ namespace
 
 using namespace std::chrono_literals;
 
-const char* transportName(const ::testing::TestParamInfo<ETransport>& info)
-{
-    return info.param == TRANSPORT_TCP ? "Tcp" : "Eudp";
-}
-
-// A listener with a collecting connector on a free loopback port, for either
-// transport.
-class WEFTEndToEndTest : public WeftFixture, public ::testing::WithParamInterface<ETransport>
+// A listener with a collecting connector on a free loopback port, once
+// listen() has run.
+class WEFTListenerTest : public WeftFixture
 {
 protected:
-    void SetUp() override
+    void listen(ETransport transport)
     {
-        WeftFixture::SetUp();
-        m_listener = std::make_unique<WEFTListener>(GetParam());
+        m_transport = transport;
+        m_listener = std::make_unique<WEFTListener>(transport);
         ASSERT_TRUE(m_listener->listen("127.0.0.1", 0, &m_connector));
         ASSERT_TRUE(m_listener->waitForListen(10000));
         m_port = m_listener->getLocalPort();
@@ -40,7 +34,10 @@ protected:
 
     void TearDown() override
     {
-        m_listener->shutdown(-1);
+        if (m_listener)
+        {
+            m_listener->shutdown(-1);
+        }
         m_connector.closeAll();
         m_listener.reset();
         WeftFixture::TearDown();
@@ -48,7 +45,7 @@ protected:
 
     std::unique_ptr<WEFTConnection> connectClient(IWEFTClient* client)
     {
-        auto connection = std::make_unique<WEFTConnection>(GetParam());
+        auto connection = std::make_unique<WEFTConnection>(m_transport);
         EXPECT_TRUE(connection->connect("127.0.0.1", m_port, client));
         return connection;
     }
@@ -56,7 +53,18 @@ protected:
     EventLog m_serverEvents;
     CollectingConnector m_connector{m_serverEvents};
     std::unique_ptr<WEFTListener> m_listener;
+    ETransport m_transport = TRANSPORT_TCP;
     uint16 m_port = 0;
+};
+
+class WEFTEndToEndTest : public WEFTListenerTest, public ::testing::WithParamInterface<ETransport>
+{
+protected:
+    void SetUp() override
+    {
+        WEFTListenerTest::SetUp();
+        listen(GetParam());
+    }
 };
 
 TEST_P(WEFTEndToEndTest, EveryRequestReachesTheRightCallbackWithItsNameAndValue)
@@ -94,9 +102,8 @@ TEST_P(WEFTEndToEndTest, EveryRequestReachesTheRightCallbackWithItsNameAndValue)
     ASSERT_TRUE(server->trigger("empty", ParameterValue()));
     ASSERT_TRUE(clientEvents.waitFor(6));
     const std::vector<Event> clientExpected = {
-        {"status", "client", "connected"}, {"trigger", "tally", "ON"},
-        {"update", "level", "1e+06"},      {"update", "name", "studio A"},
-        {"update", "count", "-17"},        {"trigger", "empty", "INV"},
+        {"status", "client", "connected"}, {"trigger", "tally", "ON"}, {"update", "level", "1e+06"},
+        {"update", "name", "studio A"},    {"update", "count", "-17"}, {"trigger", "empty", "INV"},
     };
     EXPECT_EQ(clientEvents.events(), clientExpected);
     EXPECT_EQ(clientEvents.events()[2].type, PARAM_TYPE_FLOAT);
@@ -106,52 +113,27 @@ TEST_P(WEFTEndToEndTest, EveryRequestReachesTheRightCallbackWithItsNameAndValue)
     EXPECT_EQ(clientEvents.events().back(), (Event{"status", "client", "disconnected"}));
 }
 
-TEST_P(WEFTEndToEndTest, ClosingOneSideReportsDisconnectedOnTheOther)
-{
-    EventLog clientEvents;
-    RecordingClient client(clientEvents);
-    auto connection = connectClient(&client);
-    ASSERT_TRUE(m_serverEvents.waitFor(2));
-    connection->disconnect();
-    // Over EUDP the server hears DIS; over TCP the end of the stream.
-    ASSERT_TRUE(m_serverEvents.waitFor(3, 20s));
-    EXPECT_EQ(m_serverEvents.events().back(), (Event{"status", "server0", "disconnected"}));
-}
-
-TEST_P(WEFTEndToEndTest, ClientsConnectingOneAfterAnotherAreHandedOverInAcceptOrder)
-{
-    EventLog clientEvents;
-    RecordingClient client(clientEvents);
-    auto first = connectClient(&client);
-    ASSERT_TRUE(m_serverEvents.waitFor(2));
-    auto second = connectClient(&client);
-    ASSERT_TRUE(m_serverEvents.waitFor(4));
-    const std::vector<Event> expected = {
-        {"connection", "server0", ""},
-        {"status", "server0", "connected"},
-        {"connection", "server1", ""},
-        {"status", "server1", "connected"},
-    };
-    EXPECT_EQ(m_serverEvents.events(), expected);
-    EXPECT_EQ(m_connector.connection(0)->getPeerPort(), first->getLocalPort());
-    EXPECT_EQ(m_connector.connection(1)->getPeerPort(), second->getLocalPort());
-    first->disconnect();
-    second->disconnect();
-}
-
-TEST_P(WEFTEndToEndTest, ManyClientThreadsOnTheirOwnConnectionsLoseNothing)
+TEST_P(WEFTEndToEndTest, ManyClientsAreHandedOverInAcceptOrderAndTheirThreadsLoseNothing)
 {
     constexpr int clients = 6;
     constexpr int messagesEach = 200;
     EventLog clientEvents;
     RecordingClient client(clientEvents);
     std::vector<std::unique_ptr<WEFTConnection>> connections;
+    std::vector<Event> handedOver;
     for (int c = 0; c < clients; ++c)
     {
         connections.push_back(connectClient(&client));
+        const std::string who = "server" + std::to_string(c);
+        handedOver.push_back({"connection", who, ""});
+        handedOver.push_back({"status", who, "connected"});
     }
-    // Each accepted connection logs its hand-over and its connected status.
     ASSERT_TRUE(m_serverEvents.waitFor(2 * clients));
+    EXPECT_EQ(m_serverEvents.events(), handedOver);
+    for (int c = 0; c < clients; ++c)
+    {
+        EXPECT_EQ(m_connector.connection(c)->getPeerPort(), connections[c]->getLocalPort()) << c;
+    }
     // Reliable delivery from the clients to the server on EUDP.
     if (GetParam() == TRANSPORT_EUDP)
     {
@@ -160,24 +142,25 @@ TEST_P(WEFTEndToEndTest, ManyClientThreadsOnTheirOwnConnectionsLoseNothing)
             ASSERT_TRUE(connection->setReceiveMode(CONN_MODE_RELIABLE));
         }
     }
-    const int before = m_serverEvents.count();
     std::vector<std::thread> threads;
     for (int c = 0; c < clients; ++c)
     {
-        threads.emplace_back([&, c] {
-            for (int i = 0; i < messagesEach; ++i)
+        threads.emplace_back(
+            [&, c]
             {
-                EXPECT_TRUE(connections[c]->subscribe("c" + std::to_string(c) + "." +
-                                                      std::to_string(i)));
-            }
-        });
+                for (int i = 0; i < messagesEach; ++i)
+                {
+                    EXPECT_TRUE(connections[c]->subscribe("c" + std::to_string(c) + "." +
+                                                          std::to_string(i)));
+                }
+            });
     }
     for (auto& thread : threads)
     {
         thread.join();
     }
-    ASSERT_TRUE(m_serverEvents.waitFor(before + clients * messagesEach, 60s))
-        << "arrived " << m_serverEvents.count() - before;
+    ASSERT_TRUE(m_serverEvents.waitFor(2 * clients + clients * messagesEach, 60s))
+        << "arrived " << m_serverEvents.count() - 2 * clients;
     std::map<std::string, int> seen;
     for (const Event& event : m_serverEvents.events())
     {
@@ -191,10 +174,6 @@ TEST_P(WEFTEndToEndTest, ManyClientThreadsOnTheirOwnConnectionsLoseNothing)
     {
         EXPECT_EQ(entry.second, 1) << entry.first;
     }
-    for (auto& connection : connections)
-    {
-        connection->disconnect();
-    }
 }
 
 TEST_P(WEFTEndToEndTest, ShutdownLogsAndNoLaterConnectionIsHandedOver)
@@ -206,19 +185,9 @@ TEST_P(WEFTEndToEndTest, ShutdownLogsAndNoLaterConnectionIsHandedOver)
     WEFTConnection late(GetParam());
     // TCP refuses at once; EUDP waits for an answer that never comes.
     EXPECT_FALSE(late.connect("127.0.0.1", m_port, &client));
+    late.disconnect();
     EXPECT_EQ(m_connector.accepted(), 0);
     EXPECT_EQ(clientEvents.count(), 0);
-}
-
-TEST_P(WEFTEndToEndTest, ConnectToAPortWhereNothingListensFailsWithoutAStatus)
-{
-    ASSERT_TRUE(m_listener->shutdown(-1));
-    EventLog clientEvents;
-    RecordingClient client(clientEvents);
-    WEFTConnection connection(GetParam());
-    EXPECT_FALSE(connection.connect("127.0.0.1", m_port, &client));
-    EXPECT_EQ(clientEvents.count(), 0);
-    connection.disconnect();
 }
 
 TEST_P(WEFTEndToEndTest, ListenOnAPortInUseStillReturnsTrue)
@@ -230,164 +199,61 @@ TEST_P(WEFTEndToEndTest, ListenOnAPortInUseStillReturnsTrue)
     EXPECT_EQ(second.getLocalPort(), 0);
 }
 
-TEST_P(WEFTEndToEndTest, DestroyingAConnectedConnectionWithoutDisconnectEndsItsThread)
-{
-    EventLog clientEvents;
-    RecordingClient client(clientEvents);
-    auto connection = connectClient(&client);
-    ASSERT_TRUE(m_serverEvents.waitFor(2));
-    connection.reset();
-    EXPECT_EQ(clientEvents.events().back(), (Event{"status", "client", "disconnected"}));
-}
-
 INSTANTIATE_TEST_SUITE_P(Transports, WEFTEndToEndTest,
-                         ::testing::Values(TRANSPORT_TCP, TRANSPORT_EUDP), transportName);
+                         ::testing::Values(TRANSPORT_TCP, TRANSPORT_EUDP),
+                         [](const ::testing::TestParamInfo<ETransport>& info)
+                         { return info.param == TRANSPORT_TCP ? "Tcp" : "Eudp"; });
 
-class WEFTListenerTest : public WeftFixture
+TEST_F(WEFTListenerTest, ShutdownBeforeOrRightAfterListenNeverHangs)
 {
-};
-
-TEST_F(WEFTListenerTest, DestroyingAListenerThatNeverListenedDoesNothing)
-{
-    WEFTListener listener(TRANSPORT_TCP);
-    EXPECT_FALSE(listener.shutdown(-1));
-    EXPECT_EQ(listener.getLocalPort(), 0);
-}
-
-TEST_F(WEFTListenerTest, ShutdownRightAfterListenNeverHangs)
-{
-    EventLog events;
+    WEFTListener never(TRANSPORT_TCP);
+    EXPECT_FALSE(never.shutdown(-1));
+    EXPECT_EQ(never.getLocalPort(), 0);
     for (ETransport transport : {TRANSPORT_TCP, TRANSPORT_EUDP})
     {
         for (int round = 0; round < 20; ++round)
         {
-            CollectingConnector connector(events);
             WEFTListener listener(transport);
-            listener.listen("127.0.0.1", 0, &connector);
+            listener.listen("127.0.0.1", 0, &m_connector);
             EXPECT_TRUE(listener.shutdown(-1));
         }
     }
-    EXPECT_EQ(events.count(), 0);
+    EXPECT_EQ(m_serverEvents.count(), 0);
 }
 
 TEST_F(WEFTListenerTest, AListenerCanListenAgainAfterShutdown)
 {
-    EventLog events;
-    CollectingConnector connector(events);
-    WEFTListener listener(TRANSPORT_TCP);
-    listener.listen("127.0.0.1", 0, &connector);
-    ASSERT_TRUE(listener.waitForListen(10000));
-    ASSERT_TRUE(listener.shutdown(-1));
-    listener.listen("127.0.0.1", 0, &connector);
-    ASSERT_TRUE(listener.waitForListen(10000));
-    WEFTConnection connection(TRANSPORT_TCP);
+    listen(TRANSPORT_TCP);
+    ASSERT_TRUE(m_listener->shutdown(-1));
+    m_listener->listen("127.0.0.1", 0, &m_connector);
+    ASSERT_TRUE(m_listener->waitForListen(10000));
+    m_port = m_listener->getLocalPort();
     EventLog clientEvents;
     RecordingClient client(clientEvents);
-    EXPECT_TRUE(connection.connect("127.0.0.1", listener.getLocalPort(), &client));
-    EXPECT_TRUE(connector.waitForConnections(1));
-    connection.disconnect();
-    listener.shutdown(-1);
-    connector.closeAll();
+    auto connection = connectClient(&client);
+    EXPECT_TRUE(m_connector.waitForConnections(1));
 }
 
-TEST_F(WEFTListenerTest, ARawPeerSendingInvalidMessagesGetsItsLinesAndStaysConnected)
+// The policy a server sets in onConnection holds even for a client that asks
+// before onConnection has run.
+TEST_F(WEFTListenerTest, EarlyEudpModeRequestsAreJudgedByThePolicySetInOnConnection)
 {
-    EventLog events;
-    CollectingConnector connector(events);
-    WEFTListener listener(TRANSPORT_TCP);
-    listener.listen("127.0.0.1", 0, &connector);
-    ASSERT_TRUE(listener.waitForListen(10000));
-    tavo::TcpSocket raw;
-    ASSERT_TRUE(raw.connect(tavo::HostAddress("127.0.0.1"), listener.getLocalPort()));
-    ASSERT_TRUE(events.waitFor(2));
-    const std::vector<uint8> bytes = {
-        // wrong version
-        0x06, 0x00, 0x02, 0x53, 0x02, 0x00, 'x', 0x00,
-        // wrong size
-        0x06, 0x00, 0x01, 0x53, 0x05, 0x00, 'x', 0x00,
-        // unknown command
-        0x06, 0x00, 0x01, 'Q', 0x02, 0x00, 'x', 0x00,
-        // truncated value in a function call
-        0x07, 0x00, 0x01, 0x46, 0x03, 0x00, 'f', 0x00, 0x01,
-        // and a good one
-        0x06, 0x00, 0x01, 0x53, 0x02, 0x00, 'g', 0x00};
-    ASSERT_EQ(raw.send(bytes.data(), static_cast<int>(bytes.size())),
-              static_cast<int>(bytes.size()));
-    ASSERT_TRUE(events.waitFor(4));
-    const auto received = events.events();
-    EXPECT_EQ(received[2], (Event{"call", "f", ""}));
-    EXPECT_EQ(received[3], (Event{"subscribe", "g", ""}));
-    for (const char* line : {"WEFT: packet validation failed: wrong version",
-                             "WEFT: packet validation failed: wrong packet size",
-                             "WEFT: failed to parse parameter list"})
+    m_connector.prepare = [](WEFTConnection& connection, RecordingServer&)
     {
-        EXPECT_EQ(log().count(line), 1u) << line;
-    }
-    EXPECT_EQ(log().count("WEFT: discarding invalid packet"), 2u);
-    raw.close();
-    ASSERT_TRUE(events.waitFor(5));
-    EXPECT_EQ(events.events().back(), (Event{"status", "server0", "disconnected"}));
-    listener.shutdown(-1);
-    connector.closeAll();
-}
-
-} // namespace
-
-namespace
-{
-
-// A server's mode policy set in onConnection holds even for a client that asks
-// at once, before onConnection has run.
-class EUDPModePolicyTest : public WeftFixture
-{
-protected:
-    void SetUp() override
-    {
-        WeftFixture::SetUp();
-        m_connector.prepare = [](WEFTConnection& connection, RecordingServer&) {
-            // A slow onConnection: the client's request is long there by now.
-            tavo::Thread::mssleep(300);
-            connection.allowSendMode(true, false);
-        };
-        m_listener = std::make_unique<WEFTListener>(TRANSPORT_EUDP);
-        m_listener->listen("127.0.0.1", 0, &m_connector);
-        ASSERT_TRUE(m_listener->waitForListen(10000));
-    }
-
-    void TearDown() override
-    {
-        m_listener->shutdown(-1);
-        m_connector.closeAll();
-        m_listener.reset();
-        WeftFixture::TearDown();
-    }
-
-    EventLog m_events;
-    CollectingConnector m_connector{m_events};
-    std::unique_ptr<WEFTListener> m_listener;
-};
-
-TEST_F(EUDPModePolicyTest, AnEarlyRequestForAForbiddenModeIsRefused)
-{
+        // A slow onConnection: the client's request is long there by now.
+        tavo::Thread::mssleep(300);
+        connection.allowSendMode(true, false);
+    };
+    listen(TRANSPORT_EUDP);
     EventLog clientEvents;
     RecordingClient client(clientEvents);
-    WEFTConnection connection(TRANSPORT_EUDP);
-    ASSERT_TRUE(connection.connect("127.0.0.1", m_listener->getLocalPort(), &client));
-    EXPECT_FALSE(connection.setSendMode(CONN_MODE_RELIABLE));
+    auto allowed = connectClient(&client);
+    EXPECT_TRUE(allowed->setReceiveMode(CONN_MODE_RELIABLE));
+    EXPECT_TRUE(allowed->setSendMode(CONN_MODE_REALTIME));
+    auto forbidden = connectClient(&client);
+    EXPECT_FALSE(forbidden->setSendMode(CONN_MODE_RELIABLE));
     EXPECT_EQ(log().countContaining("]: unknown mode request (ignoring)"), 1u);
     EXPECT_EQ(log().countContaining("]: failed to set send mode (timeout)"), 1u);
-    connection.disconnect();
-}
-
-TEST_F(EUDPModePolicyTest, AnEarlyRequestForAnAllowedModeIsAnsweredOnceTheConnectionStarts)
-{
-    EventLog clientEvents;
-    RecordingClient client(clientEvents);
-    WEFTConnection connection(TRANSPORT_EUDP);
-    ASSERT_TRUE(connection.connect("127.0.0.1", m_listener->getLocalPort(), &client));
-    EXPECT_TRUE(connection.setReceiveMode(CONN_MODE_RELIABLE));
-    EXPECT_TRUE(connection.setSendMode(CONN_MODE_REALTIME));
-    connection.disconnect();
 }
 
 } // namespace
