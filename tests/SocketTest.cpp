@@ -13,6 +13,7 @@
 #include <atomic>
 #include <memory>
 #include <thread>
+#include <vector>
 
 namespace
 {
@@ -62,29 +63,6 @@ struct TcpPair
         EXPECT_NE(server, nullptr);
     }
 };
-
-TEST(TcpSocketTest, CarriesBytesBothWaysAndKnowsItsPeer)
-{
-    TcpPair pair;
-    const uint8 first[] = {1, 2};
-    const uint8 second[] = {3, 4, 5};
-    EXPECT_EQ(pair.client->send(first, 2, second, 3), 5);
-    uint8 buffer[8] = {};
-    int received = 0;
-    while (received < 5)
-    {
-        const int n = pair.server->receive(buffer + received, 8 - received);
-        ASSERT_GT(n, 0);
-        received += n;
-    }
-    EXPECT_EQ(std::vector<uint8>(buffer, buffer + 5), (std::vector<uint8>{1, 2, 3, 4, 5}));
-
-    tavo::HostAddress peer;
-    uint16 port = 0;
-    ASSERT_TRUE(pair.server->getPeerName(peer, port));
-    EXPECT_EQ(peer, LOOPBACK);
-    EXPECT_EQ(port, pair.client->getLocalPort());
-}
 
 TEST(TcpSocketTest, PeerCloseReadsAsZeroAndOwnCloseAsFailure)
 {
