@@ -18,9 +18,7 @@ Bytes wire(const EUDPPacket& packet)
     return Bytes(packet.getBuffer(), packet.getBuffer() + packet.getLength());
 }
 
-class EUDPPacketTest : public WeftFixture
-{
-};
+using EUDPPacketTest = WeftFixture;
 
 TEST_F(EUDPPacketTest, HeaderIsVersionThreeLettersAndALittleEndianArgument)
 {
