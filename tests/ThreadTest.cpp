@@ -13,7 +13,7 @@ namespace
 
 using namespace std::chrono_literals;
 
-// Runs until asked to stop, counting its runs.
+// Runs until asked to stop (or until `stop` is given), counting its runs.
 class StoppableThread : public tavo::Thread
 {
 public:
@@ -30,27 +30,18 @@ public:
     bool shutdownCallback() override
     {
         ++shutdownRequests;
-        stop.give();
+        if (!stubborn)
+        {
+            stop.give();
+        }
         return true;
     }
 
     std::atomic<int> runs{0};
     std::atomic<int> shutdownRequests{0};
+    std::atomic<bool> stubborn{false}; // ignores requests to stop
     tavo::BinarySemaphore started;
     tavo::BinarySemaphore stop;
-};
-
-// Ignores shutdown requests until released.
-class StubbornThread : public tavo::Thread
-{
-public:
-    ~StubbornThread() override
-    {
-        release.give();
-        shutdown(-1);
-    }
-    void run() override { release.take(); }
-    tavo::BinarySemaphore release;
 };
 
 TEST(ThreadTest, ShutdownAsksRunToEndAndWaitsForIt)
@@ -89,11 +80,12 @@ TEST(ThreadTest, AFinishedThreadRunsAgainWithThePriorityItIsGiven)
 
 TEST(ThreadTest, ShutdownWithATimeOutReportsAThreadThatDoesNotEnd)
 {
-    StubbornThread thread;
+    StoppableThread thread;
+    thread.stubborn = true;
     ASSERT_TRUE(thread.start());
     EXPECT_FALSE(thread.shutdown(50));
     EXPECT_TRUE(thread.isRunning());
-    thread.release.give();
+    thread.stop.give();
     EXPECT_TRUE(thread.shutdown(-1));
     EXPECT_FALSE(thread.isRunning());
 }
