@@ -2,19 +2,15 @@
 
 #include "support/EUDPTransportTestPeer.h"
 #include "support/ImpairmentRelay.h"
-#include "support/Recorders.h"
+#include "support/Waiting.h"
 #include "support/WeftFixture.h"
 
 #include <weft/EUDPTransport.h>
-#include <weft/WEFTConnection.h>
-#include <weft/WEFTListener.h>
-
-#include <tavo/Semaphore.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -23,61 +19,39 @@ namespace
 {
 
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
 const tavo::HostAddress LOOPBACK("127.0.0.1");
 
 // Numbered messages: 4 bytes of index and filler up to the chosen size.
-std::vector<uint8> message(uint32_t index, std::size_t size)
+void sendAll(IWEFTTransport& transport, uint32_t count, std::size_t size)
 {
-    std::vector<uint8> bytes(size, static_cast<uint8>(index * 31));
-    std::memcpy(bytes.data(), &index, sizeof(index));
-    return bytes;
+    for (uint32_t i = 0; i < count; ++i)
+    {
+        std::vector<uint8> bytes(size, static_cast<uint8>(i * 31));
+        std::memcpy(bytes.data(), &i, sizeof(i));
+        ASSERT_TRUE(transport.sendData(bytes.data(), static_cast<uint>(bytes.size())));
+    }
 }
 
-uint32_t indexOf(const uint8* bytes)
+// The indices received, in arrival order, until the transport closes or
+// `expected` have arrived.
+std::future<std::vector<uint32_t>> collect(IWEFTTransport& transport, std::size_t expected)
 {
-    uint32_t index;
-    std::memcpy(&index, bytes, sizeof(index));
-    return index;
+    return std::async(std::launch::async,
+                      [&transport, expected]
+                      {
+                          std::vector<uint32_t> indices;
+                          uint8 buffer[EUDP_MAX_PAYLOAD];
+                          while (indices.size() < expected &&
+                                 transport.receiveData(buffer, sizeof(buffer)) > 0)
+                          {
+                              indices.push_back(0);
+                              std::memcpy(&indices.back(), buffer, sizeof(uint32_t));
+                          }
+                          return indices;
+                      });
 }
-
-// Receives until the transport closes or `expected` messages have arrived,
-// recording the indices in arrival order.
-class Collector
-{
-public:
-    Collector(IWEFTTransport& transport, std::size_t expected)
-        : m_thread([this, &transport, expected] {
-              uint8 buffer[EUDP_MAX_PAYLOAD];
-              while (m_indices.size() < expected)
-              {
-                  const int n = transport.receiveData(buffer, sizeof(buffer));
-                  if (n <= 0)
-                  {
-                      break;
-                  }
-                  m_indices.push_back(indexOf(buffer));
-              }
-              m_done.give();
-          })
-    {
-    }
-
-    ~Collector() { m_thread.join(); }
-
-    bool waitUntilDone(std::chrono::milliseconds timeout)
-    {
-        return m_done.take(static_cast<unsigned int>(timeout.count())) == tavo::TAKE_OK;
-    }
-
-    // Only after waitUntilDone succeeded.
-    const std::vector<uint32_t>& indices() const { return m_indices; }
-
-private:
-    std::vector<uint32_t> m_indices;
-    tavo::BinarySemaphore m_done;
-    std::thread m_thread;
-};
 
 // A client and an accepted transport talking through the relay.
 class EUDPThroughRelay : public WeftFixture
@@ -86,53 +60,34 @@ protected:
     void SetUp() override
     {
         WeftFixture::SetUp();
-        m_pListener = std::make_unique<EUDPTransport>();
-        m_pClient = std::make_unique<EUDPTransport>();
+        m_listener = std::make_unique<EUDPTransport>();
+        m_client = std::make_unique<EUDPTransport>();
+        ASSERT_TRUE(m_listener->listen(LOOPBACK, 0));
+        m_relay = std::make_unique<ImpairmentRelay>(m_listener->getLocalPort(), 20261123);
     }
-
-    EUDPTransport& listener() { return *m_pListener; }
-    EUDPTransport& client() { return *m_pClient; }
 
     void connect(int firstClientNumber = 0)
     {
-        ASSERT_TRUE(listener().listen(LOOPBACK, 0));
-        m_relay = std::make_unique<ImpairmentRelay>(listener().getLocalPort(), 20261123);
-        IWEFTTransport* accepted = nullptr;
-        std::thread acceptor([&] { accepted = listener().accept(); });
-        EUDPTransportTestPeer::numberFrom(client(), firstClientNumber);
-        const bool connected = client().connect(LOOPBACK, m_relay->getPort());
+        std::thread acceptor([&] { m_server.reset(m_listener->accept()); });
+        EUDPTransportTestPeer::numberFrom(*m_client, firstClientNumber);
+        const bool connected = m_client->connect(LOOPBACK, m_relay->getPort());
         acceptor.join();
         ASSERT_TRUE(connected);
-        ASSERT_NE(accepted, nullptr);
-        m_server.reset(accepted);
+        ASSERT_NE(m_server, nullptr);
     }
 
+    // Transports go before weftDeinit; destroying one in any state is safe.
     void TearDown() override
     {
-        client().disconnect();
-        if (m_server)
-        {
-            m_server->disconnect();
-        }
-        m_relay.reset();
         m_server.reset();
-        listener().disconnect();
-        m_pClient.reset();
-        m_pListener.reset();
+        m_client.reset();
+        m_listener.reset();
+        m_relay.reset();
         WeftFixture::TearDown();
     }
 
-    static void sendAll(IWEFTTransport& transport, uint32_t count, std::size_t size)
-    {
-        for (uint32_t i = 0; i < count; ++i)
-        {
-            const auto bytes = message(i, size);
-            ASSERT_TRUE(transport.sendData(bytes.data(), static_cast<uint>(bytes.size())));
-        }
-    }
-
-    std::unique_ptr<EUDPTransport> m_pListener;
-    std::unique_ptr<EUDPTransport> m_pClient;
+    std::unique_ptr<EUDPTransport> m_listener;
+    std::unique_ptr<EUDPTransport> m_client;
     std::unique_ptr<IWEFTTransport> m_server;
     std::unique_ptr<ImpairmentRelay> m_relay;
 };
@@ -157,36 +112,31 @@ TEST_P(ReliableThroughLoss, BothDirectionsDeliverEveryMessageOnceAndInOrderAcros
     // The client's numbers cross 65534 -> 0 part way through.
     connect(EUDP_SEQ_RANGE - 700);
     // Negotiated on a clean path: a lost request would only cost a time-out.
-    ASSERT_TRUE(client().setSendMode(CONN_MODE_RELIABLE));
-    ASSERT_TRUE(client().setReceiveMode(CONN_MODE_RELIABLE));
-    ASSERT_TRUE(client().setWindowSize(32));
+    ASSERT_TRUE(m_client->setSendMode(CONN_MODE_RELIABLE));
+    ASSERT_TRUE(m_client->setReceiveMode(CONN_MODE_RELIABLE));
+    ASSERT_TRUE(m_client->setWindowSize(32));
     ASSERT_TRUE(m_server->setWindowSize(32));
-
-    Impairment impairment;
-    impairment.dropRate = GetParam().loss;
-    impairment.duplicateRate = GetParam().loss / 2;
-    impairment.reorderRate = GetParam().loss / 2;
-    impairment.jitter = 200us;
-    m_relay->setImpairment(impairment);
+    const double loss = GetParam().loss;
+    m_relay->setImpairment(Impairment{
+        .dropRate = loss, .duplicateRate = loss / 2, .reorderRate = loss / 2, .jitter = 200us});
 
     const uint32_t count = GetParam().messages;
-    Collector atServer(*m_server, count);
-    Collector atClient(client(), count);
+    auto atServer = collect(*m_server, count);
+    auto atClient = collect(*m_client, count);
     std::thread serverSender([&] { sendAll(*m_server, count, 300); });
-    sendAll(client(), count, 100);
+    sendAll(*m_client, count, 100);
     serverSender.join();
-
-    ASSERT_TRUE(atServer.waitUntilDone(120s));
-    ASSERT_TRUE(atClient.waitUntilDone(120s));
-    for (const auto* collector : {&atServer, &atClient})
+    for (auto* collected : {&atServer, &atClient})
     {
-        ASSERT_EQ(collector->indices().size(), count);
+        ASSERT_EQ(collected->wait_for(120s), std::future_status::ready);
+        const std::vector<uint32_t> indices = collected->get();
+        ASSERT_EQ(indices.size(), count);
         for (uint32_t i = 0; i < count; ++i)
         {
-            ASSERT_EQ(collector->indices()[i], i) << "position " << i;
+            ASSERT_EQ(indices[i], i) << "position " << i;
         }
     }
-    if (GetParam().loss > 0)
+    if (loss > 0)
     {
         const RelayCounts up = m_relay->getCounts(RelayDirection::ClientToServer);
         EXPECT_GT(up.dropped, 0u);
@@ -195,46 +145,40 @@ TEST_P(ReliableThroughLoss, BothDirectionsDeliverEveryMessageOnceAndInOrderAcros
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Loss, ReliableThroughLoss,
-                         ::testing::Values(LossCase{0.0, 3000}, LossCase{0.05, 3000},
-                                           LossCase{0.20, 1500}),
-                         [](const ::testing::TestParamInfo<LossCase>& info) {
-                             return "Percent" +
-                                    std::to_string(static_cast<int>(info.param.loss * 100));
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Loss, ReliableThroughLoss,
+    ::testing::Values(LossCase{0.0, 3000}, LossCase{0.05, 3000}, LossCase{0.20, 1500}),
+    [](const ::testing::TestParamInfo<LossCase>& info)
+    { return "Percent" + std::to_string(static_cast<int>(info.param.loss * 100)); });
 
 TEST_F(EUDPThroughRelay, RealtimeModeSkipsGapsButNeverDeliversTwiceOrOutOfOrder)
 {
     connect();
-    Impairment impairment;
-    impairment.dropRate = 0.2;
-    impairment.duplicateRate = 0.1;
-    impairment.reorderRate = 0.1;
-    m_relay->setImpairment(RelayDirection::ClientToServer, impairment);
-
+    m_relay->setImpairment(RelayDirection::ClientToServer,
+                           Impairment{.dropRate = 0.2, .duplicateRate = 0.1, .reorderRate = 0.1});
     constexpr uint32_t count = 2000;
-    Collector atServer(*m_server, count);
-    sendAll(client(), count, 64);
+    auto atServer = collect(*m_server, count);
+    sendAll(*m_client, count, 64);
     // Real-time sending outruns the kernel's buffers, so some datagrams never
     // reach the relay at all: wait until it has been idle for a while.
     uint64_t lastSeen = ~0ull;
-    auto quietSince = std::chrono::steady_clock::now();
+    auto quietSince = Clock::now();
     ASSERT_TRUE(eventually(
-        [&] {
+        [&]
+        {
             const RelayCounts up = m_relay->getCounts(RelayDirection::ClientToServer);
-            const auto now = std::chrono::steady_clock::now();
             if (up.received != lastSeen || up.received != up.forwarded + up.dropped)
             {
                 lastSeen = up.received;
-                quietSince = now;
+                quietSince = Clock::now();
             }
-            return now - quietSince > 300ms;
+            return Clock::now() - quietSince > 300ms;
         },
         30s));
     m_server->disconnect();
-    ASSERT_TRUE(atServer.waitUntilDone(30s));
+    ASSERT_EQ(atServer.wait_for(30s), std::future_status::ready);
 
-    const auto& indices = atServer.indices();
+    const std::vector<uint32_t> indices = atServer.get();
     ASSERT_FALSE(indices.empty());
     EXPECT_LT(indices.size(), count);
     for (std::size_t i = 1; i < indices.size(); ++i)
@@ -251,7 +195,8 @@ TEST_F(EUDPThroughRelay, AnIdleConnectionStaysUpOnKeepAlivesAndClosesWhenThePeer
     const RelayCounts before = m_relay->getCounts(RelayDirection::ServerToClient);
     // Several idle periods: both sides keep each other alive.
     ASSERT_TRUE(eventually(
-        [&] {
+        [&]
+        {
             return m_relay->getCounts(RelayDirection::ServerToClient).forwarded >=
                        before.forwarded + 4 &&
                    m_relay->getCounts(RelayDirection::ClientToServer).forwarded >= 4;
@@ -259,66 +204,15 @@ TEST_F(EUDPThroughRelay, AnIdleConnectionStaysUpOnKeepAlivesAndClosesWhenThePeer
         30s));
 
     m_relay->setSilent(true);
-    const auto silent = std::chrono::steady_clock::now();
+    const auto silent = Clock::now();
     uint8 buffer[16];
     // The client closes 10 s after the keep-alive it sends 1 s into the silence.
-    EXPECT_EQ(client().receiveData(buffer, sizeof(buffer)), 0);
-    const auto closedAfter = std::chrono::steady_clock::now() - silent;
+    EXPECT_EQ(m_client->receiveData(buffer, sizeof(buffer)), 0);
+    const auto closedAfter = Clock::now() - silent;
     EXPECT_GE(closedAfter, 10s);
     EXPECT_LT(closedAfter, 30s);
     EXPECT_EQ(m_server->receiveData(buffer, sizeof(buffer)), 0);
-    EXPECT_FALSE(client().sendData(buffer, 1));
-}
-
-TEST_F(EUDPThroughRelay, ReliableDeliveryResumesAfterFiveSilentSecondsAndLosesNothing)
-{
-    connect();
-    ASSERT_TRUE(client().setReceiveMode(CONN_MODE_RELIABLE));
-    constexpr uint32_t count = 400;
-    Collector atServer(*m_server, count);
-    std::thread sender([&] { sendAll(client(), count, 200); });
-    ASSERT_TRUE(eventually(
-        [&] { return m_relay->getCounts(RelayDirection::ClientToServer).forwarded > 50; }, 30s));
-    m_relay->setSilent(true);
-    std::this_thread::sleep_for(5s);
-    m_relay->setSilent(false);
-    sender.join();
-    ASSERT_TRUE(atServer.waitUntilDone(60s));
-    ASSERT_EQ(atServer.indices().size(), count);
-    for (uint32_t i = 0; i < count; ++i)
-    {
-        ASSERT_EQ(atServer.indices()[i], i);
-    }
-}
-
-// The whole stack over EUDP: the client's connection reports the end when the
-// network between it and the server goes silent.
-TEST(EUDPConnectionThroughRelay, ASilentNetworkEndsBothConnectionsWithDisconnected)
-{
-    weftInit();
-    {
-        EventLog serverEvents;
-        CollectingConnector connector(serverEvents);
-        WEFTListener listener(TRANSPORT_EUDP);
-        listener.listen("127.0.0.1", 0, &connector);
-        ASSERT_TRUE(listener.waitForListen(10000));
-        ImpairmentRelay relay(listener.getLocalPort(), 7);
-
-        EventLog clientEvents;
-        RecordingClient client(clientEvents);
-        WEFTConnection connection(TRANSPORT_EUDP);
-        ASSERT_TRUE(connection.connect("127.0.0.1", relay.getPort(), &client));
-        ASSERT_TRUE(serverEvents.waitFor(2));
-        relay.setSilent(true);
-        ASSERT_TRUE(clientEvents.waitFor(2, 30s));
-        EXPECT_EQ(clientEvents.events().back(), (Event{"status", "client", "disconnected"}));
-        ASSERT_TRUE(serverEvents.waitFor(3, 30s));
-        EXPECT_EQ(serverEvents.events().back(), (Event{"status", "server0", "disconnected"}));
-        connection.disconnect();
-        listener.shutdown(-1);
-        connector.closeAll();
-    }
-    weftDeinit();
+    EXPECT_FALSE(m_client->sendData(buffer, 1));
 }
 
 } // namespace
