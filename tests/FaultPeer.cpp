@@ -37,17 +37,12 @@ namespace
 constexpr auto STREAM_PERIOD = std::chrono::milliseconds(5);
 constexpr unsigned int ACCEPT_WAIT_MS = 60000;
 
-class QuietClient : public IWEFTClient
+// Streams out and ignores whatever comes in.
+class Quiet : public IWEFTClient, public IWEFTServer
 {
 public:
     void onTrigger(const std::string&, const ParameterValue&) override {}
     void onUpdateState(const std::string&, const ParameterValue&) override {}
-    void onStatus(EConnStatus) override {}
-};
-
-class QuietServer : public IWEFTServer
-{
-public:
     void onSubscribe(const std::string&) override {}
     void onUnsubscribe(const std::string&) override {}
     void onCallFunctionId(const std::string&, const ParameterList&) override {}
@@ -77,7 +72,7 @@ public:
     }
 
 private:
-    QuietServer m_server;
+    Quiet m_server;
     std::atomic<WEFTConnection*> m_pConnection{nullptr};
     std::vector<std::unique_ptr<WEFTConnection>> m_others;
     tavo::BinarySemaphore m_arrived;
@@ -87,12 +82,6 @@ void announce(const std::string& line)
 {
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
-}
-
-int usage()
-{
-    std::fprintf(stderr, "usage: FaultPeer server tcp|eudp | FaultPeer client tcp|eudp PORT\n");
-    return 2;
 }
 
 template <class Send>
@@ -128,7 +117,7 @@ int runServer(ETransport transport)
 
 int runClient(ETransport transport, unsigned short port)
 {
-    QuietClient client;
+    Quiet client;
     WEFTConnection connection(transport);
     if (!connection.connect("127.0.0.1", port, &client))
     {
@@ -152,31 +141,19 @@ int main(int argc, char** argv)
 {
     // A test that fails before it kills this process must not leave it behind.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (argc < 3)
+    const std::string role = argc > 1 ? argv[1] : "";
+    const std::string kind = argc > 2 ? argv[2] : "";
+    if ((kind != "tcp" && kind != "eudp") ||
+        !((role == "server" && argc == 3) || (role == "client" && argc == 4)))
     {
-        return usage();
-    }
-    const std::string role = argv[1];
-    const std::string kind = argv[2];
-    if (kind != "tcp" && kind != "eudp")
-    {
-        return usage();
+        std::fprintf(stderr, "usage: FaultPeer server tcp|eudp | FaultPeer client tcp|eudp PORT\n");
+        return 2;
     }
     const ETransport transport = kind == "tcp" ? TRANSPORT_TCP : TRANSPORT_EUDP;
     weftInit();
-    int result = 0;
-    if (role == "server" && argc == 3)
-    {
-        result = runServer(transport);
-    }
-    else if (role == "client" && argc == 4)
-    {
-        result = runClient(transport, static_cast<unsigned short>(std::atoi(argv[3])));
-    }
-    else
-    {
-        result = usage();
-    }
+    const int result = role == "server"
+                           ? runServer(transport)
+                           : runClient(transport, static_cast<unsigned short>(std::atoi(argv[3])));
     weftDeinit();
     return result;
 }
