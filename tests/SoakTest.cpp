@@ -38,35 +38,48 @@ int messagesPerDirection()
     return count > 0 ? count : DEFAULT_MESSAGES;
 }
 
-// What arrived on one connection in one direction: (name, number) in order.
-class Arrivals
+// One end of one connection: the numbered messages that arrived on it, as
+// (name, number) in order, and its DISCONNECTED report, counted into `ends`.
+class Side : public IWEFTClient, public IWEFTServer
 {
 public:
-    void add(const std::string& name, int number)
+    explicit Side(EventCounter& ends) : m_ends(ends) {}
+
+    void onTrigger(const std::string&, const ParameterValue&) override {}
+    void onUpdateState(const std::string& name, const ParameterValue& value) override
     {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_items.emplace_back(name, number);
-        }
-        m_count.add();
+        int number = -1;
+        value.getIntValue(number);
+        add(name, number);
     }
+    void onSubscribe(const std::string&) override {}
+    void onUnsubscribe(const std::string&) override {}
+    void onCallFunctionId(const std::string& name, const ParameterList& params) override
+    {
+        ParameterList copy = params;
+        int number = -1;
+        copy.getParam("seq", number);
+        add(name, number);
+    }
+    void onStatus(EConnStatus status) override
+    {
+        if (status == CONN_STATUS_DISCONNECTED)
+        {
+            m_ends.add();
+        }
+    }
+
     bool waitFor(int count, std::chrono::milliseconds timeout) const
     {
         return m_count.waitFor(count, timeout);
     }
-    int count() const { return m_count.get(); }
 
     // Empty when exactly 0..count-1 arrived in order, all under `name`;
     // otherwise the first difference.
     std::string differenceFrom(const std::string& name, int count) const
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (static_cast<int>(m_items.size()) != count)
-        {
-            return "got " + std::to_string(m_items.size()) + " messages, want " +
-                   std::to_string(count);
-        }
-        for (int i = 0; i < count; ++i)
+        for (int i = 0; i < count && i < static_cast<int>(m_items.size()); ++i)
         {
             if (m_items[i] != std::make_pair(name, i))
             {
@@ -75,107 +88,64 @@ public:
                        std::to_string(i);
             }
         }
-        return "";
+        return static_cast<int>(m_items.size()) == count
+                   ? ""
+                   : "got " + std::to_string(m_items.size()) + " messages, want " +
+                         std::to_string(count);
     }
 
 private:
+    void add(const std::string& name, int number)
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_items.emplace_back(name, number);
+        }
+        m_count.add();
+    }
+
+    EventCounter& m_ends;
     mutable std::mutex m_mutex;
     std::vector<std::pair<std::string, int>> m_items;
     EventCounter m_count;
 };
 
-// Counts the ends of connections, on either side.
-struct Ends
-{
-    EventCounter disconnected;
-    void onStatus(EConnStatus status)
-    {
-        if (status == CONN_STATUS_DISCONNECTED)
-        {
-            disconnected.add();
-        }
-    }
-};
-
-class SoakClient : public IWEFTClient
-{
-public:
-    explicit SoakClient(Ends& ends) : m_ends(ends) {}
-    void onTrigger(const std::string&, const ParameterValue&) override {}
-    void onUpdateState(const std::string& name, const ParameterValue& value) override
-    {
-        int number = -1;
-        value.getIntValue(number);
-        arrivals.add(name, number);
-    }
-    void onStatus(EConnStatus status) override { m_ends.onStatus(status); }
-
-    Arrivals arrivals;
-
-private:
-    Ends& m_ends;
-};
-
-class SoakServer : public IWEFTServer
-{
-public:
-    explicit SoakServer(Ends& ends) : m_ends(ends) {}
-    void onSubscribe(const std::string&) override {}
-    void onUnsubscribe(const std::string&) override {}
-    void onCallFunctionId(const std::string& name, const ParameterList& params) override
-    {
-        ParameterList copy = params;
-        int number = -1;
-        copy.getParam("seq", number);
-        arrivals.add(name, number);
-    }
-    void onStatus(EConnStatus status) override { m_ends.onStatus(status); }
-
-    Arrivals arrivals;
-
-private:
-    Ends& m_ends;
-};
-
+// Keeps every accepted connection with a Side of its own.
 class SoakConnector : public IWEFTConnector
 {
 public:
-    explicit SoakConnector(Ends& ends) : m_ends(ends) {}
-    ~SoakConnector() override { closeAll(); }
+    explicit SoakConnector(EventCounter& ends) : m_ends(ends) {}
 
     void onConnection(WEFTConnection* connection) override
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_servers.push_back(std::make_unique<SoakServer>(m_ends));
-        connection->setServer(m_servers.back().get());
+        m_sides.push_back(std::make_unique<Side>(m_ends));
+        connection->setServer(m_sides.back().get());
         m_connections.emplace_back(connection);
         m_accepted.add();
     }
-    bool waitForConnections(int count) const { return m_accepted.waitFor(count, 20s); }
-    WEFTConnection& connection(int index)
+    // Accepted connection `index` and its side, once it is there.
+    std::pair<WEFTConnection*, Side*> waitFor(int index)
     {
+        if (!m_accepted.waitFor(index + 1, 20s))
+        {
+            return {nullptr, nullptr};
+        }
         std::lock_guard<std::mutex> lock(m_mutex);
-        return *m_connections[index];
+        return {m_connections[index].get(), m_sides[index].get()};
     }
-    SoakServer& server(int index)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return *m_servers[index];
-    }
+    // Each connection's destructor disconnects it.
     void closeAll()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        for (auto& connection : m_connections)
-        {
-            connection->disconnect();
-        }
         m_connections.clear();
     }
 
 private:
-    Ends& m_ends;
+    EventCounter& m_ends;
     std::mutex m_mutex;
-    std::vector<std::unique_ptr<SoakServer>> m_servers;
+    // Declared first, so that they outlive their connections.
+    std::vector<std::unique_ptr<Side>> m_sides;
     std::vector<std::unique_ptr<WEFTConnection>> m_connections;
     EventCounter m_accepted;
 };
@@ -189,8 +159,8 @@ TEST_P(SoakTest, EightConnectionsDeliverEveryMessageOnceAndInOrderBothWays)
     const int count = messagesPerDirection();
     const bool eudp = GetParam() == TRANSPORT_EUDP;
     const long threadsBefore = baselineThreadCount();
-    Ends serverEnds;
-    Ends clientEnds;
+    EventCounter serverEnds;
+    EventCounter clientEnds;
     SoakConnector connector(serverEnds);
     auto listener = std::make_unique<WEFTListener>(GetParam());
     listener->listen("127.0.0.1", 0, &connector);
@@ -203,15 +173,18 @@ TEST_P(SoakTest, EightConnectionsDeliverEveryMessageOnceAndInOrderBothWays)
         port = relay->getPort();
     }
 
-    std::vector<std::unique_ptr<SoakClient>> clients;
+    // Client k's side and connection, and server connection k's.
+    std::vector<std::unique_ptr<Side>> clients;
     std::vector<std::unique_ptr<WEFTConnection>> connections;
+    std::vector<std::pair<WEFTConnection*, Side*>> servers;
     for (int k = 0; k < CLIENTS; ++k)
     {
-        clients.push_back(std::make_unique<SoakClient>(clientEnds));
+        clients.push_back(std::make_unique<Side>(clientEnds));
         connections.push_back(std::make_unique<WEFTConnection>(GetParam()));
         ASSERT_TRUE(connections[k]->connect("127.0.0.1", port, clients[k].get()));
         // One at a time, so that server connection k belongs to client k.
-        ASSERT_TRUE(connector.waitForConnections(k + 1));
+        servers.push_back(connector.waitFor(k));
+        ASSERT_NE(servers[k].first, nullptr);
         if (eudp)
         {
             // Negotiated on a clean path: a lost request would only cost a time-out.
@@ -221,12 +194,8 @@ TEST_P(SoakTest, EightConnectionsDeliverEveryMessageOnceAndInOrderBothWays)
     }
     if (eudp)
     {
-        Impairment impairment;
-        impairment.dropRate = 0.05;
-        impairment.duplicateRate = 0.025;
-        impairment.reorderRate = 0.025;
-        impairment.jitter = 200us;
-        relay->setImpairment(impairment);
+        relay->setImpairment(Impairment{
+            .dropRate = 0.05, .duplicateRate = 0.025, .reorderRate = 0.025, .jitter = 200us});
     }
 
     std::vector<std::thread> senders;
@@ -245,10 +214,10 @@ TEST_P(SoakTest, EightConnectionsDeliverEveryMessageOnceAndInOrderBothWays)
         senders.emplace_back(
             [&, k]
             {
-                WEFTConnection& server = connector.connection(k);
                 for (int i = 0; i < count; ++i)
                 {
-                    ASSERT_TRUE(server.updateState("s" + std::to_string(k), ParameterValue(i)));
+                    ASSERT_TRUE(
+                        servers[k].first->updateState("s" + std::to_string(k), ParameterValue(i)));
                 }
             });
     }
@@ -258,18 +227,18 @@ TEST_P(SoakTest, EightConnectionsDeliverEveryMessageOnceAndInOrderBothWays)
     }
     // Generous for a sanitizer build on a shared machine.
     const auto patience = 60s + std::chrono::milliseconds(count * 40);
+    // Server k has client k's calls "c<k>", client k server k's updates "s<k>".
     for (int k = 0; k < CLIENTS; ++k)
     {
-        SoakServer& server = connector.server(k);
-        EXPECT_TRUE(server.arrivals.waitFor(count, patience)) << "server " << k;
-        EXPECT_EQ(server.arrivals.differenceFrom("c" + std::to_string(k), count), "")
-            << "server " << k;
-        EXPECT_TRUE(clients[k]->arrivals.waitFor(count, patience)) << "client " << k;
-        EXPECT_EQ(clients[k]->arrivals.differenceFrom("s" + std::to_string(k), count), "")
-            << "client " << k;
+        for (const auto& [side, name] :
+             {std::pair{servers[k].second, "c"}, std::pair{clients[k].get(), "s"}})
+        {
+            EXPECT_TRUE(side->waitFor(count, patience)) << name << k;
+            EXPECT_EQ(side->differenceFrom(name + std::to_string(k), count), "") << name << k;
+        }
     }
-    EXPECT_EQ(serverEnds.disconnected.get(), 0);
-    EXPECT_EQ(clientEnds.disconnected.get(), 0);
+    EXPECT_EQ(serverEnds.get(), 0);
+    EXPECT_EQ(clientEnds.get(), 0);
     if (eudp)
     {
         for (RelayDirection direction :
@@ -285,14 +254,10 @@ TEST_P(SoakTest, EightConnectionsDeliverEveryMessageOnceAndInOrderBothWays)
         relay->setImpairment(Impairment());
     }
 
-    for (auto& connection : connections)
-    {
-        connection->disconnect();
-    }
-    EXPECT_TRUE(serverEnds.disconnected.waitFor(CLIENTS, 30s));
+    connections.clear();
+    EXPECT_TRUE(serverEnds.waitFor(CLIENTS, 30s));
     listener.reset();
     connector.closeAll();
-    connections.clear();
     relay.reset();
     // Every thread of the connections, transports and listener has ended.
     EXPECT_TRUE(eventually([&] { return threadCount() <= threadsBefore; }, 10s))
