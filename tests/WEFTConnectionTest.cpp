@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 
 namespace
@@ -50,72 +49,59 @@ protected:
     std::unique_ptr<WEFTConnection> m_connection;
 };
 
-// Every request: its call, its bytes on the wire, the callback those bytes
-// reach at the other end, and the line a refused send logs.
-struct Request
-{
-    std::function<bool(WEFTConnection&)> send;
-    Bytes wire;
-    Event event;
-    const char* failure;
-};
-
-std::vector<Request> requests()
-{
-    ParameterList params;
-    params.addNumeric("x", 5);
-    params.addBoolean("a", false);
-    return {
-        {[](WEFTConnection& c) { return c.subscribe("ab"); },
-         {0x01, 0x53, 0x03, 0x00, 'a', 'b', 0x00},
-         {"subscribe", "ab", ""},
-         "WEFT: failed to send subscribe cmd"},
-        {[](WEFTConnection& c) { return c.unsubscribe("ab"); },
-         {0x01, 0x58, 0x03, 0x00, 'a', 'b', 0x00},
-         {"unsubscribe", "ab", ""},
-         "WEFT: failed to send unsubscribe cmd"},
-        {[](WEFTConnection& c) { return c.trigger("t", ParameterValue(5)); },
-         {0x01, 0x54, 0x07, 0x00, 't', 0x00, 0x49, 0x05, 0x00, 0x00, 0x00},
-         {"trigger", "t", "5"},
-         "WEFT: failed to send trigger"},
-        {[](WEFTConnection& c) { return c.updateState("s", ParameterValue(true)); },
-         {0x01, 0x55, 0x04, 0x00, 's', 0x00, 0x42, 0x01},
-         {"update", "s", "ON"},
-         "WEFT: failed to send state update"},
-        {[params](WEFTConnection& c) { return c.callFunctionId("f", params); },
-         {0x01, 0x46, 0x0E, 0x00, 'f', 0x00, 0x02, 'a', 0x00, 0x42, 0x00, 'x', 0x00, 0x49, 0x05,
-          0x00, 0x00, 0x00},
-         {"call", "f", "a = OFF x = 5 "},
-         "WEFT: failed to send FID cmd"},
-    };
-}
-
-TEST_F(WEFTConnectionTest, EachRequestLeavesAsOneMessageAndReachesItsCallbackOnArrival)
+// Requests leave as one message each; the same bytes arriving reach their
+// callbacks.
+TEST_F(WEFTConnectionTest, RequestsLeaveByteForByteAndComeInAsTheirCallbacks)
 {
     m_connection->setServer(&m_server);
     startAsClient();
-    std::vector<Bytes> wires;
-    std::vector<Event> expected = {{"status", "client", "connected"},
-                                   {"status", "server", "connected"}};
-    for (const Request& request : requests())
-    {
-        ASSERT_TRUE(request.send(*m_connection)) << request.failure;
-        m_transport->queue(request.wire);
-        wires.push_back(request.wire);
-        expected.push_back(request.event);
-    }
+    ParameterList params;
+    params.addNumeric("x", 5);
+    params.addBoolean("a", false);
+    ASSERT_TRUE(m_connection->subscribe("ab"));
+    ASSERT_TRUE(m_connection->unsubscribe("ab"));
+    ASSERT_TRUE(m_connection->trigger("t", ParameterValue(5)));
+    ASSERT_TRUE(m_connection->updateState("s", ParameterValue(true)));
+    ASSERT_TRUE(m_connection->callFunctionId("f", params));
+    const std::vector<Bytes> wires = {
+        {0x01, 0x53, 0x03, 0x00, 'a', 'b', 0x00},
+        {0x01, 0x58, 0x03, 0x00, 'a', 'b', 0x00},
+        {0x01, 0x54, 0x07, 0x00, 't', 0x00, 0x49, 0x05, 0x00, 0x00, 0x00},
+        {0x01, 0x55, 0x04, 0x00, 's', 0x00, 0x42, 0x01},
+        {0x01, 0x46, 0x0E, 0x00, 'f', 0x00, 0x02, 'a', 0x00, 0x42, 0x00, 'x', 0x00, 0x49, 0x05,
+         0x00, 0x00, 0x00},
+    };
     EXPECT_EQ(m_transport->sent(), wires);
-    ASSERT_TRUE(m_events.waitFor(static_cast<int>(expected.size())));
+    for (const Bytes& wire : wires)
+    {
+        m_transport->queue(wire);
+    }
+    ASSERT_TRUE(m_events.waitFor(7));
+    const std::vector<Event> expected = {
+        {"status", "client", "connected"},
+        {"status", "server", "connected"},
+        {"subscribe", "ab", ""},
+        {"unsubscribe", "ab", ""},
+        {"trigger", "t", "5"},
+        {"update", "s", "ON"},
+        {"call", "f", "a = OFF x = 5 "},
+    };
     EXPECT_EQ(m_events.events(), expected);
 }
 
 TEST_F(WEFTConnectionTest, RefusedSendsReturnFalseWithTheirLineAtLevelFive)
 {
     m_transport->refuseSends(true);
-    for (const Request& request : requests())
+    EXPECT_FALSE(m_connection->subscribe("a"));
+    EXPECT_FALSE(m_connection->unsubscribe("a"));
+    EXPECT_FALSE(m_connection->trigger("a", ParameterValue(1)));
+    EXPECT_FALSE(m_connection->updateState("a", ParameterValue(1)));
+    EXPECT_FALSE(m_connection->callFunctionId("a", ParameterList()));
+    for (const char* line : {"WEFT: failed to send subscribe cmd",
+                             "WEFT: failed to send unsubscribe cmd", "WEFT: failed to send trigger",
+                             "WEFT: failed to send state update", "WEFT: failed to send FID cmd"})
     {
-        EXPECT_FALSE(request.send(*m_connection)) << request.failure;
-        EXPECT_EQ(log().levelOf(request.failure), 5) << request.failure;
+        EXPECT_EQ(log().levelOf(line), 5) << line;
     }
 }
 
