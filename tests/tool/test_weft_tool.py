@@ -115,9 +115,8 @@ class Proc:
         for stream in (self.proc.stdin, self.proc.stdout, self.proc.stderr):
             if stream:
                 stream.close()
-        for report in ("Sanitizer", "runtime error:"):
-            if report in self.err:
-                raise AssertionError("sanitizer report\n" + self.transcript())
+        if any(report in self.err for report in ("Sanitizer", "runtime error:")):
+            raise AssertionError("sanitizer report\n" + self.transcript())
 
 
 class ToolTest(unittest.TestCase):
@@ -167,12 +166,6 @@ class Conversation:
             server.send(command)
             self.assertEqual(server.event(kind, name="level")["clients"], 1, command)
             self.assertEqual(client.event(kind, name="level")["value"], value, command)
-        # Only subscribers get a push; a broadcast reaches every client.
-        server.send("trigger other 1")
-        self.assertEqual(server.event("trigger", name="other")["clients"], 0)
-        server.send("broadcast trigger other 1.0")
-        self.assertEqual(server.event("trigger", name="other")["broadcast"], True)
-        self.assertEqual(client.event("trigger", name="other")["value"], 1.0)
 
         server.send("frobnicate")
         client.send("unsub level")
@@ -218,8 +211,10 @@ class Conversation:
         server.send("update b s:for-b")
         self.assertEqual(server.event("update", name="b")["clients"], 1)
         self.assertEqual(clients[1].event("update", name="b")["value"], "for-b")
+        server.send("trigger c 1")
+        self.assertEqual(server.event("trigger", name="c")["clients"], 0)
         server.send("broadcast update all 2")
-        self.assertEqual(server.event("update", name="all")["clients"], 2)
+        self.assertEqual(server.event("update", name="all", broadcast=True)["clients"], 2)
         for client in clients:
             self.assertEqual(client.event("update", name="all")["value"], 2)
         # The first client never saw the item it did not subscribe to.
@@ -278,14 +273,6 @@ class ConnectFailureTest(ToolTest):
         self.assertEqual(client.wait(timeout=5), 1, client.transcript())
         self.assertIn("cannot connect to 127.0.0.1:%d over tcp" % port, client.err)
 
-    def test_eudp_client_where_nothing_listens_exits_1_after_the_connect_time(self):
-        port = self.free_port(socket.SOCK_DGRAM)
-        started = time.monotonic()
-        client = self.start("connect", "127.0.0.1:%d" % port, "-t", "eudp", stdin=False)
-        self.assertEqual(client.wait(), 1, client.transcript())
-        self.assertGreater(time.monotonic() - started, 4.5)
-        self.assertIn("no answer from 127.0.0.1:%d over eudp within 5 s" % port, client.err)
-
     def test_a_second_server_on_a_taken_port_says_so_and_exits_1(self):
         for transport in ("tcp", "eudp"):
             _, port = self.serve(transport)
@@ -317,14 +304,17 @@ class ClientLimitsTest(ToolTest):
             server.proc.send_signal(signal.SIGTERM)
             self.assertEqual(server.wait(), 0, server.transcript())
             self.assertEqual("WEFT: listener is shut down" in server.err, shown, flags)
-        # A failed EUDP connect logs at level 2: hidden by -qq.
+        # An EUDP connect where nothing listens gives up after its 5 s and
+        # exits 1; the library's line on it is level 2: hidden by -qq.
         port = self.free_port(socket.SOCK_DGRAM)
+        started = time.monotonic()
         loud, quiet = (self.start("connect", "127.0.0.1:%d" % port, "-t", "eudp", *flags,
                                   stdin=False) for flags in ([], ["-qq"]))
         for client, shown in ((loud, True), (quiet, False)):
             self.assertEqual(client.wait(), 1, client.transcript())
+            self.assertGreater(time.monotonic() - started, 4.5)
             self.assertEqual("failed to connect" in client.err, shown, client.transcript())
-            self.assertIn("no answer from", client.err)
+            self.assertIn("no answer from 127.0.0.1:%d over eudp within 5 s" % port, client.err)
 
 
 class ServerLoss:
