@@ -1,7 +1,6 @@
 #include "support/ImpairmentRelay.h"
 
 #include <tavo/Assert.h>
-#include <tavo/HostAddress.h>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -23,19 +22,6 @@ constexpr std::size_t RECEIVE_BUFFER_SIZE = 65536;
 // cannot starve the others or the queue.
 constexpr int RECEIVE_BATCH = 64;
 
-int makeUdpSocket(uint32_t address)
-{
-    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    TAVO_ASSERT_TEXT(fd >= 0, "relay socket");
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(address);
-    local.sin_port = 0;
-    TAVO_ASSERT_TEXT(::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0,
-                     "relay bind");
-    return fd;
-}
-
 sockaddr_in makeAddress(uint32_t address, uint16_t port)
 {
     sockaddr_in result{};
@@ -45,15 +31,20 @@ sockaddr_in makeAddress(uint32_t address, uint16_t port)
     return result;
 }
 
+int makeUdpSocket(uint32_t address)
+{
+    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    TAVO_ASSERT_TEXT(fd >= 0, "relay socket");
+    const sockaddr_in local = makeAddress(address, 0);
+    TAVO_ASSERT_TEXT(::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0,
+                     "relay bind");
+    return fd;
+}
+
 } // namespace
 
-ImpairmentRelay::ImpairmentRelay(uint16_t targetPort, uint32_t seed, const std::string& targetHost)
-    : m_targetPort(targetPort)
+ImpairmentRelay::ImpairmentRelay(uint16_t targetPort, uint32_t seed) : m_targetPort(targetPort)
 {
-    const tavo::HostAddress target(targetHost);
-    TAVO_ASSERT_TEXT(target.isValid(), "relay target host");
-    m_targetAddress = target.getAddress();
-
     // Each direction draws from its own sequence, so traffic one way never
     // shifts the decisions made the other way.
     for (uint32_t direction = 0; direction < 2; ++direction)
@@ -364,7 +355,7 @@ void ImpairmentRelay::send(const Datagram& datagram)
     {
         socket = session.socket;
         const bool toListener = datagram.isCon || session.serverPort == 0;
-        destination = makeAddress(m_targetAddress, toListener ? m_targetPort : session.serverPort);
+        destination = makeAddress(INADDR_LOOPBACK, toListener ? m_targetPort : session.serverPort);
     }
 
     std::lock_guard<std::mutex> lock(m_mutex);

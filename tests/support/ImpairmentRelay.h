@@ -9,37 +9,33 @@
 #include <mutex>
 #include <optional>
 #include <random>
-#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-// A UDP relay that sits between EUDP clients and one listening EUDP endpoint
-// and impairs the traffic: loss, duplication, reordering, delay, silence.
+// A UDP relay on 127.0.0.1 between EUDP clients and one listening EUDP
+// endpoint on 127.0.0.1, impairing the traffic: loss, duplication,
+// reordering, delay, silence.
 //
-// Clients send to getPort() on 127.0.0.1. Like a NAT, each client source
-// (address, port) gets a session with its own upstream socket; what comes
-// back on that socket goes to the client from getPort(). A datagram whose
-// command letters (bytes 1 to 3) are "CON" always goes to the target port;
-// any other goes to the port the server side last sent from on that session
-// (an accepted transport answers from a new port), or to the target port
-// while none is known. Sessions live until the relay stops.
+// Like a NAT, each client (address, port) gets a session with an upstream
+// socket of its own, and what comes back on it goes to that client from
+// getPort(). A datagram whose command letters (bytes 1 to 3) are "CON" goes
+// to the target port; any other to the port the server side last answered
+// from on that session (an accepted transport answers from a new port), or
+// to the target port while none is known. Sessions live until the relay
+// stops.
 //
-// Each datagram is judged on arrival, in this order: silence or blackhole
-// drops it; then it is dropped with `dropRate`; then it gets a second copy
-// with `duplicateRate`; then its send time is now + delay + a uniform jitter
-// in [0, jitter]; then it is held back with `reorderRate` and goes out right
-// after the next datagram of its direction (or `reorderHold` after its own
-// send time if none comes). A datagram that releases a held one is never
-// held itself, so at most one is held per direction and about r/(1+r) of the
-// datagrams are held. Silence and blackhole are checked again when a datagram
-// leaves, so switching them on also stops what is already queued.
+// Each datagram is judged on arrival: silence or blackhole drops it; then
+// `dropRate` may drop it; `duplicateRate` may give it a second copy; it is
+// due at now + delay + uniform [0, jitter]; `reorderRate` may hold it back
+// until right after the next datagram of its direction (or `reorderHold`
+// past its due time). A datagram that releases a held one is never held, so
+// about r/(1+r) of them are held. Silence and blackhole also stop what is
+// already queued.
 //
-// One std::mt19937 per direction, seeded from the constructor's seed, makes
-// the decisions: the same seed, settings and traffic give the same results.
-//
-// All operations are thread-safe; one internal thread does all the socket
-// work. stop() and the destructor end it and never wait for queued datagrams.
+// One std::mt19937 per direction, seeded from `seed`, makes the decisions:
+// the same seed, settings and traffic give the same results. Thread-safe;
+// one internal thread does all the socket work.
 
 enum class RelayDirection
 {
@@ -74,11 +70,8 @@ struct RelayCounts
 class ImpairmentRelay
 {
 public:
-    // Binds the relay's port on 127.0.0.1 and starts relaying to the
-    // endpoint at targetHost:targetPort. Stops the process if a socket cannot
-    // be made or the host does not resolve (a broken test setup).
-    ImpairmentRelay(uint16_t targetPort, uint32_t seed,
-                    const std::string& targetHost = "127.0.0.1");
+    // Stops the process if a socket cannot be made (a broken test setup).
+    ImpairmentRelay(uint16_t targetPort, uint32_t seed);
     ~ImpairmentRelay();
     ImpairmentRelay(const ImpairmentRelay&) = delete;
     ImpairmentRelay& operator=(const ImpairmentRelay&) = delete;
@@ -94,8 +87,8 @@ public:
     RelayCounts getCounts(RelayDirection direction) const;
     std::size_t getSessionCount() const;
 
-    // Ends the relay thread and closes every socket; queued datagrams are
-    // discarded. Safe to call more than once and from several threads.
+    // Ends the relay thread and closes every socket, discarding what is
+    // queued. Safe to call more than once and from several threads.
     void stop();
 
 private:
@@ -141,7 +134,6 @@ private:
         return direction == RelayDirection::ClientToServer ? 0 : 1;
     }
 
-    uint32_t m_targetAddress = 0; // host byte order
     uint16_t m_targetPort;
     uint16_t m_port = 0;
     int m_socket = -1;
