@@ -1,81 +1,48 @@
 // Takes the fuzzer's bytes as one received EUDP datagram: validation, the
 // command and the fields must agree with the bytes, and copies must hold
-// their own bytes. Then builds a packet from the same bytes (command, argument,
-// payload) and receives it again.
+// their own bytes. Then builds a packet from the same bytes (command,
+// argument, payload) and receives it again.
 
 #include "FuzzSupport.h"
 
-#include <weft/EUDPPacket.h>
+#include "support/EudpWire.h"
 
-#include <memory>
-
-using fuzz::Bytes;
+using fuzz::eudp::commandOf;
+using fuzz::eudp::le32;
+using fuzz::eudp::NAMES;
 
 namespace
 {
-
-const char* const NAMES[] = {"NOP", "ACK", "NAK", "CON", "DIS", "CMD", "MOD", "MAK", "WIN", "WAK"};
-const int COMMANDS = 10;
-
-// The command the three letters name, or EUDP_UNKNOWN.
-int commandOf(const uint8* letters)
-{
-    for (int command = 0; command < COMMANDS; ++command)
-    {
-        if (std::memcmp(letters, NAMES[command], 3) == 0)
-        {
-            return command;
-        }
-    }
-    return EUDP_UNKNOWN;
-}
-
-std::uint32_t le32(const uint8* bytes)
-{
-    return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8 |
-           static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
-}
 
 Bytes bytesOf(const EUDPPacket& packet)
 {
     return Bytes(packet.getBuffer(), packet.getBuffer() + packet.getLength());
 }
 
-// Checks a datagram of `size` bytes received into a fresh packet.
-void checkReceived(const uint8* data, std::size_t size, fuzz::LogLines& log)
+// A datagram of `size` bytes received into a fresh packet.
+void checkReceived(const uint8* data, std::size_t size, LogCapture& log)
 {
     EUDPPacket packet;
     std::memcpy(packet.getBuffer(), data, size);
     const uint length = static_cast<uint>(size);
 
-    std::string reason;
-    if (size < 1 || data[0] != EUDP_VERSION)
+    std::vector<std::string> wanted;
+    const char* reason = size < 1 || data[0] != EUDP_VERSION   ? "wrong version"
+                         : size < EUDP_HEADER_SIZE             ? "header too short"
+                         : commandOf(data + 1) == EUDP_UNKNOWN ? "unknown command"
+                                                               : nullptr;
+    if (reason != nullptr)
     {
-        reason = "wrong version";
-    }
-    else if (size < EUDP_HEADER_SIZE)
-    {
-        reason = "header too short";
-    }
-    else if (commandOf(data + 1) == EUDP_UNKNOWN)
-    {
-        reason = "unknown command";
+        wanted.push_back(std::string("3 WEFT/EUDP: packet validation failed: ") + reason);
     }
     const bool valid = packet.validatePacket(length);
-    const std::vector<std::string> lines = log.take();
-    const std::vector<std::string> wanted =
-        reason.empty()
-            ? std::vector<std::string>()
-            : std::vector<std::string>{"3 WEFT/EUDP: packet validation failed: " + reason};
-    FUZZ_CHECK(valid == reason.empty() && lines == wanted && packet.getLength() == length,
+    const std::vector<std::string> lines = fuzz::take(log);
+    FUZZ_CHECK(valid == wanted.empty() && lines == wanted && packet.getLength() == length,
                "validation said " + fuzz::str(valid) + " with length " +
                    fuzz::str(packet.getLength()) + " and logged" + fuzz::join(lines) +
                    "\n  wanted" + fuzz::join(wanted) + "\n  for " + fuzz::hex(data, size));
-    if (size >= 4)
-    {
-        FUZZ_CHECK(packet.getCommand() == commandOf(data + 1),
-                   "command " + fuzz::str(packet.getCommand()) + " for " + fuzz::hex(data, 4));
-    }
+    FUZZ_CHECK(size < 4 || packet.getCommand() == commandOf(data + 1),
+               "command " + fuzz::str(packet.getCommand()) + " for " + fuzz::hex(data, size));
     if (!valid)
     {
         return;
@@ -107,11 +74,10 @@ void checkReceived(const uint8* data, std::size_t size, fuzz::LogLines& log)
     FUZZ_CHECK(bytesOf(longer) == bytesOf(packet), "assigning to itself changed the packet");
 }
 
-// Builds a packet from the bytes (command, argument, payload) and receives
-// what it sends.
-void checkBuilt(fuzz::Input input, fuzz::LogLines& log)
+// A packet built from the bytes (command, argument, payload), and received.
+void checkBuilt(fuzz::Input input, LogCapture& log)
 {
-    const EEUDPCommand command = static_cast<EEUDPCommand>(input.u8() % COMMANDS);
+    const EEUDPCommand command = static_cast<EEUDPCommand>(input.u8() % EUDP_UNKNOWN);
     const std::uint32_t arg = input.u32();
     const Bytes payload = input.rest();
 
@@ -119,26 +85,15 @@ void checkBuilt(fuzz::Input input, fuzz::LogLines& log)
     packet.setArg(arg);
     packet.setData(payload.data(), static_cast<uint>(payload.size()));
     const bool fits = payload.size() <= EUDP_MAX_PAYLOAD;
-    const std::vector<std::string> lines = log.take();
-    const std::vector<std::string> wanted =
-        fits ? std::vector<std::string>()
-             : std::vector<std::string>{"2 WEFT/EUDP: packet length (" +
-                                        fuzz::str(static_cast<long long>(payload.size())) +
-                                        ") exceeds max length (1492)"};
-    FUZZ_CHECK(lines == wanted, "setting a payload of " +
-                                    fuzz::str(static_cast<long long>(payload.size())) +
-                                    " bytes logged" + fuzz::join(lines));
+    const std::vector<std::string> lines = fuzz::take(log);
+    FUZZ_CHECK(lines == (fits ? std::vector<std::string>()
+                              : std::vector<std::string>{"2 WEFT/EUDP: packet length (" +
+                                                         fuzz::str(payload.size()) +
+                                                         ") exceeds max length (1492)"}),
+               "setting a payload of " + fuzz::str(payload.size()) + " bytes logged" +
+                   fuzz::join(lines));
 
-    Bytes expected{EUDP_VERSION};
-    expected.insert(expected.end(), NAMES[command], NAMES[command] + 3);
-    for (int shift = 0; shift < 32; shift += 8)
-    {
-        expected.push_back(static_cast<uint8>(arg >> shift));
-    }
-    if (fits)
-    {
-        expected.insert(expected.end(), payload.begin(), payload.end());
-    }
+    const Bytes expected = eudpwire::packet(NAMES[command], arg, fits ? payload : Bytes());
     const Bytes sent = bytesOf(packet);
     FUZZ_CHECK(sent == expected, "built " + fuzz::hex(sent) + "\n  wanted " + fuzz::hex(expected));
 
@@ -148,14 +103,14 @@ void checkBuilt(fuzz::Input input, fuzz::LogLines& log)
                    received.getCommand() == command && received.getArg() == arg &&
                    bytesOf(received) == sent,
                "a built " + std::string(NAMES[command]) + " did not read back: " + fuzz::hex(sent));
-    FUZZ_CHECK(log.take().empty(), "a valid packet logged");
+    FUZZ_CHECK(fuzz::take(log).empty(), "a valid packet logged");
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
-    fuzz::LogLines log;
+    LogCapture log;
     // A receive never asks for more than the largest packet; a longer
     // datagram arrives cut to that.
     checkReceived(data, std::min<std::size_t>(size, EUDP_MAX_PACKET_SIZE), log);

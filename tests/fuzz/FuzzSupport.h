@@ -1,49 +1,39 @@
 #pragma once
 
-// Shared by the fuzz targets: failing with the values that differed, reading
-// the fuzzer's bytes, a reference reader of the parameter forms written from
-// the format alone (so that a target compares the library against something
-// other than itself), comparing values, and quieting or capturing the log.
+// Shared by the fuzz targets: a failing check that prints the values, the
+// fuzzer's bytes read in order, and a reference reader of the parameter forms
+// written from the format alone, so that a target compares the library with
+// something other than itself.
 
+#include "support/HexBytes.h"
+#include "support/LogCapture.h"
+
+#include <weft/EUDPPacket.h>
 #include <weft/Init.h>
 #include <weft/ParameterList.h>
 #include <weft/ParameterValue.h>
 
 #include <tavo/LogManager.h>
-#include <tavo/Types.h>
 
-#include <algorithm>
-#include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <optional>
-#include <string>
-#include <vector>
 
 namespace fuzz
 {
 
-typedef std::vector<uint8> Bytes;
+template <class Number>
+std::string str(Number value)
+{
+    return std::to_string(static_cast<long long>(value));
+}
 
-// Bytes as hex; a long run shows its first 64 bytes and its length.
+// Long runs show their first 64 bytes and their length.
 inline std::string hex(const uint8* data, std::size_t size)
 {
-    constexpr std::size_t SHOWN = 64;
-    std::string text;
-    char digits[4];
-    for (std::size_t i = 0; i < std::min(size, SHOWN); ++i)
-    {
-        std::snprintf(digits, sizeof(digits), i == 0 ? "%02X" : " %02X", data[i]);
-        text += digits;
-    }
-    if (size > SHOWN)
-    {
-        text += " ... (" + std::to_string(size) + " bytes)";
-    }
-    return text;
+    return size <= 64 ? toHex(data, size) : toHex(data, 64) + " ... (" + str(size) + " bytes)";
 }
 
 inline std::string hex(const Bytes& bytes)
@@ -61,60 +51,48 @@ inline std::string hex(const Bytes& bytes)
 
 } // namespace fuzz
 
-// Stops the run (a crash to the fuzzer) with the condition and the values
-// that `detail` describes; `detail` is only built when the check fails.
+// A crash to the fuzzer; `detail` is only built when the check fails.
 #define FUZZ_CHECK(cond, detail)                                                                   \
     ((cond) ? static_cast<void>(0) : ::fuzz::fail(__FILE__, __LINE__, #cond, (detail)))
 
 namespace fuzz
 {
 
-inline std::string str(long long value)
-{
-    return std::to_string(value);
-}
-
-// Takes the fuzzer's bytes front to back; past the end every read yields zeros.
+// Past the end every read yields zeros.
 class Input
 {
 public:
-    Input(const uint8* data, std::size_t size) : m_data(data), m_size(size), m_position(0) {}
+    Input(const uint8* data, std::size_t size) : m_data(data), m_size(size) {}
 
     std::size_t remaining() const { return m_size - m_position; }
-
     uint8 u8() { return m_position < m_size ? m_data[m_position++] : 0; }
-
     std::uint16_t u16()
     {
         const std::uint16_t low = u8();
-        return static_cast<std::uint16_t>(low | (u8() << 8));
+        return static_cast<std::uint16_t>(low | u8() << 8);
     }
-
     std::uint32_t u32()
     {
         const std::uint32_t low = u16();
-        return low | (static_cast<std::uint32_t>(u16()) << 16);
+        return low | static_cast<std::uint32_t>(u16()) << 16;
     }
 
     Bytes take(std::size_t count)
     {
         count = std::min(count, remaining());
-        Bytes bytes(m_data + m_position, m_data + m_position + count);
         m_position += count;
-        return bytes;
+        return Bytes(m_data + m_position - count, m_data + m_position);
     }
 
     Bytes rest() { return take(remaining()); }
 
-    // Chunks framed by a little-endian 16-bit length, each cut to what is
-    // left and to `limit`.
+    // Chunks behind a little-endian 16-bit length, each cut to `limit`.
     std::vector<Bytes> chunks(std::size_t limit)
     {
         std::vector<Bytes> result;
         while (remaining() >= 2)
         {
-            const std::size_t length = u16();
-            result.push_back(take(std::min(length, limit)));
+            result.push_back(take(std::min<std::size_t>(u16(), limit)));
         }
         return result;
     }
@@ -122,70 +100,45 @@ public:
 private:
     const uint8* m_data;
     std::size_t m_size;
-    std::size_t m_position;
+    std::size_t m_position = 0;
 };
 
-// ---- reference reader of the parameter forms ----
 namespace reference
 {
 
-// One value form at `data`: its canonical bytes (a boolean's byte as 0 or 1,
-// since any other byte reads as true) and the count consumed; nothing when
-// the form is cut short.
+// One value form: its canonical bytes (a boolean's byte as 0 or 1, as any
+// other byte reads as true) and the count consumed; nothing when cut short.
 inline std::optional<Bytes> value(const uint8* data, std::size_t size, std::size_t& consumed)
 {
-    if (size == 0)
+    const uint8 tag = size > 0 ? data[0] : 0;
+    const std::size_t fixed = tag == 'I' || tag == 'F' ? 5 : tag == 'B' ? 2 : 1;
+    if (size == 0 || size < fixed)
     {
         return std::nullopt;
     }
-    switch (data[0])
+    if (tag == 'S')
     {
-    case 'I':
-    case 'F':
-        if (size < 5)
+        const void* nul = std::memchr(data + 1, 0, size - 1);
+        if (nul == nullptr)
         {
             return std::nullopt;
         }
-        consumed = 5;
-        return Bytes(data, data + 5);
-    case 'B':
-        if (size < 2)
-        {
-            return std::nullopt;
-        }
-        consumed = 2;
-        return Bytes{'B', static_cast<uint8>(data[1] != 0 ? 1 : 0)};
-    case 'S':
-        for (std::size_t i = 1; i < size; ++i)
-        {
-            if (data[i] == 0)
-            {
-                consumed = i + 1;
-                return Bytes(data, data + i + 1);
-            }
-        }
-        return std::nullopt;
-    default:
-        consumed = 1;
-        return Bytes{data[0]};
+        consumed = static_cast<std::size_t>(static_cast<const uint8*>(nul) - data) + 1;
+        return Bytes(data, data + consumed);
     }
+    consumed = fixed;
+    return tag == 'B' ? Bytes{'B', static_cast<uint8>(data[1] != 0)} : Bytes(data, data + fixed);
 }
 
-// Entries by name (bytewise order, as the library keeps them), each with its
-// value's canonical bytes.
+// By name in bytewise order, as the library keeps them.
 typedef std::map<std::string, Bytes> Entries;
 
-// Merges one list form into `entries`, a later name replacing an earlier
-// one; the count consumed, or 0 when the form is cut short (the entries read
-// before stay).
+// Merges one list form into `entries`, a later name replacing an earlier one;
+// the count consumed, or 0 when cut short (the entries read before stay).
 inline std::size_t list(const uint8* data, std::size_t size, Entries& entries)
 {
-    if (size == 0)
-    {
-        return 0;
-    }
     std::size_t position = 1;
-    for (unsigned int i = 0; i < data[0]; ++i)
+    for (unsigned int i = 0; size > 0 && i < data[0]; ++i)
     {
         const void* end = std::memchr(data + position, 0, size - position);
         if (end == nullptr)
@@ -199,14 +152,13 @@ inline std::size_t list(const uint8* data, std::size_t size, Entries& entries)
         {
             return 0;
         }
-        entries[std::string(reinterpret_cast<const char*>(data + position), nameEnd - position)] =
-            *form;
+        entries[std::string(data + position, data + nameEnd)] = *form;
         position = nameEnd + 1 + consumed;
     }
-    return position;
+    return size > 0 ? position : 0;
 }
 
-// The canonical list form of `entries`: what the library writes for them.
+// What the library writes for `entries`.
 inline Bytes encode(const Entries& entries)
 {
     Bytes bytes{static_cast<uint8>(entries.size())};
@@ -221,33 +173,58 @@ inline Bytes encode(const Entries& entries)
 
 } // namespace reference
 
-// ---- values and lists ----
-
-// Room for any form a target meets: larger than any input it is given. One
-// block, reused, since clearing a fresh one for every form costs more than
-// the decoding under test.
-inline uint8* formRoom(std::size_t& size)
+namespace eudp
 {
-    static std::vector<uint8> room(1u << 20);
-    size = room.size();
-    return room.data();
+
+const char* const NAMES[] = {"NOP", "ACK", "NAK", "CON", "DIS", "CMD", "MOD", "MAK", "WIN", "WAK"};
+
+// The command three letters name, or EUDP_UNKNOWN.
+inline int commandOf(const uint8* letters)
+{
+    int command = 0;
+    while (command < EUDP_UNKNOWN && std::memcmp(letters, NAMES[command], 3) != 0)
+    {
+        ++command;
+    }
+    return command;
 }
 
-// The value form the library writes, or empty when it refuses.
+inline std::uint32_t le32(const uint8* bytes)
+{
+    return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
+}
+
+} // namespace eudp
+
+// The form the library writes, empty when it refuses. One block larger than
+// any input, reused: clearing a fresh one per form costs more than the code
+// under test.
+template <class Item>
+Bytes formOf(const Item& item, int (Item::*write)(char*, int) const)
+{
+    static std::vector<char> room(1u << 20);
+    const int written = (item.*write)(room.data(), static_cast<int>(room.size()));
+    return Bytes(room.begin(), room.begin() + std::max(written, 0));
+}
+
 inline Bytes valueForm(const ParameterValue& value)
 {
-    std::size_t size = 0;
-    uint8* room = formRoom(size);
-    const int written = value.getBinaryValue(reinterpret_cast<char*>(room), static_cast<int>(size));
-    return Bytes(room, room + std::max(written, 0));
+    return formOf(value, &ParameterValue::getBinaryValue);
 }
 
 inline Bytes listForm(const ParameterList& list)
 {
-    std::size_t size = 0;
-    uint8* room = formRoom(size);
-    const int written = list.getBinary(reinterpret_cast<char*>(room), static_cast<int>(size));
-    return Bytes(room, room + std::max(written, 0));
+    return formOf(list, &ParameterList::getBinary);
+}
+
+// Decodes from a heap block of exactly `size` bytes, so that AddressSanitizer
+// reports a read past them; the count consumed.
+template <class Item>
+int decode(Item& item, const uint8* data, std::size_t size)
+{
+    std::unique_ptr<char[]> block(new char[size]);
+    std::copy_n(data, size, block.get());
+    return item.createFromBinary(block.get(), static_cast<int>(size));
 }
 
 inline std::uint32_t floatBits(float value)
@@ -260,16 +237,11 @@ inline std::uint32_t floatBits(float value)
 inline std::string describe(const ParameterValue& value)
 {
     float number = 0.0f;
-    std::string text = "type " + str(value.getType()) + " text \"" + value.getAsString() + "\"";
-    if (value.getFloatValue(number))
-    {
-        text += " bits " + str(floatBits(number));
-    }
-    return text;
+    return "type " + str(value.getType()) + " text \"" + value.getAsString() + "\"" +
+           (value.getFloatValue(number) ? " bits " + str(floatBits(number)) : "");
 }
 
-// Same type and the same data, read through the typed getters; floats bit
-// for bit, so that a NaN equals itself.
+// Floats bit for bit, so that a NaN equals itself.
 inline bool sameValue(const ParameterValue& a, const ParameterValue& b)
 {
     if (a.getType() != b.getType())
@@ -295,12 +267,9 @@ inline bool sameValue(const ParameterValue& a, const ParameterValue& b)
     }
 }
 
-// Every entry's name and text, in order: what a list shows without its
-// binary form.
 inline std::string describe(const ParameterList& list)
 {
-    std::string text = str(static_cast<long long>(list.size())) + " entries:";
-    std::string name, value;
+    std::string text = str(list.size()) + " entries:", name, value;
     for (unsigned int i = 0; list.getParam(i, name, value); ++i)
     {
         text += " [" + name + "]=[" + value + "]";
@@ -308,49 +277,25 @@ inline std::string describe(const ParameterList& list)
     return text;
 }
 
-// ---- the library and its log ----
-
-// Starts the library once for the process, with the log switched off: the
-// fuzzer feeds mostly bad bytes, and each would cost a formatted line.
+// The library once per process, its log off: most fuzzed bytes are bad and
+// each would cost a formatted line.
 inline void startQuietly()
 {
     weftInit();
     tavo::LogManager::getInstance()->setMaxLevel(tavo::LOG_LEVEL_OFF);
 }
 
-// Collects every log line while it exists; for targets that check the lines
-// a decoder writes. Single-threaded use only.
-class LogLines
+// The lines captured since the last call, each as "level text".
+inline std::vector<std::string> take(LogCapture& log)
 {
-public:
-    LogLines()
+    std::vector<std::string> lines;
+    for (const LogCapture::Line& line : log.lines())
     {
-        tavo::LogManager* manager = tavo::LogManager::getInstance();
-        manager->setMaxLevel(tavo::LOG_LEVEL_TRACE);
-        manager->setSink([this](const std::string&, int level, const std::string& text)
-                         { m_lines.push_back(str(level) + " " + text); });
+        lines.push_back(str(line.level) + " " + line.text);
     }
-
-    ~LogLines()
-    {
-        tavo::LogManager::getInstance()->setSink(tavo::LogSink());
-        tavo::LogManager::getInstance()->setMaxLevel(tavo::LOG_LEVEL_OFF);
-    }
-
-    LogLines(const LogLines&) = delete;
-    LogLines& operator=(const LogLines&) = delete;
-
-    // The lines since the last call, each as "level text".
-    std::vector<std::string> take()
-    {
-        std::vector<std::string> lines;
-        lines.swap(m_lines);
-        return lines;
-    }
-
-private:
-    std::vector<std::string> m_lines;
-};
+    log.clear();
+    return lines;
+}
 
 inline std::string join(const std::vector<std::string>& lines)
 {

@@ -8,24 +8,11 @@
 
 #include <weft/Constants.h>
 
-#include <memory>
-
-using fuzz::Bytes;
 namespace reference = fuzz::reference;
+using fuzz::decode;
 
 namespace
 {
-
-int decode(ParameterList& list, const uint8* data, std::size_t size)
-{
-    // Exactly `size` bytes on the heap, so that a read past them is reported.
-    std::unique_ptr<char[]> block(new char[size]);
-    if (size > 0)
-    {
-        std::memcpy(block.get(), data, size);
-    }
-    return list.createFromBinary(block.get(), static_cast<int>(size));
-}
 
 void checkSameAs(const ParameterList& list, const reference::Entries& entries, const char* when)
 {
@@ -42,9 +29,8 @@ void checkDecoding(const uint8* data, std::size_t size)
     const int consumed = decode(list, data, size);
     reference::Entries entries;
     const std::size_t expected = reference::list(data, size, entries);
-    FUZZ_CHECK(consumed == static_cast<int>(expected), "consumed " + fuzz::str(consumed) +
-                                                           ", expected " + fuzz::str(expected) +
-                                                           " of " + fuzz::hex(data, size));
+    FUZZ_CHECK(consumed == static_cast<int>(expected),
+               "consumed " + fuzz::str(consumed) + " of " + fuzz::hex(data, size));
     checkSameAs(list, entries, "decoded");
 
     // Decoding the same bytes again changes nothing.
@@ -77,37 +63,41 @@ void checkBuilt(fuzz::Input input)
         const Bytes nameBytes = input.take(input.u8() % 16);
         const std::string name(nameBytes.begin(), nameBytes.end());
         Bytes form;
-        switch (input.u8() % 5)
+        const int kind = input.u8() % 5;
+        switch (kind)
         {
         case 0:
-        {
-            const std::uint32_t number = input.u32();
-            list.addNumeric(name, static_cast<int>(number));
-            form = {'I', static_cast<uint8>(number), static_cast<uint8>(number >> 8),
-                    static_cast<uint8>(number >> 16), static_cast<uint8>(number >> 24)};
-            break;
-        }
         case 1:
         {
-            // A signalling NaN is made quiet first: the 32-bit build's x87
-            // float copies would quiet it anyway, and the bits must agree.
             std::uint32_t bits = input.u32();
-            if ((bits & 0x7F800000u) == 0x7F800000u && (bits & 0x007FFFFFu) != 0)
+            if (kind == 0)
             {
-                bits |= 0x00400000u;
+                list.addNumeric(name, static_cast<int>(bits));
             }
-            float number = 0.0f;
-            std::memcpy(&number, &bits, sizeof(number));
-            list.addFloat(name, number);
-            form = {'F', static_cast<uint8>(bits), static_cast<uint8>(bits >> 8),
-                    static_cast<uint8>(bits >> 16), static_cast<uint8>(bits >> 24)};
+            else
+            {
+                // A signalling NaN is made quiet first: the 32-bit build's x87
+                // float copies would quiet it anyway, and the bits must agree.
+                if ((bits & 0x7F800000u) == 0x7F800000u && (bits & 0x007FFFFFu) != 0)
+                {
+                    bits |= 0x00400000u;
+                }
+                float number = 0.0f;
+                std::memcpy(&number, &bits, sizeof(number));
+                list.addFloat(name, number);
+            }
+            form = {static_cast<uint8>(kind == 0 ? 'I' : 'F')};
+            for (int shift = 0; shift < 32; shift += 8)
+            {
+                form.push_back(static_cast<uint8>(bits >> shift));
+            }
             break;
         }
         case 2:
         {
-            const bool flag = (input.u8() & 1) != 0;
-            list.addBoolean(name, flag);
-            form = {'B', static_cast<uint8>(flag ? 1 : 0)};
+            const uint8 flag = input.u8() & 1;
+            list.addBoolean(name, flag != 0);
+            form = {'B', flag};
             break;
         }
         case 3:
@@ -126,10 +116,8 @@ void checkBuilt(fuzz::Input input)
             const bool found = list.getParam(name, text);
             FUZZ_CHECK(found == !entries.empty(),
                        "lookup of [" + name + "] on " + fuzz::describe(list));
-            if (found && entries.count(name) == 0)
-            {
-                FUZZ_CHECK(text == "INV", "an added name reads as [" + text + "]");
-            }
+            FUZZ_CHECK(!found || entries.count(name) != 0 || text == "INV",
+                       "an added name reads as [" + text + "]");
             if (!entries.empty())
             {
                 entries.emplace(name, Bytes{'N'});
@@ -158,16 +146,13 @@ void checkBuilt(fuzz::Input input)
     checkSameAs(list, entries, "built");
 
     // Exactly the room it needs, and one byte less, from exact heap blocks.
-    std::unique_ptr<char[]> exact(new char[form.size()]);
-    FUZZ_CHECK(list.getBinary(exact.get(), static_cast<int>(form.size())) ==
-                   static_cast<int>(form.size()),
-               "refused its exact room of " + fuzz::str(static_cast<long long>(form.size())));
-    if (form.size() > 1)
+    for (const std::size_t room : {form.size(), form.size() - 1})
     {
-        std::unique_ptr<char[]> tight(new char[form.size() - 1]);
-        FUZZ_CHECK(list.getBinary(tight.get(), static_cast<int>(form.size() - 1)) == 0,
-                   "wrote into one byte less than " +
-                       fuzz::str(static_cast<long long>(form.size())));
+        std::unique_ptr<char[]> block(new char[room]);
+        const int written = list.getBinary(block.get(), static_cast<int>(room));
+        FUZZ_CHECK(written == (room == form.size() ? static_cast<int>(room) : 0),
+                   "wrote " + fuzz::str(written) + " into " + fuzz::str(room) + " of " +
+                       fuzz::str(form.size()));
     }
 
     ParameterList decoded;

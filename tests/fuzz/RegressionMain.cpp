@@ -1,7 +1,6 @@
-// Runs a fuzz target without the fuzzer: every file of the directories (or
-// the files) named on the command line is fed to the target once, in name
-// order. So the seed corpus and every crash input kept as a regression run in
-// every build, with whatever sanitizer that build has.
+// Runs a fuzz target without the fuzzer, on every file of the directories (or
+// the files) named on the command line, in name order: so the seed corpus and
+// every kept crash input run in every build, with that build's sanitizer.
 
 #include "FuzzSupport.h"
 
@@ -21,36 +20,29 @@ constexpr unsigned int INPUT_TIME_LIMIT_S = 60;
 void onAlarm(int)
 {
     const char message[] = "regression runner: an input hung (the last one named above)\n";
-    if (::write(STDERR_FILENO, message, sizeof(message) - 1) < 0)
-    {
-        ::_exit(2);
-    }
-    ::_exit(1);
+    ::_exit(::write(STDERR_FILENO, message, sizeof(message) - 1) < 0 ? 2 : 1);
 }
 
 std::vector<std::filesystem::path> inputsOf(const std::filesystem::path& path)
 {
     std::vector<std::filesystem::path> inputs;
     std::error_code error;
-    if (std::filesystem::is_directory(path, error))
-    {
-        for (const auto& entry : std::filesystem::directory_iterator(path, error))
-        {
-            if (entry.is_regular_file() && entry.path().filename().string()[0] != '.')
-            {
-                inputs.push_back(entry.path());
-            }
-        }
-        std::sort(inputs.begin(), inputs.end());
-    }
-    else if (std::filesystem::is_regular_file(path, error))
+    if (std::filesystem::is_regular_file(path, error))
     {
         inputs.push_back(path);
     }
-    else
+    for (const auto& entry : std::filesystem::directory_iterator(path, error))
+    {
+        if (entry.is_regular_file() && entry.path().filename().string()[0] != '.')
+        {
+            inputs.push_back(entry.path());
+        }
+    }
+    if (error && inputs.empty())
     {
         std::cout << "skipped (not there): " << path.string() << std::endl;
     }
+    std::sort(inputs.begin(), inputs.end());
     return inputs;
 }
 
@@ -66,8 +58,8 @@ int main(int argc, char** argv)
         for (const std::filesystem::path& input : inputsOf(argv[i]))
         {
             std::ifstream file(input, std::ios::binary);
-            const std::vector<uint8> bytes((std::istreambuf_iterator<char>(file)),
-                                           std::istreambuf_iterator<char>());
+            const Bytes bytes((std::istreambuf_iterator<char>(file)),
+                              std::istreambuf_iterator<char>());
             std::cout << "input " << input.string() << " (" << bytes.size() << " bytes)"
                       << std::endl;
             // Never a null pointer, not even for an empty input, as the fuzzer.

@@ -19,8 +19,6 @@
 #include <memory>
 #include <thread>
 
-using fuzz::Bytes;
-
 namespace
 {
 
@@ -34,35 +32,26 @@ struct Framing
 Framing frame(const Bytes& stream, std::size_t room)
 {
     Framing framing;
-    std::size_t position = 0;
-    for (;;)
+    fuzz::Input in(stream.data(), stream.size());
+    while (in.remaining() >= 2)
     {
-        if (stream.size() - position < 2)
-        {
-            framing.end = 0;
-            return framing;
-        }
-        const std::size_t length = stream[position] | stream[position + 1] << 8;
-        position += 2;
+        const std::size_t length = in.u16();
         if (length > room)
         {
             framing.end = -1;
-            return framing;
+            break;
         }
-        if (stream.size() - position < length)
+        // A message cut short by the close is dropped, and the next read ends.
+        if (in.remaining() < length)
         {
-            // Cut short by the close: dropped, and the next prefix read ends.
-            framing.end = 0;
-            return framing;
+            break;
         }
         if (length > 0)
         {
-            framing.messages.emplace_back(stream.begin() + static_cast<std::ptrdiff_t>(position),
-                                          stream.begin() +
-                                              static_cast<std::ptrdiff_t>(position + length));
+            framing.messages.push_back(in.take(length));
         }
-        position += length;
     }
+    return framing;
 }
 
 // Writes `stream` in pieces of `piece` bytes (0: at once), then closes the
@@ -107,30 +96,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     // Exactly `room` bytes, so that a body written past them is reported.
     std::unique_ptr<uint8[]> buffer(new uint8[room]);
     std::vector<Bytes> messages;
-    int end = 0;
-    for (;;)
+    int end;
+    while ((end = reader.receiveData(buffer.get(), static_cast<uint>(room))) > 0)
     {
-        const int result = reader.receiveData(buffer.get(), static_cast<uint>(room));
-        if (result <= 0)
-        {
-            end = result;
-            break;
-        }
-        FUZZ_CHECK(static_cast<std::size_t>(result) <= room &&
+        FUZZ_CHECK(static_cast<std::size_t>(end) <= room &&
                        messages.size() < wanted.messages.size(),
-                   "message " + fuzz::str(static_cast<long long>(messages.size())) + " of " +
-                       fuzz::str(result) + " bytes, with room for " +
-                       fuzz::str(static_cast<long long>(room)) + " and " +
-                       fuzz::str(static_cast<long long>(wanted.messages.size())) + " framed");
-        messages.emplace_back(buffer.get(), buffer.get() + result);
+                   "message " + fuzz::str(messages.size()) + " of " + fuzz::str(end) +
+                       " bytes, with room for " + fuzz::str(room) + " and " +
+                       fuzz::str(wanted.messages.size()) + " framed");
+        messages.emplace_back(buffer.get(), buffer.get() + end);
         FUZZ_CHECK(messages.back() == wanted.messages[messages.size() - 1],
                    "received " + fuzz::hex(messages.back()) + "\n  framed   " +
                        fuzz::hex(wanted.messages[messages.size() - 1]));
     }
     FUZZ_CHECK(messages.size() == wanted.messages.size() && end == wanted.end,
-               "received " + fuzz::str(static_cast<long long>(messages.size())) +
-                   " messages ending in " + fuzz::str(end) + ", framed " +
-                   fuzz::str(static_cast<long long>(wanted.messages.size())) + " ending in " +
+               "received " + fuzz::str(messages.size()) + " messages ending in " + fuzz::str(end) +
+                   ", framed " + fuzz::str(wanted.messages.size()) + " ending in " +
                    fuzz::str(wanted.end));
     if (end == 0)
     {
