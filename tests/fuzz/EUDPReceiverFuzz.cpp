@@ -15,61 +15,38 @@
 #include "support/EUDPTransportTestPeer.h"
 #include "support/EudpWire.h"
 #include "support/RawUdpSocket.h"
+#include "support/Waiting.h"
 
 #include <weft/EUDPTransport.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 
 #include <cerrno>
-#include <chrono>
 #include <fstream>
 #include <memory>
-#include <mutex>
-#include <thread>
 
-using fuzz::Bytes;
+using fuzz::eudp::commandOf;
+typedef EUDPTransportTestPeer Peer;
 
 namespace
 {
-
-typedef EUDPTransportTestPeer Peer;
-using namespace std::chrono_literals;
 
 // Datagrams between two fences; few enough that the socket buffers never
 // overflow, so no datagram is lost on the way.
 constexpr std::size_t BATCH = 16;
 // A datagram may be longer than a packet; the receive cuts it.
 constexpr std::size_t LONGEST_DATAGRAM = EUDP_MAX_PACKET_SIZE + 100;
-// How long the peer waits for one answer before it calls it missing.
-constexpr int ANSWER_WAIT_MS = 5000;
-
-const char* const NAMES[] = {"NOP", "ACK", "NAK", "CON", "DIS", "CMD", "MOD", "MAK", "WIN", "WAK"};
-
-int commandOf(const Bytes& datagram)
-{
-    for (int command = 0; command < 10; ++command)
-    {
-        if (std::memcmp(datagram.data() + 1, NAMES[command], 3) == 0)
-        {
-            return command;
-        }
-    }
-    return EUDP_UNKNOWN;
-}
+// How long the peer waits for an answer, or for a state, before it gives up.
+constexpr std::chrono::milliseconds WAIT(5000);
 
 std::uint32_t argOf(const Bytes& datagram)
 {
-    return static_cast<std::uint32_t>(datagram[4]) | static_cast<std::uint32_t>(datagram[5]) << 8 |
-           static_cast<std::uint32_t>(datagram[6]) << 16 |
-           static_cast<std::uint32_t>(datagram[7]) << 24;
+    return fuzz::eudp::le32(datagram.data() + 4);
 }
 
 Bytes packet(int command, std::uint32_t arg, const Bytes& payload = Bytes())
 {
-    return eudpwire::packet(NAMES[command], arg, payload);
+    return eudpwire::packet(fuzz::eudp::NAMES[command], arg, payload);
 }
 
 std::string describe(const Bytes& datagram)
@@ -80,9 +57,7 @@ std::string describe(const Bytes& datagram)
     }
     return std::string(datagram.begin() + 1, datagram.begin() + 4) + " " +
            fuzz::str(argOf(datagram)) +
-           (datagram.size() > 8
-                ? " + " + fuzz::str(static_cast<long long>(datagram.size() - 8)) + " bytes"
-                : "");
+           (datagram.size() > 8 ? " + " + fuzz::str(datagram.size() - 8) + " bytes" : "");
 }
 
 // What the accepted transport does with each datagram, worked out from the
@@ -109,12 +84,12 @@ public:
     {
         // An empty datagram never arrives; an invalid one is dropped.
         if (m_closed || datagram.size() < EUDP_HEADER_SIZE || datagram[0] != EUDP_VERSION ||
-            commandOf(datagram) == EUDP_UNKNOWN)
+            commandOf(datagram.data() + 1) == EUDP_UNKNOWN)
         {
             return;
         }
         const std::uint32_t arg = argOf(datagram);
-        switch (commandOf(datagram))
+        switch (commandOf(datagram.data() + 1))
         {
         case EUDP_DIS:
             m_closed = true;
@@ -204,7 +179,7 @@ private:
     }
 };
 
-// A plain UDP socket on loopback: the peer.
+// The peer: a plain UDP socket on loopback.
 class RawPeer : public RawUdpSocket
 {
 public:
@@ -226,18 +201,14 @@ public:
     // when none comes in time.
     Bytes answerFrom(uint16 port)
     {
-        const auto deadline =
-            std::chrono::steady_clock::now() + std::chrono::milliseconds(ANSWER_WAIT_MS);
+        const auto deadline = std::chrono::steady_clock::now() + WAIT;
         for (;;)
         {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                 deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0)
-            {
-                return Bytes();
-            }
             pollfd wait{m_fd, POLLIN, 0};
-            const int ready = ::poll(&wait, 1, static_cast<int>(left.count()));
+            const int ready =
+                left.count() > 0 ? ::poll(&wait, 1, static_cast<int>(left.count())) : 0;
             // The fuzzer's watchdog is a periodic signal: it cuts a wait short.
             if (ready < 0 && errno == EINTR)
             {
@@ -257,9 +228,9 @@ public:
                 continue;
             }
             datagram.resize(static_cast<std::size_t>(n));
-            remember(std::to_string(ntohs(source.sin_port)) + ": " + describe(datagram));
+            m_seen.push_back(std::to_string(ntohs(source.sin_port)) + ": " + describe(datagram));
             if (ntohs(source.sin_port) == port &&
-                !(datagram.size() >= 8 && commandOf(datagram) == EUDP_CMD))
+                !(datagram.size() >= 8 && commandOf(datagram.data() + 1) == EUDP_CMD))
             {
                 return datagram;
             }
@@ -276,63 +247,26 @@ public:
         m_seen.clear();
     }
 
-    // The last datagrams received in this run, with their source ports.
-    const std::vector<std::string>& seen() const { return m_seen; }
-
-private:
-    void remember(const std::string& datagram)
-    {
-        if (m_seen.size() == SEEN_KEPT)
-        {
-            m_seen.erase(m_seen.begin());
-        }
-        m_seen.push_back(datagram);
-    }
-
-    static constexpr std::size_t SEEN_KEPT = 16;
+    // The datagrams received in this run, with their source ports.
     std::vector<std::string> m_seen;
 };
 
-// The last lines the library logged, for the report of a failed check: the
-// transport's threads write them, hence the lock.
-class RecentLog
-{
-public:
-    RecentLog()
-    {
-        tavo::LogManager* manager = tavo::LogManager::getInstance();
-        manager->setMaxLevel(tavo::LOG_LEVEL_DEBUG);
-        manager->setSink(
-            [this](const std::string&, int level, const std::string& text)
-            {
-                std::lock_guard<std::mutex> lock(m_mutex);
-                if (m_lines.size() == KEPT)
-                {
-                    m_lines.erase(m_lines.begin());
-                }
-                m_lines.push_back(fuzz::str(level) + " " + text);
-            });
-    }
-
-    std::vector<std::string> lines() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_lines;
-    }
-
-private:
-    static constexpr std::size_t KEPT = 24;
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_lines;
-};
-
-// Set up once per process: the listening transport and the peer.
+// Set up once per process: the listening transport, the peer and the log.
 EUDPTransport* g_pListener = nullptr;
 RawPeer* g_pPeer = nullptr;
-RecentLog* g_pLog = nullptr;
+LogCapture* g_pLog = nullptr;
 
-// The kernel's line on the UDP sockets bound to `port`: its queues and the
-// datagrams it dropped for want of room.
+// The last `count` of `lines`.
+std::string last(std::vector<std::string> lines, std::size_t count)
+{
+    lines.erase(lines.begin(),
+                lines.end() - static_cast<std::ptrdiff_t>(std::min(count, lines.size())));
+    return fuzz::join(lines);
+}
+
+// The kernel's lines on the UDP sockets bound to `port`: their queues, and
+// the datagrams dropped for want of room, which tell a lost datagram from one
+// the transport did not answer.
 std::string socketState(uint16 port)
 {
     std::ifstream table("/proc/net/udp");
@@ -341,10 +275,7 @@ std::string socketState(uint16 port)
     std::string line, found;
     while (std::getline(table, line))
     {
-        if (line.find(wanted) == line.find(':', line.find(':') + 1))
-        {
-            found += "\n    " + line;
-        }
+        found += line.find(wanted) == line.find(':', line.find(':') + 1) ? "\n    " + line : "";
     }
     return found.empty() ? " (no socket)" : found;
 }
@@ -352,8 +283,8 @@ std::string socketState(uint16 port)
 // What the peer, the log and the kernel saw lately, to go with a failed check.
 std::string recent(uint16 port = 0)
 {
-    return "\n  the peer received lately:" + fuzz::join(g_pPeer->seen()) +
-           "\n  the library logged lately:" + fuzz::join(g_pLog->lines()) +
+    return "\n  the peer received lately:" + last(g_pPeer->m_seen, 16) +
+           "\n  the library logged lately:" + last(fuzz::take(*g_pLog), 24) +
            "\n  the transport's socket:" + socketState(port) +
            "\n  the peer's socket:" + socketState(g_pPeer->port());
 }
@@ -366,37 +297,12 @@ void expectAnswers(EUDPTransport& transport, uint16 port, const std::vector<Byte
     for (; checked < wanted.size(); ++checked)
     {
         const Bytes answer = g_pPeer->answerFrom(port);
-        std::string later;
-        if (answer.empty() && !Peer::closed(transport))
-        {
-            // Tells a lost datagram from a transport that stopped answering.
-            g_pPeer->send(port, packet(EUDP_WIN, EUDP_DEFAULT_WINDOW + 1));
-            const Bytes again = g_pPeer->answerFrom(port);
-            later = again.empty() ? "; a second request got no answer either"
-                                  : "; a second request was answered with " + describe(again);
-        }
         FUZZ_CHECK(answer == wanted[checked],
-                   "answer " + fuzz::str(static_cast<long long>(checked)) + " was " +
+                   "answer " + fuzz::str(checked) + " was " +
                        (answer.empty() ? std::string("missing") : describe(answer)) + ", wanted " +
                        describe(wanted[checked]) + (Peer::closed(transport) ? " (closed)" : "") +
-                       later + recent(port));
+                       recent(port));
     }
-}
-
-// Waits for `condition`, which no event signals, for at most 5 s.
-template <class Condition>
-bool eventually(Condition condition)
-{
-    const auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() >= deadline)
-        {
-            return false;
-        }
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
 }
 
 void expectStored(EUDPTransport& transport, const std::vector<Bytes>& stored)
@@ -406,10 +312,16 @@ void expectStored(EUDPTransport& transport, const std::vector<Bytes>& stored)
     {
         const int n = transport.receiveData(buffer, sizeof(buffer));
         const Bytes payload(buffer, buffer + std::max(n, 0));
-        FUZZ_CHECK(payload == stored[i], "payload " + fuzz::str(static_cast<long long>(i)) +
-                                             " was " + fuzz::hex(payload) + "\n  wanted " +
-                                             fuzz::hex(stored[i]));
+        FUZZ_CHECK(payload == stored[i], "payload " + fuzz::str(i) + " was " + fuzz::hex(payload) +
+                                             "\n  wanted " + fuzz::hex(stored[i]));
     }
+}
+
+// Where the transport stands, as text that shows a difference.
+std::string state(int expected, std::size_t stored, EConnMode receive, EConnMode send)
+{
+    return "expecting " + fuzz::str(expected) + " holding " + fuzz::str(stored) + " in modes " +
+           fuzz::str(receive) + "/" + fuzz::str(send);
 }
 
 } // namespace
@@ -421,7 +333,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     FUZZ_CHECK(g_pListener->listen(tavo::HostAddress("127.0.0.1"), 0),
                "the listening transport did not bind");
     g_pPeer = new RawPeer();
-    g_pLog = new RecentLog();
+    g_pLog = new LogCapture();
     return 0;
 }
 
@@ -433,6 +345,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     const std::vector<Bytes> datagrams = input.chunks(LONGEST_DATAGRAM);
 
     // Connect: a CON to the listener, answered from the new transport's port.
+    g_pLog->clear();
     g_pPeer->drain();
     g_pPeer->send(g_pListener->getLocalPort(), packet(EUDP_CON, conArg));
     std::unique_ptr<EUDPTransport> transport(static_cast<EUDPTransport*>(g_pListener->accept()));
@@ -465,10 +378,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         {
             g_pPeer->send(port, sent[i]);
             // The socket hands out at most one packet's worth.
-            const Bytes arrives(sent[i].begin(),
-                                sent[i].begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(
-                                                      sent[i].size(), EUDP_MAX_PACKET_SIZE)));
-            model.feed(arrives, answers);
+            model.feed(Bytes(sent[i].begin(),
+                             sent[i].begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(
+                                                   sent[i].size(), EUDP_MAX_PACKET_SIZE))),
+                       answers);
         }
         if (!model.m_closed)
         {
@@ -479,44 +392,42 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         expectAnswers(*transport, port, answers, checked);
     }
 
+    uint8 buffer[WEFT_MAX_PACKET_SIZE];
     if (model.m_closed)
     {
-        // A DIS closes the transport: what it stored comes out, then the end.
-        FUZZ_CHECK(eventually([&] { return Peer::closed(*transport); }),
+        // A DIS closes the transport: what it stored comes out, then the end,
+        // which every later read reports too.
+        FUZZ_CHECK(eventually([&] { return Peer::closed(*transport); }, WAIT),
                    "the transport did not close after a DIS" + recent());
         expectStored(*transport, model.m_stored);
-        uint8 buffer[WEFT_MAX_PACKET_SIZE];
-        const int end = transport->receiveData(buffer, sizeof(buffer));
-        FUZZ_CHECK(end == 0,
-                   "after its stored payloads the closed transport read " + fuzz::str(end));
-        FUZZ_CHECK(transport->receiveData(buffer, sizeof(buffer)) == 0,
-                   "a second read after the end");
+        for (int read = 1; read <= 2; ++read)
+        {
+            const int end = transport->receiveData(buffer, sizeof(buffer));
+            FUZZ_CHECK(end == 0, "read " + fuzz::str(read) +
+                                     " after the stored payloads of the "
+                                     "closed transport gave " +
+                                     fuzz::str(end));
+        }
         return 0;
     }
 
     FUZZ_CHECK(!Peer::closed(*transport), "the transport closed without a DIS" + recent());
-    const int expected = Peer::expectedSeq(*transport);
-    const uint stored = Peer::stored(*transport);
-    FUZZ_CHECK(expected == model.m_expected && stored == model.m_stored.size() &&
-                   Peer::receiveMode(*transport) == model.m_receiveMode &&
-                   Peer::sendMode(*transport) == model.m_sendMode,
-               "the transport expects " + fuzz::str(expected) + " holding " + fuzz::str(stored) +
-                   " in modes " + fuzz::str(Peer::receiveMode(*transport)) + "/" +
-                   fuzz::str(Peer::sendMode(*transport)) + ", wanted " +
-                   fuzz::str(model.m_expected) + " holding " +
-                   fuzz::str(static_cast<long long>(model.m_stored.size())) + " in " +
-                   fuzz::str(model.m_receiveMode) + "/" + fuzz::str(model.m_sendMode) + recent());
+    const std::string actual = state(Peer::expectedSeq(*transport), Peer::stored(*transport),
+                                     Peer::receiveMode(*transport), Peer::sendMode(*transport));
+    const std::string wanted =
+        state(model.m_expected, model.m_stored.size(), model.m_receiveMode, model.m_sendMode);
+    FUZZ_CHECK(actual == wanted, "the transport is " + actual + ", wanted " + wanted + recent());
     expectStored(*transport, model.m_stored);
     model.m_stored.clear();
 
     // The connection still works: a data packet with the number expected
     // arrives (and is acknowledged in reliable mode).
-    const Bytes probe{'p', 'r', 'o', 'b', 'e'};
-    const Bytes datagram = packet(EUDP_CMD, static_cast<std::uint32_t>(expected), probe);
+    const Bytes datagram = packet(EUDP_CMD, static_cast<std::uint32_t>(model.m_expected),
+                                  Bytes{'p', 'r', 'o', 'b', 'e'});
     g_pPeer->send(port, datagram);
     model.feed(datagram, answers);
     expectAnswers(*transport, port, answers, checked);
-    FUZZ_CHECK(eventually([&] { return Peer::stored(*transport) == model.m_stored.size(); }),
+    FUZZ_CHECK(eventually([&] { return Peer::stored(*transport) == model.m_stored.size(); }, WAIT),
                "the packet sent after the datagrams was not stored" + recent());
     expectStored(*transport, model.m_stored);
     return 0;
