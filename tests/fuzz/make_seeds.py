@@ -1,11 +1,8 @@
 #!/usr/bin/env python3
-"""Writes the seed corpus of every fuzz target under tests/fuzz/corpus/.
-
-The seeds are the wire examples of the formats (parameter forms, WEFT
-messages, EUDP datagrams, TCP framing) and the edge cases around them, each
-laid out as its target reads its input. Run again after changing a seed; the
-files are committed. Standard library only.
-"""
+"""Writes the seed corpus of every fuzz target under tests/fuzz/corpus/: the
+wire examples of each format and the edge cases around them, laid out as the
+target reads its input. Run again after changing a seed; the files are
+committed."""
 
 import pathlib
 import shutil
@@ -23,7 +20,7 @@ def le32(value):
 
 
 def framed(chunks):
-    """Chunks behind little-endian 16-bit lengths, as the targets split input."""
+    """Chunks behind little-endian 16-bit lengths: how targets split input, and TCP framing."""
     return b"".join(le16(len(chunk)) + chunk for chunk in chunks)
 
 
@@ -46,7 +43,7 @@ def string_form(text):
 
 
 def list_form(entries):
-    """Entries as given (name, value form), behind their count."""
+    """(name, value form) pairs as given, behind their count."""
     return bytes([len(entries) % 256]) + b"".join(name + b"\0" + form for name, form in entries)
 
 
@@ -89,10 +86,6 @@ def message(command, payload):
     return bytes([1, ord(command)]) + le16(len(payload)) + payload
 
 
-def weft_input(flags, messages):
-    return bytes([flags]) + framed(messages)
-
-
 BOTH = 3
 WEFT_EXAMPLES = {
     "subscribe_ab": message("S", b"ab\0"),
@@ -114,9 +107,11 @@ WEFT_BAD = {
     "trigger_without_value": message("T", b"t\0"),
     "call_with_cut_list": message("F", b"f\0" + EXAMPLE_LIST[:-2]),
 }
-WEFT = {}
-for name, example in {**WEFT_EXAMPLES, **WEFT_BAD}.items():
-    WEFT[name] = weft_input(BOTH, [example])
+def weft_input(flags, messages):
+    return bytes([flags]) + framed(messages)
+
+
+WEFT = {name: weft_input(BOTH, [example]) for name, example in {**WEFT_EXAMPLES, **WEFT_BAD}.items()}
 WEFT["all_examples"] = weft_input(BOTH, list(WEFT_EXAMPLES.values()) + list(WEFT_BAD.values()))
 WEFT["no_server_for_subscribe"] = weft_input(1, [WEFT_EXAMPLES["subscribe_ab"]])
 WEFT["no_client_for_trigger"] = weft_input(2, [WEFT_EXAMPLES["trigger_t_int_5"]])
@@ -140,8 +135,8 @@ def modes(letters):
 
 
 EUDP_PACKETS = {"fresh_nop": datagram("NOP", 0)}
-for index, command in enumerate(COMMANDS):
-    EUDP_PACKETS["command_%d_%s" % (index, command)] = datagram(command, 0x01020304)
+EUDP_PACKETS.update({"command_%d_%s" % (i, command): datagram(command, 0x01020304)
+                     for i, command in enumerate(COMMANDS)})
 EUDP_PACKETS.update({
     "cmd_hello": datagram("CMD", 7, b"hello"),
     "cmd_largest": datagram("CMD", 65534, bytes(range(256)) * 5 + bytes(212)),
@@ -159,21 +154,17 @@ def tcp_input(room, piece, stream):
     return le16(room) + bytes([piece]) + stream
 
 
-def tcp_framed(bodies):
-    return b"".join(le16(len(body)) + body for body in bodies)
-
-
 SUBSCRIBE_X = message("S", b"x\0")
 TCP = {
-    "subscribe_x": tcp_input(1492, 0, tcp_framed([SUBSCRIBE_X])),
-    "two_messages_and_an_empty_one": tcp_input(1492, 0, tcp_framed([SUBSCRIBE_X, b"", b"z"])),
-    "exactly_the_room": tcp_input(4, 0, tcp_framed([b"abcd"])),
-    "one_more_than_the_room": tcp_input(4, 0, tcp_framed([b"abcde", b"x"])),
-    "body_in_pieces": tcp_input(1492, 1, tcp_framed([SUBSCRIBE_X, b"second"])),
-    "closed_in_the_body": tcp_input(1492, 0, tcp_framed([b"ok"]) + le16(5) + b"\x01\x02"),
-    "closed_in_the_prefix": tcp_input(1492, 0, tcp_framed([b"ok"]) + b"\x01"),
+    "subscribe_x": tcp_input(1492, 0, framed([SUBSCRIBE_X])),
+    "two_messages_and_an_empty_one": tcp_input(1492, 0, framed([SUBSCRIBE_X, b"", b"z"])),
+    "exactly_the_room": tcp_input(4, 0, framed([b"abcd"])),
+    "one_more_than_the_room": tcp_input(4, 0, framed([b"abcde", b"x"])),
+    "body_in_pieces": tcp_input(1492, 1, framed([SUBSCRIBE_X, b"second"])),
+    "closed_in_the_body": tcp_input(1492, 0, framed([b"ok"]) + le16(5) + b"\x01\x02"),
+    "closed_in_the_prefix": tcp_input(1492, 0, framed([b"ok"]) + b"\x01"),
     "longest_prefix": tcp_input(0xFFFF, 3, b"\xff\xff" + b"cut"),
-    "no_room": tcp_input(0, 0, tcp_framed([b"", b"x"])),
+    "no_room": tcp_input(0, 0, framed([b"", b"x"])),
 }
 
 # ---- the EUDP receiver ----
