@@ -3,12 +3,10 @@
 
 Usage: live_sender.py TCP_PORT TCP_CLIENT_PORT UDP_LISTEN_PORT UDP_ACCEPT_PORT UDP_CLIENT_PORT
 
-Binds every socket first and prints "bound" (exit code 3 if a port is taken),
-then waits for a line on standard input before it sends, so that the capture
-can be started in between. TCP messages go out as the library writes them:
-the length prefix and the message in two writes, with no-delay set. The EUDP
-exchange answers from a port other than the listening one, as an accepting
-side does. The last datagram is always a DIS.
+Binds every socket, prints "bound" (exit code 3 if a port is taken), then sends once a line comes on
+standard input, so that the capture can start in between. TCP messages go out as the library writes
+them: prefix and message in two writes, no-delay set. EUDP answers come from a port other than the
+listening one, as from an accepting side; the last datagram is a DIS.
 """
 import socket
 import struct

@@ -1,15 +1,12 @@
 #!/usr/bin/env python3
-"""Checks the Wireshark dissector (tools/wireshark/weft.lua) with tshark.
-
-Captures are built from byte vectors with text2pcap (dummy UDP or TCP headers
-with chosen ports), decoded by tshark with the dissector loaded, and checked
-field by field. One test captures live loopback traffic.
+"""Checks the Wireshark dissector (tools/wireshark/weft.lua) with tshark, on captures built from byte
+vectors with text2pcap and on one live loopback capture.
 
     python3 tests/wireshark/test_dissector.py [-v] [TestClass ...]
     python3 tests/wireshark/test_dissector.py --check-capture FILE [-o PREF:VALUE ...] [--filter FILTER]
 
-The second form checks a capture of any real run: no malformed packet, no
-Lua error, every UDP datagram decoded as EUDP and every TCP payload as WEFT.
+The second form checks a capture of any real run: no malformed packet, no Lua error, every UDP
+datagram decoded as EUDP and every TCP payload as WEFT.
 """
 import argparse
 import atexit
@@ -159,18 +156,28 @@ class DissectorCase(unittest.TestCase):
         self.assertEqual(frame.get(field, []), expected,
                          "frame %s (%s): %s" % (frame["frame.number"][0], frame["_ws.col.Info"], field))
 
-    def assertExpert(self, frame, severity, text):
-        found = [m for s, m in experts(frame) if s == severity and m.startswith(text)]
-        self.assertTrue(found, "frame %s: no expert %r at %s in %s" % (
-            frame["frame.number"][0], text, severity, experts(frame)))
+    def assertFrame(self, frame, info, fields, wanted_experts):
+        """Info and fields as given; each expert given (none when none is), malformed only for an error."""
+        self.assertField(frame, "_ws.col.Info", [info])
+        for field, expected in fields.items():
+            self.assertField(frame, field, expected)
+        found = experts(frame)
+        if not wanted_experts:
+            self.assertEqual(found, [], info)
+        for severity, text in wanted_experts:
+            self.assertTrue([m for s, m in found if s == severity and m.startswith(text)],
+                            "%s: no expert %r at %s in %s" % (info, text, severity, found))
+        self.assertEqual("_ws.malformed" in frame, any(s == ERROR for s, _ in wanted_experts), info)
 
 
 # Tests ---------------------------------------------------------------------
 
 class WeftMessageTest(DissectorCase):
-    """Every wire example of messages and parameter forms, one TCP segment each."""
+    """Every wire example of messages and parameter forms, and malformed ones, one TCP segment each."""
 
-    CASES = [  # message bytes, Info, {field: values}
+    FLOATS = [(0.5, "0.5"), (0.1, "0.1"), (-2.5, "-2.5"), (3.14159265, "3.14159"), (100000.0, "100000"),
+              (1000000.0, "1e+06"), (1234567.0, "1.23457e+06"), (0.0001, "0.0001"), (0.00001, "1e-05")]
+    CASES = [  # message bytes, Info, {field: values}, (expert severity, text) ...
         (H("01 53 03 00 61 62 00"), "WEFT S ab",
          {"weft.command": ["'S'"], "weft.command_name": ["subscribe"], "weft.length": ["3"], "weft.name": ["ab"]}),
         (H("01 58 03 00 61 62 00"), "WEFT X ab", {"weft.command_name": ["unsubscribe"]}),
@@ -191,27 +198,38 @@ class WeftMessageTest(DissectorCase):
          {"weft.list.count": ["2"], "weft.param.name": ["a", "x"], "weft.value.text": ["OFF", "5"]}),
         (live_sender.PLAY, 'WEFT F play(clip = "intro" loop = ON)', {"weft.value.string": ["intro"]}),
         (live_sender.TRIGGER, "WEFT T tally = ON", {}),
+    ] + [(message("U", text("f"), flt(x)), "WEFT U f = " + shown, {}) for x, shown in FLOATS] + [
+        (H("02 53 03 00 61 62 00"), "WEFT [wrong version]", {}, (ERROR, "Wrong version: 2")),
+        (H("01 53 00"), "WEFT [header too short]", {}, (ERROR, "Header too short: 3 bytes")),
+        (H("01 53 05 00 61 62 00"), "WEFT S ab [wrong size]", {}, (ERROR, "Wrong size: the header counts 5")),
+        (H("01 53 02 00 61 62"), "WEFT S ? [unterminated string]", {}, (ERROR, "Unterminated string")),
+        (H("01 54 05 00 74 00 53 61 62"), "WEFT T t = ? [unterminated string]", {}, (ERROR, "Unterminated string")),
+        (H("01 54 05 00 74 00 49 05 00"), "WEFT T t = ? [truncated value]", {},
+         (ERROR, "Truncated value: integer needs 5 bytes, 3 left")),
+        (H("01 55 03 00 74 00 42"), "WEFT U t = ? [truncated value]", {}, (ERROR, "Truncated value: boolean")),
+        (H("01 54 02 00 74 00"), "WEFT T t = ? [truncated value]", {}, (ERROR, "Truncated value: no bytes left")),
+        (message("F", text("f"), H("02 61 00 42 00 78 00 49 05")), "WEFT F f(a = OFF x = ?) [truncated value]", {},
+         (ERROR, "Truncated value")),
+        (message("F", text("f"), H("02 61 00 42 00")), "WEFT F f(a = OFF ?) [unterminated string]", {},
+         (ERROR, "Unterminated string: entry 2 of 2")),
+        (message("F", text("f")), "WEFT F f() [truncated value]", {}, (ERROR, "Truncated value")),
+        (H("01 41 01 00 00"), "WEFT A [unknown command]", {}, (ERROR, "Unknown command A")),
+        (message("T", text("v"), b"X"), "WEFT T v = INV", {"weft.value.type": ["'X'"]}, (WARN, "Unknown value type X")),
+        (H("01 53 04 00 61 62 00 FF"), "WEFT S ab", {}, (WARN, "Bytes after the last item: 1")),
+        (message("F", text("f"), value_list(("a", b"N"), ("a", b"B\x01"))), "WEFT F f(a = INV a = ON)", {},
+         (NOTE, "Parameter name repeated")),
+        (b"", "WEFT (empty)", {}, (NOTE, "Empty message")),
     ]
-    FLOATS = [(0.5, "0.5"), (0.1, "0.1"), (-2.5, "-2.5"), (3.14159265, "3.14159"), (100000.0, "100000"),
-              (1000000.0, "1e+06"), (1234567.0, "1.23457e+06"), (0.0001, "0.0001"), (0.00001, "1e-05")]
+    FIELDS = ["weft.command", "weft.command_name", "weft.length", "weft.name", "weft.version", "weft.tcp_length",
+              "weft.value.type", "weft.value.int", "weft.value.float", "weft.value.bool", "weft.value.string",
+              "weft.value.text", "weft.list.count", "weft.param.name", "weft.summary", "_ws.malformed"]
 
-    def test_examples_decode_field_by_field(self):
-        frames = self.decode(self.capture([framed(m) for m, _, _ in self.CASES]), [
-            "weft.command", "weft.command_name", "weft.length", "weft.name", "weft.version", "weft.tcp_length",
-            "weft.value.type", "weft.value.int", "weft.value.float", "weft.value.bool", "weft.value.string",
-            "weft.value.text", "weft.list.count", "weft.param.name", "weft.summary"])
+    def test_messages_decode_field_by_field_and_malformed_ones_are_flagged(self):
+        frames = self.decode(self.capture([framed(m) for m, *_ in self.CASES]), self.FIELDS)
         self.assertEqual(len(frames), len(self.CASES))
-        for frame, (_, info, fields) in zip(frames, self.CASES):
-            self.assertField(frame, "_ws.col.Info", [info])
+        for frame, (_, info, fields, *wanted) in zip(frames, self.CASES):
+            self.assertFrame(frame, info, fields, wanted)
             self.assertField(frame, "weft.summary", [info])
-            self.assertEqual(experts(frame), [])
-            for field, expected in fields.items():
-                self.assertField(frame, field, expected)
-
-    def test_floats_print_with_six_significant_digits(self):
-        packets = [framed(message("U", text("f"), flt(x))) for x, _ in self.FLOATS]
-        frames = self.decode(self.capture(packets))
-        self.assertEqual([f["_ws.col.Info"][0] for f in frames], ["WEFT U f = " + t for _, t in self.FLOATS])
 
     def test_copy_in_personal_plugins_folder_loads_without_options(self):
         home = os.path.join(self.dir, "home")
@@ -219,19 +237,11 @@ class WeftMessageTest(DissectorCase):
         os.makedirs(plugins)
         shutil.copy(DISSECTOR, plugins)
         path = self.capture([framed(live_sender.TRIGGER)])
-        done = subprocess.run([TSHARK, "-n", "-r", path, "-T", "fields", "-e", "weft.summary"],
-                              capture_output=True, text=True, env=dict(TSHARK_ENV, HOME=home))
-        self.assertEqual(done.stdout.strip(), "WEFT T tally = ON", done.stderr)
-        twice = subprocess.run([TSHARK, "-n", "-X", "lua_script:" + DISSECTOR, "-r", path, "-T", "fields", "-e",
-                                "weft.summary"], capture_output=True, text=True, env=dict(TSHARK_ENV, HOME=home))
-        self.assertEqual(twice.stdout.strip(), "WEFT T tally = ON", twice.stderr)
-        self.assertIn("already loaded", twice.stderr)
-
-    def test_unknown_value_tag_is_shown_as_such_and_prints_inv(self):
-        frames = self.decode(self.capture([framed(message("T", text("v"), b"X"))]), ["weft.value.type"])
-        self.assertField(frames[0], "_ws.col.Info", ["WEFT T v = INV"])
-        self.assertField(frames[0], "weft.value.type", ["'X'"])
-        self.assertExpert(frames[0], WARN, "Unknown value type X")
+        for script in ([], ["-X", "lua_script:" + DISSECTOR]):  # the second copy is told apart and ignored
+            done = subprocess.run([TSHARK, "-n"] + script + ["-r", path, "-T", "fields", "-e", "weft.summary"],
+                                  capture_output=True, text=True, env=dict(TSHARK_ENV, HOME=home))
+            self.assertEqual(done.stdout.strip(), "WEFT T tally = ON", done.stderr)
+        self.assertIn("already loaded", done.stderr)
 
 
 class TcpFramingTest(DissectorCase):
@@ -275,37 +285,6 @@ class TcpFramingTest(DissectorCase):
 
 
 class MalformedTest(DissectorCase):
-    CASES = [  # message, Info, severity, expert text
-        (H("02 53 03 00 61 62 00"), "WEFT [wrong version]", ERROR, "Wrong version: 2"),
-        (H("01 53 00"), "WEFT [header too short]", ERROR, "Header too short: 3 bytes"),
-        (H("01 53 05 00 61 62 00"), "WEFT S ab [wrong size]", ERROR, "Wrong size: the header counts 5"),
-        (H("01 53 02 00 61 62"), "WEFT S ? [unterminated string]", ERROR, "Unterminated string"),
-        (H("01 54 05 00 74 00 53 61 62"), "WEFT T t = ? [unterminated string]", ERROR, "Unterminated string"),
-        (H("01 54 05 00 74 00 49 05 00"), "WEFT T t = ? [truncated value]", ERROR,
-         "Truncated value: integer needs 5 bytes, 3 left"),
-        (H("01 55 03 00 74 00 42"), "WEFT U t = ? [truncated value]", ERROR, "Truncated value: boolean"),
-        (H("01 54 02 00 74 00"), "WEFT T t = ? [truncated value]", ERROR, "Truncated value: no bytes left"),
-        (message("F", text("f"), H("02 61 00 42 00 78 00 49 05")), "WEFT F f(a = OFF x = ?) [truncated value]",
-         ERROR, "Truncated value"),
-        (message("F", text("f"), H("02 61 00 42 00")), "WEFT F f(a = OFF ?) [unterminated string]",
-         ERROR, "Unterminated string: entry 2 of 2"),
-        (message("F", text("f")), "WEFT F f() [truncated value]", ERROR, "Truncated value"),
-        (H("01 41 01 00 00"), "WEFT A [unknown command]", ERROR, "Unknown command A"),
-        (H("01 53 04 00 61 62 00 FF"), "WEFT S ab", WARN, "Bytes after the last item: 1"),
-        (message("F", text("f"), value_list(("a", b"N"), ("a", b"B\x01"))), "WEFT F f(a = INV a = ON)", NOTE,
-         "Parameter name repeated"),
-        (b"", "WEFT (empty)", NOTE, "Empty message"),
-    ]
-
-    def test_malformed_messages_are_flagged_and_summarised(self):
-        frames = self.decode(self.capture([framed(m) for m, _, _, _ in self.CASES]), ["_ws.malformed"])
-        self.assertEqual(len(frames), len(self.CASES))
-        for frame, (_, info, severity, expert) in zip(frames, self.CASES):
-            self.assertField(frame, "_ws.col.Info", [info])
-            self.assertExpert(frame, severity, expert)
-            self.assertEqual("_ws.malformed" in frame, severity == ERROR, frame["_ws.col.Info"])
-
-
     def test_capture_check_reports_malformed_and_undecoded_packets(self):
         udp = self.capture([datagram("ACK", 1), H("01 61 63 6B 00 00 00 00")], "-u", (40001, 41000), name="u")
         other = self.capture([b"hello"], "-u", (40002, 41001), name="o")
@@ -321,7 +300,7 @@ class MalformedTest(DissectorCase):
 
 
 class EudpTest(DissectorCase):
-    CASES = [  # datagram, Info, {field: values}
+    CASES = [  # datagram, Info, {field: values}, (expert severity, text) ...
         (H("01 4E 4F 50 00 00 00 00"), "EUDP NOP", {"eudp.command": ["NOP"], "eudp.arg": ["0"]}),
         (datagram("ACK", 17), "EUDP ACK seq=17", {"eudp.seq": ["17"]}),
         (datagram("NAK", 3), "EUDP NAK seq=3", {"eudp.command_desc": ["negative acknowledgement"]}),
@@ -336,38 +315,27 @@ class EudpTest(DissectorCase):
         (datagram("MAK", b"RRDT"), "EUDP MAK send=R recv=T (asked send=R recv=D)", {"eudp.mode.send": ["'R'"]}),
         (datagram("WIN", 25), "EUDP WIN size=25", {"eudp.window": ["25"]}),
         (datagram("WAK", 3000000000), "EUDP WAK size=3000000000", {}),
+        (H("01 61 63 6B 00 00 00 00"), "EUDP ack [unknown command]", {}, (ERROR, 'Unknown command "ack"')),
+        (H("01 41 43 4B 00 00 00"), "EUDP [header too short]", {}, (ERROR, "Header too short: 7 bytes")),
+        (H("02 41 43 4B 00"), "EUDP [wrong version]", {}, (ERROR, "Wrong version: 2")),
+        (datagram("MOD", b"ZDDD"), "EUDP MOD send=Z recv=D", {}, (WARN, "Unknown mode byte Z")),
+        (datagram("DIS", 65535), "EUDP DIS seq=65535", {}, (WARN, "Sequence number out of range: 65535")),
+        (datagram("ACK", 1, b"xy"), "EUDP ACK seq=1", {}, (WARN, "Payload on a control packet: 2 bytes")),
+        (datagram("CMD", 4, H("01 53 09 00 61 00")), "EUDP CMD seq=4 -> WEFT S a [wrong size]", {},
+         (ERROR, "Wrong size")),
+        (datagram("CMD", 5, b"\x01" + b"\x00" * 1499), "EUDP CMD seq=5 -> WEFT 0x00 [wrong size, unknown command]",
+         {}, (WARN, "Datagram longer than 1500 bytes: 1508"), (ERROR, "Wrong size")),
     ]
     FIELDS = ["eudp.command", "eudp.command_desc", "eudp.arg", "eudp.seq", "eudp.modes", "eudp.mode.send_asked",
               "eudp.mode.send", "eudp.mode.recv_asked", "eudp.mode.recv", "eudp.window", "eudp.payload_length",
-              "eudp.summary", "weft.name", "weft.summary"]
+              "eudp.summary", "weft.name", "weft.summary", "_ws.malformed"]
 
-    def test_every_command_and_argument_form_decodes(self):
-        frames = self.decode(self.capture([d for d, _, _ in self.CASES], "-u"), self.FIELDS)
+    def test_every_command_and_argument_form_decodes_and_bad_datagrams_are_flagged(self):
+        frames = self.decode(self.capture([d for d, *_ in self.CASES], "-u"), self.FIELDS)
         self.assertEqual(len(frames), len(self.CASES))
-        for frame, (_, info, fields) in zip(frames, self.CASES):
-            self.assertField(frame, "_ws.col.Info", [info])
+        for frame, (_, info, fields, *wanted) in zip(frames, self.CASES):
+            self.assertFrame(frame, info, fields, wanted)
             self.assertField(frame, "eudp.summary", [info])
-            self.assertEqual(experts(frame), [])
-            for field, expected in fields.items():
-                self.assertField(frame, field, expected)
-
-    def test_bad_datagrams_are_flagged(self):
-        cases = [
-            (H("01 61 63 6B 00 00 00 00"), "EUDP ack [unknown command]", ERROR, 'Unknown command "ack"'),
-            (H("01 41 43 4B 00 00 00"), "EUDP [header too short]", ERROR, "Header too short: 7 bytes"),
-            (H("02 41 43 4B 00"), "EUDP [wrong version]", ERROR, "Wrong version: 2"),
-            (datagram("MOD", b"ZDDD"), "EUDP MOD send=Z recv=D", WARN, "Unknown mode byte Z"),
-            (datagram("DIS", 65535), "EUDP DIS seq=65535", WARN, "Sequence number out of range: 65535"),
-            (datagram("ACK", 1, b"xy"), "EUDP ACK seq=1", WARN, "Payload on a control packet: 2 bytes"),
-            (datagram("CMD", 4, H("01 53 09 00 61 00")), "EUDP CMD seq=4 -> WEFT S a [wrong size]", ERROR,
-             "Wrong size"),
-            (datagram("CMD", 5, b"\x01" + b"\x00" * 1499), "EUDP CMD seq=5 -> WEFT 0x00 [wrong size, unknown command]",
-             WARN, "Datagram longer than 1500 bytes: 1508"),
-        ]
-        frames = self.decode(self.capture([d for d, _, _, _ in cases], "-u"))
-        for frame, (_, info, severity, expert) in zip(frames, cases):
-            self.assertField(frame, "_ws.col.Info", [info])
-            self.assertExpert(frame, severity, expert)
 
     def test_conversation_on_accepted_port_is_found_without_preferences(self):
         first = self.capture([datagram("CON", 0)], "-u", (40001, 5000), name="a.pcapng")
@@ -389,7 +357,7 @@ class FuzzTest(DissectorCase):
     """Random and mutated byte vectors never raise a Lua error."""
 
     SEED = int(os.environ.get("WEFT_FUZZ_SEED", "20241123"))
-    SEEDS = [m for m, _, _ in WeftMessageTest.CASES] + [m for m, _, _, _ in MalformedTest.CASES if m]
+    SEEDS = [m for m, *_ in WeftMessageTest.CASES if m]
 
     def mutate(self, rng, data):
         data = bytearray(data)
