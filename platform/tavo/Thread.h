@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -81,16 +82,17 @@ private:
     void joinFinished();
 
     std::string m_name;
-    EPriority m_priority;
+    // Atomic: setPriority may run while the new thread reads it at its start.
+    std::atomic<EPriority> m_priority;
     // Serialises start, shutdown and destruction against each other.
     std::mutex m_controlMutex;
     // Guards the run state below; m_ended signals the end of run().
     mutable std::mutex m_stateMutex;
     std::condition_variable m_ended;
     pthread_t m_handle;
-    bool m_hasHandle;   // a native thread exists and has not been joined
-    bool m_running;     // run() has not returned yet
-    int m_nativeId;     // kernel thread id while running, for priorities
+    bool m_hasHandle; // a native thread exists and has not been joined
+    bool m_running;   // run() has not returned yet
+    int m_nativeId;   // kernel thread id while running, for priorities
 };
 
 } // namespace tavo
