@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 
@@ -22,6 +25,7 @@ public:
 
     void run() override
     {
+        nativeId = static_cast<int>(::gettid());
         ++runs;
         started.give();
         stop.take();
@@ -37,6 +41,7 @@ public:
         return true;
     }
 
+    std::atomic<int> nativeId{0};
     std::atomic<int> runs{0};
     std::atomic<int> shutdownRequests{0};
     std::atomic<bool> stubborn{false}; // ignores requests to stop
@@ -70,7 +75,20 @@ TEST(ThreadTest, AFinishedThreadRunsAgainWithThePriorityItIsGiven)
     EXPECT_EQ(thread.getPriority(), tavo::PRIORITY_LOW);
     EXPECT_TRUE(thread.setPriority(tavo::PRIORITY_LOWEST)); // lowering needs no privilege
     ASSERT_TRUE(thread.shutdown(-1));
-    EXPECT_EQ(thread.runs.load(), 2);
+    // Set while the thread may still be starting: it still takes effect.
+    ASSERT_TRUE(thread.start(tavo::PRIORITY_NORMAL));
+    EXPECT_TRUE(thread.setPriority(tavo::PRIORITY_LOW));
+    ASSERT_EQ(thread.started.take(5000), tavo::TAKE_OK);
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+            return ::getpriority(PRIO_PROCESS, static_cast<id_t>(thread.nativeId.load())) ==
+                   thread.mapPriority(tavo::PRIORITY_LOW);
+        },
+        5s))
+        << "nice " << ::getpriority(PRIO_PROCESS, static_cast<id_t>(thread.nativeId.load()));
+    ASSERT_TRUE(thread.shutdown(-1));
+    EXPECT_EQ(thread.runs.load(), 3);
     for (int p = tavo::PRIORITY_LOWEST; p <= tavo::PRIORITY_HIGHEST; ++p)
     {
         const auto priority = static_cast<tavo::EPriority>(p);

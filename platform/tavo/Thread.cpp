@@ -135,7 +135,13 @@ void Thread::joinFinished()
 bool Thread::setPriority(EPriority priority)
 {
     m_priority = priority;
-    return isRunning() ? applyPriority() : true;
+    std::lock_guard<std::mutex> state(m_stateMutex);
+    if (!m_running || m_nativeId == 0)
+    {
+        // Not running, or still starting: the thread applies it at its start.
+        return true;
+    }
+    return ::setpriority(PRIO_PROCESS, static_cast<id_t>(m_nativeId), mapPriority(priority)) == 0;
 }
 
 bool Thread::applyPriority()
