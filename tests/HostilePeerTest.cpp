@@ -281,14 +281,19 @@ protected:
         m_relay.reset();
     }
 
-    // The line a strict side writes for a datagram of the stranger: the
-    // client under its own port, the server's transport under its peer's,
-    // which is the relay's.
-    std::string strangerLine(const RawUdp& stranger, bool atServer)
+    // The line a strict transport logged under `port` writes for a datagram
+    // of the stranger.
+    static std::string notThePeer(uint16 port, const RawUdp& stranger)
     {
-        const uint16 port = atServer ? serverPort(true) : m_good->getLocalPort();
         return eudpLine(port, "ignoring a datagram from 127.0.0.1:" +
                                   std::to_string(stranger.port()) + " (not the peer)");
+    }
+
+    // The same at the good client (under its own port) or at the server's
+    // transport (under its peer's, which is the relay's).
+    std::string strangerLine(const RawUdp& stranger, bool atServer)
+    {
+        return notThePeer(atServer ? serverPort(true) : m_good->getLocalPort(), stranger);
     }
 
     std::unique_ptr<ImpairmentRelay> m_relay;
@@ -360,9 +365,7 @@ TEST_P(SpoofedDatagrams, AnAckFromAnotherPortDropsQueuedReliableDataUnlessThePee
 
     // The server does not hear the client for a while: the messages wait in
     // the client's send ring for their acknowledgement.
-    Impairment blackhole;
-    blackhole.blackhole = true;
-    m_relay->setImpairment(RelayDirection::ClientToServer, blackhole);
+    m_relay->setImpairment(RelayDirection::ClientToServer, Impairment{.blackhole = true});
     constexpr int queued = 20;
     for (uint8 i = 0; i < queued; ++i)
     {
@@ -378,12 +381,8 @@ TEST_P(SpoofedDatagrams, AnAckFromAnotherPortDropsQueuedReliableDataUnlessThePee
     // The receiver handles datagrams in order: once it has dealt with this
     // one, it has dealt with the acknowledgement.
     stranger.send(client.getLocalPort(), Bytes{0});
-    const std::string after =
-        strict()
-            ? eudpLine(client.getLocalPort(),
-                       "ignoring a datagram from 127.0.0.1:" + std::to_string(stranger.port()) +
-                           " (not the peer)")
-            : eudpLine(client.getLocalPort(), "dropping invalid packet");
+    const std::string after = strict() ? notThePeer(client.getLocalPort(), stranger)
+                                       : eudpLine(client.getLocalPort(), "dropping invalid packet");
     ASSERT_TRUE(log().waitFor(after, 10s, strict() ? 2 : 1));
     if (!strict())
     {
