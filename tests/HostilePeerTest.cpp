@@ -515,9 +515,9 @@ TEST_F(HostileTcpPeer, GarbageIsDroppedMessageByMessageUntilALengthIsTooLong)
     ASSERT_TRUE(seen(m_serverEvents, Event{"subscribe", "y", ""}, 30s));
     EXPECT_GT(log().count("WEFT: discarding invalid packet"), WEFT_MAX_PACKET_SIZE / 2);
     EXPECT_EQ(m_connector->reaped(), 0);
-    // One byte more than the buffer holds ends that connection, and only that.
-    constexpr unsigned int tooLong = WEFT_MAX_PACKET_SIZE + 1;
-    send({static_cast<uint8>(tooLong), static_cast<uint8>(tooLong >> 8)});
+    // The largest length a prefix can carry, and then nothing: far more than
+    // the buffer holds, so it ends that connection at once, and only that.
+    send({0xFF, 0xFF});
     EXPECT_TRUE(m_connector->waitForReaped(1, 10s));
     EXPECT_EQ(countOf(m_serverEvents, Event{"status", "server1", "disconnected"}), 1);
     ASSERT_NO_FATAL_FAILURE(exchange("after"));
