@@ -38,11 +38,6 @@ void EUDPTimeouts::setStandard(const EUDPTimeouts& timeouts)
     g_standard = timeouts;
 }
 
-void EUDPTimeouts::resetStandard()
-{
-    setStandard(EUDPTimeouts());
-}
-
 unsigned int toWaitMs(EUDPTimeouts::Duration duration)
 {
     if (duration <= EUDPTimeouts::Duration::zero())

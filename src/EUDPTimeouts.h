@@ -35,21 +35,23 @@ struct EUDPTimeouts
     // What new transports take; the values above unless a test set others.
     static EUDPTimeouts standard();
     static void setStandard(const EUDPTimeouts& timeouts);
-    // Back to the values above.
-    static void resetStandard();
 };
 
-// Sets the standard time-outs for the lifetime of a scope (tests).
+// Sets the standard time-outs for the lifetime of a scope (tests), and puts
+// back the ones before.
 class ScopedEUDPTimeouts
 {
 public:
-    explicit ScopedEUDPTimeouts(const EUDPTimeouts& timeouts)
+    explicit ScopedEUDPTimeouts(const EUDPTimeouts& timeouts) : m_before(EUDPTimeouts::standard())
     {
         EUDPTimeouts::setStandard(timeouts);
     }
-    ~ScopedEUDPTimeouts() { EUDPTimeouts::resetStandard(); }
+    ~ScopedEUDPTimeouts() { EUDPTimeouts::setStandard(m_before); }
     ScopedEUDPTimeouts(const ScopedEUDPTimeouts&) = delete;
     ScopedEUDPTimeouts& operator=(const ScopedEUDPTimeouts&) = delete;
+
+private:
+    EUDPTimeouts m_before;
 };
 
 // Milliseconds for a semaphore wait, never 0 for a positive duration.
