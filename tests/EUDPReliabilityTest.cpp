@@ -1,7 +1,7 @@
 // EUDP through a relay that loses, duplicates, reorders and silences traffic.
 
+#include "ImpairmentRelay.h"
 #include "support/EUDPTransportTestPeer.h"
-#include "support/ImpairmentRelay.h"
 #include "support/Waiting.h"
 #include "support/WeftFixture.h"
 
