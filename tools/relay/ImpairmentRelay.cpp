@@ -83,6 +83,7 @@ ImpairmentRelay::ImpairmentRelay(RelayOptions options) : m_options(std::move(opt
     {
         std::seed_seq sequence{m_options.seed, direction};
         m_generator[direction].seed(sequence);
+        m_impairment[direction] = m_options.impairment;
     }
     if (open())
     {

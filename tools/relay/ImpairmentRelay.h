@@ -105,6 +105,8 @@ struct RelayOptions
     RelayEndpoint listen{0x7F000001, 0};
     RelayEndpoint target{0x7F000001, 0};
     uint32_t seed = 0;
+    // In force from the first datagram, both ways; setImpairment changes it.
+    Impairment impairment;
     // 0: sessions are kept until the relay stops.
     std::chrono::milliseconds idleTimeout{0};
     // Called on the relay's thread for every session and datagram; it must
