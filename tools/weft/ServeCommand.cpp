@@ -357,8 +357,8 @@ bool runCommand(Server& server, Printer& printer, const std::string& line)
 CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
 {
     CLI::App* serve = app.add_subcommand(
-        "serve", "Run a server that prints every connection and request, keeps the last value "
-                 "of each item and pushes values typed on stdin.");
+        "serve", "Run a server that prints every connection, subscription and call, keeps the "
+                 "last value of each item and pushes values typed on stdin.");
     addChoice<ETransport>(*serve, "-t,--transport", options.transport,
                           {{"tcp", TRANSPORT_TCP}, {"eudp", TRANSPORT_EUDP}}, "transport")
         ->default_str("tcp");
