@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Process tests of the weft tool: real `weft serve` and `weft connect`
-processes talking over loopback, and `weft demo`.
+"""Process tests of the weft tool: real `weft serve`, `weft connect` and
+`weft relay` processes talking over loopback, and `weft demo`.
 
 Run: test_weft_tool.py --weft PATH/TO/weft [unittest arguments]
 Every wait is on an output line or an exit, with a time limit."""

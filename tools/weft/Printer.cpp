@@ -12,10 +12,11 @@ namespace weftcli
 namespace
 {
 
+// Never destroyed: library threads may still print while the process exits.
 std::timed_mutex& outputMutex()
 {
-    static std::timed_mutex mutex;
-    return mutex;
+    static std::timed_mutex* mutex = new std::timed_mutex();
+    return *mutex;
 }
 
 // "15:26:18.123456 ", local time.

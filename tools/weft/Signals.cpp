@@ -40,10 +40,11 @@ struct BusyState
     Wakeup::Deadline deadline;
 };
 
+// Never destroyed: the watchdog may still run while the process exits.
 BusyState& busyState()
 {
-    static BusyState state;
-    return state;
+    static BusyState* state = new BusyState();
+    return *state;
 }
 
 int forcedCode(int signal)
