@@ -235,6 +235,7 @@ TEST(ImpairmentRelayTest, DelayKeepsOrderAndAHeldDatagramLeavesAloneAfterItsHold
     Path path(4);
     path.relay.setImpairment(C2S, Impairment{.delay = 3ms});
     path.pump(0, 50);
+    path.settle(); // so that the held one cannot overtake them
     path.relay.setImpairment(C2S, Impairment{.reorderRate = 1.0, .reorderHold = 1ms});
     path.pump(50, 1);
     path.settle();
