@@ -250,7 +250,7 @@ private:
         }
         m_printer.event(text, json);
         BusyScope busy(std::string(COMMAND) + ": --timeout passed while sending " + text,
-                       EXIT_TIMEOUT);
+                       EXIT_TIMEOUT, false);
         return sendRequest() || failed("could not send " + text + ": the connection is down");
     }
 
@@ -419,7 +419,8 @@ The client ends at the end of stdin, unless --count or --timeout says what to
 wait for. Exit status: 0 done, 1 the connection failed or dropped, or a
 request was refused or not understood, 2 bad arguments (a request too large
 on the command line too), 3 --timeout passed first, 130 Ctrl-C. SIGTERM ends
-it cleanly with the status it would have had.
+it cleanly with the status it would have had (143 while a connect or a mode
+request still waits).
 
 examples:
   weft connect localhost --subscribe level

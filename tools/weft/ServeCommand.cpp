@@ -447,12 +447,8 @@ int runServe(const ServeOptions& options)
         switch (event.kind)
         {
         case InputEvent::INPUT_LINE:
-        {
-            // Sends to many clients: Ctrl-C must not wait for a slow one.
-            BusyScope busy("", EXIT_FAILED);
             running = runCommand(server, printer, event.text);
             break;
-        }
         case InputEvent::INPUT_WAKE:
             server.release(false);
             running = event.text.find(WAKE_SIGNAL) == std::string::npos;

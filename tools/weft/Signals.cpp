@@ -35,6 +35,7 @@ struct BusyState
 {
     std::mutex mutex;
     bool busy = false;
+    bool atOnce = false;
     std::string onDeadline;
     int deadlineCode = 0;
     Wakeup::Deadline deadline;
@@ -147,19 +148,20 @@ void Wakeup::setDeadline(const Deadline& deadline)
     writeByte(g_watchFd.load(), POKE);
 }
 
-void Wakeup::enterBusy(const std::string& onDeadline, int deadlineCode)
+void Wakeup::enterBusy(const std::string& onDeadline, int deadlineCode, bool atOnce)
 {
     {
         BusyState& state = busyState();
         std::lock_guard<std::mutex> lock(state.mutex);
         state.busy = true;
+        state.atOnce = atOnce;
         state.onDeadline = onDeadline;
         state.deadlineCode = deadlineCode;
     }
     writeByte(g_watchFd.load(), POKE);
     // A signal that came just before: the watchdog may have found the main
     // thread not busy yet.
-    if (g_signal.load() != 0)
+    if (atOnce && g_signal.load() != 0)
     {
         exitNow(forcedCode(g_signal.load()));
     }
@@ -220,7 +222,7 @@ void Wakeup::watch(int fd)
             exitNow(forcedCode(g_signal.load()));
         }
         std::lock_guard<std::mutex> lock(state.mutex);
-        if (state.busy && graceEnd)
+        if (state.busy && state.atOnce && graceEnd)
         {
             exitNow(forcedCode(g_signal.load()));
         }

@@ -8,9 +8,9 @@
 // The library's connect and mode requests block for seconds, and the main
 // thread cannot wait on the pipe meanwhile. So it marks such a call busy,
 // and a watchdog thread ends the process at once when a signal comes during
-// it, or when the call outlasts --timeout. After a signal outside such a
-// call, the main thread has a short grace to shut down in order (an EUDP
-// client says goodbye to its server); a second signal ends it at once.
+// it, or when the call outlasts --timeout. After any other signal the main
+// thread has a short grace to shut down in order (an EUDP client says
+// goodbye to its server); a second signal ends it at once.
 
 #include <chrono>
 #include <optional>
@@ -48,10 +48,12 @@ public:
     // When --timeout ends a busy call.
     void setDeadline(const Deadline& deadline);
 
-    // The main thread is in a call that may block. A signal ends the process
-    // at once with 130 (SIGINT) or 143 (SIGTERM); the deadline ends it with
-    // `onDeadline` on stderr and `deadlineCode`.
-    void enterBusy(const std::string& onDeadline, int deadlineCode);
+    // The main thread is in a call that may block: the deadline ends the
+    // process with `onDeadline` on stderr and `deadlineCode`. With `atOnce`
+    // (a call that blocks for seconds as a rule), so does a signal, with
+    // 130 (SIGINT) or 143 (SIGTERM); otherwise (a send, which may block only
+    // on a stuck peer) a signal leaves the call its grace to end.
+    void enterBusy(const std::string& onDeadline, int deadlineCode, bool atOnce);
     void leaveBusy();
 
 private:
@@ -65,9 +67,9 @@ private:
 class BusyScope
 {
 public:
-    BusyScope(const std::string& onDeadline, int deadlineCode)
+    BusyScope(const std::string& onDeadline, int deadlineCode, bool atOnce = true)
     {
-        Wakeup::instance().enterBusy(onDeadline, deadlineCode);
+        Wakeup::instance().enterBusy(onDeadline, deadlineCode, atOnce);
     }
     ~BusyScope() { Wakeup::instance().leaveBusy(); }
     BusyScope(const BusyScope&) = delete;
