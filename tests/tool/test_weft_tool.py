@@ -412,16 +412,19 @@ class SignalTest(ToolTest):
             self.addCleanup(sock.close)
             sock.bind(("127.0.0.1", 0))
         full.listen(0)
+        fillers = set()
         for _ in range(2):
             filler = socket.socket()
             self.addCleanup(filler.close)
             filler.setblocking(False)
             filler.connect_ex(full.getsockname())
+            fillers.add("%04X" % filler.getsockname()[1])
 
-        def syn_sent(port):
+        def syn_sent(port):  # by the client, not by a filler that is waiting too
             with open("/proc/net/tcp") as table:
-                return any(row.split()[2].endswith(":%04X" % port) and row.split()[3] == "02"
-                           for row in list(table)[1:])
+                rows = [row.split() for row in list(table)[1:]]
+            return any(row[2].endswith(":%04X" % port) and row[3] == "02" and
+                       row[1].split(":")[1] not in fillers for row in rows)
 
         silent.settimeout(WAIT)
         waits = {"eudp": (silent.getsockname()[1], lambda port: silent.recv(64)),
