@@ -4,8 +4,8 @@
 
 #include "EUDPTimeouts.h"
 
+#include "ImpairmentRelay.h"
 #include "support/EUDPTransportTestPeer.h"
-#include "support/ImpairmentRelay.h"
 #include "support/Waiting.h"
 #include "support/WeftFixture.h"
 

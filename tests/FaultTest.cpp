@@ -3,7 +3,7 @@
 // its connections live on, disconnect racing with traffic, and connections
 // destroyed in every state.
 
-#include "support/ImpairmentRelay.h"
+#include "ImpairmentRelay.h"
 #include "support/ProcessFigures.h"
 #include "support/Recorders.h"
 #include "support/WeftFixture.h"

@@ -3,9 +3,9 @@
 // after. The EUDP protections (a half-open limit, strict peers) are off by
 // default; the cases show both settings.
 
+#include "ImpairmentRelay.h"
 #include "support/EUDPTransportTestPeer.h"
 #include "support/EudpWire.h"
-#include "support/ImpairmentRelay.h"
 #include "support/ProcessFigures.h"
 #include "support/RawUdpSocket.h"
 #include "support/ReapingConnector.h"
