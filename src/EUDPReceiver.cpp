@@ -5,8 +5,11 @@
 #include <weft/EUDPTransport.h>
 
 #include "EUDPModes.h"
+#include "EUDPTimeouts.h"
 #include "EUDPReceiveWindow.h"
 #include "EUDPSendWindow.h"
+
+#include <weft/IWEFTNegotiationObserver.h>
 
 #include <tavo/UdpSocket.h>
 
@@ -222,13 +225,33 @@ void EUDPTransport::answerModeRequest(uint arg)
         // Stays in force even when the receive half is refused.
         changeSendMode(answer.send);
     }
-    if (!answer.accepted)
+    if (answer.accepted)
+    {
+        m_receiveMode = answer.receive;
+        sendPacket(EUDP_MAK, answer.answerArg);
+    }
+    else
     {
         log(tavo::LOG_LEVEL_WARNING) << "unknown mode request (ignoring)" << std::endl;
-        return;
     }
-    m_receiveMode = answer.receive;
-    sendPacket(EUDP_MAK, answer.answerArg);
+    IWEFTNegotiationObserver* observer = m_pNegotiationObserver;
+    if (observer != nullptr && isNewRequest(EUDP_MOD, arg))
+    {
+        observer->onModeRequest(modeLetterAt(arg, 0), modeLetterAt(arg, 2), answer.accepted,
+                                m_sendMode, m_receiveMode);
+    }
+}
+
+bool EUDPTransport::isNewRequest(EEUDPCommand command, uint arg)
+{
+    // A requester repeats until answered, within its negotiation time.
+    const auto now = std::chrono::steady_clock::now();
+    const bool repeat = command == m_lastReported && arg == m_lastReportedArg &&
+                        now < m_lastReportedAt + m_pTimeouts->negotiation;
+    m_lastReported = command;
+    m_lastReportedArg = arg;
+    m_lastReportedAt = now;
+    return !repeat;
 }
 
 void EUDPTransport::handleWindowRequest(uint arg)
@@ -237,4 +260,19 @@ void EUDPTransport::handleWindowRequest(uint arg)
     m_windowSize = static_cast<int>(arg);
     m_semSendWork.give();
     sendPacket(EUDP_WAK, arg);
+    IWEFTNegotiationObserver* observer = m_pNegotiationObserver;
+    if (observer == nullptr)
+    {
+        return;
+    }
+    bool isNew = false;
+    {
+        // The report state is shared with mode requests answered on release.
+        std::lock_guard<std::mutex> hold(m_modeHoldMutex);
+        isNew = isNewRequest(EUDP_WIN, arg);
+    }
+    if (isNew)
+    {
+        observer->onWindowRequest(arg);
+    }
 }

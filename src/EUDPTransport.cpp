@@ -133,6 +133,11 @@ void EUDPTransport::setHalfOpenLimit(unsigned int limit)
     m_halfOpenLimit = limit;
 }
 
+void EUDPTransport::setNegotiationObserver(IWEFTNegotiationObserver* observer)
+{
+    m_pNegotiationObserver = observer;
+}
+
 void EUDPTransport::holdModeRequests(bool hold)
 {
     m_holdModeRequests = hold;

@@ -137,6 +137,11 @@ bool holdsNul(const std::string& text)
 
 } // namespace
 
+std::size_t ParameterValue::getBinarySize() const
+{
+    return valueFormSize(m_type, m_sValue);
+}
+
 int ParameterValue::getBinaryValue(char* buffer, int size) const
 {
     if (size <= 0)
@@ -306,6 +311,16 @@ void ParameterList::print(std::ostream& out) const
     {
         out << name << " = " << value.getAsString() << " ";
     }
+}
+
+std::size_t ParameterList::getBinarySize() const
+{
+    std::size_t size = 1;
+    for (const auto& [name, value] : m_params)
+    {
+        size += name.size() + 1 + value.getBinarySize();
+    }
+    return size;
 }
 
 int ParameterList::getBinary(char* buffer, int size) const

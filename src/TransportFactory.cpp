@@ -32,6 +32,15 @@ void TransportFactory::setStrictPeer(IWEFTTransport& transport, bool strict)
     }
 }
 
+void TransportFactory::setNegotiationObserver(IWEFTTransport& transport,
+                                              IWEFTNegotiationObserver* observer)
+{
+    if (EUDPTransport* eudp = dynamic_cast<EUDPTransport*>(&transport))
+    {
+        eudp->setNegotiationObserver(observer);
+    }
+}
+
 void TransportFactory::releaseHeldModeRequests(IWEFTTransport& transport)
 {
     if (EUDPTransport* eudp = dynamic_cast<EUDPTransport*>(&transport))

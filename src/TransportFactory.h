@@ -4,6 +4,8 @@
 #include <weft/Constants.h>
 #include <weft/IWEFTTransport.h>
 
+class IWEFTNegotiationObserver;
+
 // What a transport may be told beyond IWEFTTransport. Only EUDP has these;
 // a TCP stream has its peer fixed by the kernel and no half-open state.
 struct TransportOptions
@@ -26,6 +28,8 @@ public:
     static IWEFTTransport* create(ETransport kind, const TransportOptions& options = {});
     // Switches strict peer on or off for a transport made already.
     static void setStrictPeer(IWEFTTransport& transport, bool strict);
+    static void setNegotiationObserver(IWEFTTransport& transport,
+                                       IWEFTNegotiationObserver* observer);
     // Answers the mode request an accepted transport held, if any, and stops holding.
     static void releaseHeldModeRequests(IWEFTTransport& transport);
 };

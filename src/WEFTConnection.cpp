@@ -26,6 +26,29 @@ void weftDeinit()
     tavo::SingletonDll<tavo::CmdProcessor>::destroyInstance();
 }
 
+namespace
+{
+
+const char* requestName(EWEFTCommand command)
+{
+    switch (command)
+    {
+    case WEFT_CMD_SUBSCRIBE:
+        return "subscribe";
+    case WEFT_CMD_UNSUBSCRIBE:
+        return "unsubscribe";
+    case WEFT_CMD_TRIGGER:
+        return "trigger";
+    case WEFT_CMD_UPDATE_STATE:
+        return "state update";
+    case WEFT_CMD_FID:
+        return "function call";
+    }
+    return "request";
+}
+
+} // namespace
+
 RunThreadC::RunThreadC(WEFTConnection* connection)
     : tavo::Thread("weft-connection"), m_pConnection(connection)
 {
@@ -154,6 +177,11 @@ void WEFTConnection::setStrictPeer(bool strict)
     TransportFactory::setStrictPeer(*m_pTransport, strict);
 }
 
+void WEFTConnection::setNegotiationObserver(IWEFTNegotiationObserver* observer)
+{
+    TransportFactory::setNegotiationObserver(*m_pTransport, observer);
+}
+
 std::string WEFTConnection::getPeerAddress() const
 {
     return m_pTransport != nullptr ? m_pTransport->getPeerAddress().getAddressString()
@@ -170,8 +198,41 @@ unsigned short WEFTConnection::getLocalPort() const
     return m_pTransport != nullptr ? m_pTransport->getLocalPort() : 0;
 }
 
-bool WEFTConnection::send(const WEFTPacket& packet, const char* failure)
+bool WEFTConnection::sendRequest(EWEFTCommand command, const std::string& name,
+                                 const ParameterValue* value, const ParameterList* list,
+                                 const char* failure)
 {
+    // A request that does not fit in one message is refused whole: a call
+    // without the parameter it depends on, or an update without its value,
+    // would do the wrong thing at the other end without anyone noticing.
+    const std::size_t payload = name.size() + 1 + (value != nullptr ? value->getBinarySize() : 0) +
+                                (list != nullptr ? list->getBinarySize() : 0);
+    if (payload > WEFT_MAX_PAYLOAD)
+    {
+        m_pLog->level(tavo::LOG_LEVEL_ERROR)
+            << "WEFT: " << requestName(command) << " not sent: it needs " << payload
+            << " bytes, a message carries at most " << WEFT_MAX_PAYLOAD << " ("
+            << payload - WEFT_MAX_PAYLOAD << " too many)" << std::endl;
+        return false;
+    }
+    WEFTPacket packet(command);
+    bool built = packet.appendString(name);
+    if (built && value != nullptr)
+    {
+        built = packet.appendParamValue(*value);
+    }
+    if (built && list != nullptr)
+    {
+        built = packet.appendParamList(*list);
+    }
+    if (!built)
+    {
+        // It fits, so its form cannot carry it: a NUL byte inside a string,
+        // or more list entries than the count byte holds.
+        m_pLog->level(tavo::LOG_LEVEL_ERROR)
+            << "WEFT: " << requestName(command) << " not sent: it cannot be encoded" << std::endl;
+        return false;
+    }
     if (!m_pTransport->sendData(packet.getBuffer(), packet.getLength()))
     {
         m_pLog->level(tavo::LOG_LEVEL_DEBUG) << failure << std::endl;
@@ -180,44 +241,32 @@ bool WEFTConnection::send(const WEFTPacket& packet, const char* failure)
     return true;
 }
 
-// Items that do not fit are left out (the packet logs it) and the message
-// goes out with what was appended, so the append results are not examined.
 bool WEFTConnection::subscribe(const std::string& name)
 {
-    WEFTPacket packet(WEFT_CMD_SUBSCRIBE);
-    packet.appendString(name);
-    return send(packet, "WEFT: failed to send subscribe cmd");
+    return sendRequest(WEFT_CMD_SUBSCRIBE, name, nullptr, nullptr,
+                       "WEFT: failed to send subscribe cmd");
 }
 
 bool WEFTConnection::unsubscribe(const std::string& name)
 {
-    WEFTPacket packet(WEFT_CMD_UNSUBSCRIBE);
-    packet.appendString(name);
-    return send(packet, "WEFT: failed to send unsubscribe cmd");
+    return sendRequest(WEFT_CMD_UNSUBSCRIBE, name, nullptr, nullptr,
+                       "WEFT: failed to send unsubscribe cmd");
 }
 
 bool WEFTConnection::trigger(const std::string& name, const ParameterValue& value)
 {
-    WEFTPacket packet(WEFT_CMD_TRIGGER);
-    packet.appendString(name);
-    packet.appendParamValue(value);
-    return send(packet, "WEFT: failed to send trigger");
+    return sendRequest(WEFT_CMD_TRIGGER, name, &value, nullptr, "WEFT: failed to send trigger");
 }
 
 bool WEFTConnection::updateState(const std::string& name, const ParameterValue& value)
 {
-    WEFTPacket packet(WEFT_CMD_UPDATE_STATE);
-    packet.appendString(name);
-    packet.appendParamValue(value);
-    return send(packet, "WEFT: failed to send state update");
+    return sendRequest(WEFT_CMD_UPDATE_STATE, name, &value, nullptr,
+                       "WEFT: failed to send state update");
 }
 
 bool WEFTConnection::callFunctionId(const std::string& name, const ParameterList& params)
 {
-    WEFTPacket packet(WEFT_CMD_FID);
-    packet.appendString(name);
-    packet.appendParamList(params);
-    return send(packet, "WEFT: failed to send FID cmd");
+    return sendRequest(WEFT_CMD_FID, name, nullptr, &params, "WEFT: failed to send FID cmd");
 }
 
 void WEFTConnection::run()

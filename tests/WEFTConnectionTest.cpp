@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 
 namespace
@@ -105,14 +106,46 @@ TEST_F(WEFTConnectionTest, RefusedSendsReturnFalseWithTheirLineAtLevelFive)
     }
 }
 
-TEST_F(WEFTConnectionTest, ATriggerWhoseValueNoLongerFitsGoesOutWithItsNameOnly)
+TEST_F(WEFTConnectionTest, ARequestThatFitsGoesWholeAndOneByteMoreIsRefusedWithNothingSent)
 {
-    const std::string name(1487, 'n');
-    EXPECT_TRUE(m_connection->trigger(name, ParameterValue(7)));
-    const auto sent = m_transport->sent();
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].size(), 1492u);
-    EXPECT_EQ(sent[0][1491], 0x00);
+    // Each kind at the largest size a message carries (1488 payload bytes),
+    // then one byte larger: by the name, by a string value, by a parameter.
+    typedef std::function<bool(int extra)> Request;
+    const std::vector<std::pair<std::string, Request>> requests = {
+        {"subscribe", [&](int extra)
+         { return m_connection->subscribe(std::string(1487 + extra, 'n')); }},
+        {"unsubscribe", [&](int extra)
+         { return m_connection->unsubscribe(std::string(1487 + extra, 'n')); }},
+        {"trigger", [&](int extra)
+         { return m_connection->trigger("t", ParameterValue(std::string(1484 + extra, 'v'))); }},
+        {"state update", [&](int extra)
+         {
+             return m_connection->updateState(std::string(1482 + extra, 'n'),
+                                              ParameterValue(5)); // 5 bytes for an integer
+         }},
+        {"function call", [&](int extra)
+         {
+             ParameterList params;
+             params.addString("s", std::string(1480 + extra, 'v'));
+             return m_connection->callFunctionId("f", params);
+         }},
+    };
+    for (const auto& [kind, request] : requests)
+    {
+        const std::size_t before = m_transport->sent().size();
+        ASSERT_TRUE(request(0)) << kind;
+        ASSERT_EQ(m_transport->sent().size(), before + 1) << kind;
+        EXPECT_EQ(m_transport->sent().back().size(), WEFT_MAX_PACKET_SIZE) << kind;
+        EXPECT_FALSE(request(1)) << kind;
+        EXPECT_EQ(m_transport->sent().size(), before + 1) << kind << " went out in part";
+        const std::string line =
+            "WEFT: " + kind + " not sent: it needs 1489 bytes, a message carries at most 1488 "
+                              "(1 too many)";
+        EXPECT_EQ(log().levelOf(line), 2) << line;
+    }
+    // What fits but cannot be encoded is refused the same way.
+    EXPECT_FALSE(m_connection->trigger("t", ParameterValue(std::string("a\0b", 3))));
+    EXPECT_EQ(log().levelOf("WEFT: trigger not sent: it cannot be encoded"), 2);
 }
 
 TEST_F(WEFTConnectionTest, MessagesForAMissingClientOrServerAreLoggedAndTheLoopGoesOn)

@@ -26,6 +26,7 @@ class UdpSocket;
 } // namespace tavo
 
 class EUDPAcceptedPeers;
+class IWEFTNegotiationObserver;
 class EUDPLiveness;
 class EUDPReceiveWindow;
 class EUDPSendWindow;
@@ -77,6 +78,10 @@ public:
     void holdModeRequests(bool hold);
     // Answers the newest held mode request, if any, and stops holding.
     void releaseModeRequests();
+
+    // Tells `observer` (not owned; null for none) of the peer's mode and
+    // window requests, on the receiver thread.
+    void setNegotiationObserver(IWEFTNegotiationObserver* observer);
 
     // Protection against strangers; both are off by default, which leaves
     // every datagram and every CON handled as it arrives.
@@ -165,6 +170,8 @@ private:
     void handleModeRequest(uint arg);
     void answerModeRequest(uint arg);
     void handleWindowRequest(uint arg);
+    // Whether a request is new, not a repeat of the latest one reported.
+    bool isNewRequest(EEUDPCommand command, uint arg);
     // Strict mode: whether a datagram from `source`:`port` comes from someone
     // other than the peer.
     bool isStranger(const tavo::HostAddress& source, uint16 port) const;
@@ -245,4 +252,10 @@ private:
     std::shared_ptr<EUDPAcceptedPeers> m_pAcceptedPeers;
     // Accepted transport: still counted as half-open in m_pAcceptedPeers.
     std::atomic<bool> m_halfOpen{false};
+    std::atomic<IWEFTNegotiationObserver*> m_pNegotiationObserver{nullptr};
+    // The latest request reported, so that its repeats are not; under
+    // m_modeHoldMutex (the receiver and the thread releasing held requests).
+    EEUDPCommand m_lastReported = EUDP_UNKNOWN;
+    uint m_lastReportedArg = 0;
+    std::chrono::steady_clock::time_point m_lastReportedAt;
 };

@@ -33,6 +33,8 @@ public:
     // 0 when it does not fit, or cannot be carried (more than 255 entries, a
     // name or string holding a NUL byte).
     int getBinary(char* buffer, int size) const;
+    // Bytes the binary form takes: the count byte, the names and the values.
+    std::size_t getBinarySize() const;
     // Merges one binary form into the list: the count consumed, or 0 when the
     // bytes are truncated or malformed (entries read before stay).
     int createFromBinary(char* buffer, int size);

@@ -2,6 +2,7 @@
 
 #include <weft/Export.h>
 
+#include <cstddef>
 #include <string>
 
 // Type code of a parameter value: the ASCII code of its tag letter. Any int is
@@ -41,6 +42,8 @@ public:
     // 0 when it does not fit (or a string holds a NUL byte, which the form
     // cannot carry).
     int getBinaryValue(char* buffer, int size) const;
+    // Bytes the binary form takes: its tag and its data.
+    std::size_t getBinarySize() const;
     // Reads one binary form from the first `size` bytes: the count consumed,
     // or 0 when the bytes are truncated or malformed.
     int createFromBinary(char* buffer, int size);

@@ -6,6 +6,7 @@
 #include <weft/IWEFTTransport.h>
 #include <weft/ParameterList.h>
 #include <weft/ParameterValue.h>
+#include <weft/WEFTPacket.h>
 
 #include <tavo/Thread.h>
 
@@ -18,9 +19,9 @@ class LogOutput;
 }
 
 class IWEFTClient;
+class IWEFTNegotiationObserver;
 class IWEFTServer;
 class WEFTConnection;
-class WEFTPacket;
 
 // The thread that runs a connection's receive loop.
 class WEFT_EXPORT RunThreadC : public tavo::Thread
@@ -74,11 +75,18 @@ public:
     // EUDPTransport::setStrictPeer); off by default. A client sets it before
     // connect, so that the answer to its request is checked too.
     void setStrictPeer(bool strict);
+    // Tells `observer` (not owned; null for none) of the peer's mode and
+    // window requests; a server sets it in onConnection, before the first
+    // request is answered.
+    void setNegotiationObserver(IWEFTNegotiationObserver* observer);
     std::string getPeerAddress() const;
     unsigned short getPeerPort() const;
     unsigned short getLocalPort() const;
 
-    // Requests: true when the transport accepted the message.
+    // Requests: true when the transport accepted the message. A request that
+    // does not fit in one message (WEFT_MAX_PAYLOAD bytes for the name and its
+    // value or parameters, as encoded) is refused: false, one log line, and
+    // nothing is sent.
     bool subscribe(const std::string& name);
     bool unsubscribe(const std::string& name);
     bool trigger(const std::string& name, const ParameterValue& value);
@@ -89,7 +97,10 @@ public:
     void run();
 
 private:
-    bool send(const WEFTPacket& packet, const char* failure);
+    // Builds and sends one request; refused whole, with one log line, when it
+    // does not fit in a message.
+    bool sendRequest(EWEFTCommand command, const std::string& name, const ParameterValue* value,
+                     const ParameterList* list, const char* failure);
     void dispatch(const WEFTPacket& packet);
 
     IWEFTTransport* m_pTransport;

@@ -251,6 +251,10 @@ class EudpModeTest(ToolTest):
         self.assertEqual(client.event("mode", direction="send")["mode"], "reliable")
         self.assertEqual(client.event("mode", direction="receive")["mode"], "reliable")
         self.assertEqual(client.event("window")["size"], 20)
+        # The server saw each request and what it granted.
+        self.assertTrue(server.event("mode", send="reliable")["granted"])
+        self.assertEqual(server.event("mode", receive="reliable")["receiving"], "reliable")
+        self.assertEqual(server.event("window")["size"], 20)
         server.event("subscribe", name="level")
         server.send("update level 5")
         self.assertEqual(client.event("update")["value"], 5)
@@ -270,6 +274,9 @@ class EudpModeTest(ToolTest):
         self.assertGreater(time.monotonic() - started, 9.0)
         client.error("did not agree to send mode reliable within 10 s")
         server.error("unknown mode request (ignoring)")
+        refused = server.event("mode", send="reliable")
+        self.assertFalse(refused["granted"])
+        self.assertEqual(refused["sending"], "realtime")
         client.close_stdin()
         self.assertEqual(client.wait(), 1, client.transcript())
 

@@ -11,6 +11,7 @@
 
 #include <weft/Constants.h>
 #include <weft/IWEFTConnector.h>
+#include <weft/IWEFTNegotiationObserver.h>
 #include <weft/IWEFTServer.h>
 #include <weft/WEFTConnection.h>
 #include <weft/WEFTListener.h>
@@ -49,7 +50,7 @@ void allowed(EAllowModes modes, bool& realtime, bool& reliable)
 class Server;
 
 // One accepted connection and what its client subscribed to.
-class Session : public IWEFTServer
+class Session : public IWEFTServer, public IWEFTNegotiationObserver
 {
 public:
     Session(Server& server, int id, WEFTConnection* connection)
@@ -61,6 +62,9 @@ public:
     void onUnsubscribe(const std::string& name) override;
     void onCallFunctionId(const std::string& name, const ParameterList& params) override;
     void onStatus(EConnStatus status) override;
+    void onModeRequest(EConnMode askedSend, EConnMode askedReceive, bool granted, EConnMode send,
+                       EConnMode receive) override;
+    void onWindowRequest(unsigned int size) override;
 
     Server& m_server;
     const int m_id;
@@ -87,6 +91,7 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         auto session = std::make_unique<Session>(*this, ++m_lastId, connection);
         connection->setServer(session.get());
+        connection->setNegotiationObserver(session.get());
         // Before the connection starts, so the client's first request meets
         // the restriction.
         if (m_options.allowSend != ALLOW_BOTH || m_options.allowReceive != ALLOW_BOTH)
@@ -150,6 +155,46 @@ public:
                             .addInt("client", session.m_id)
                             .addString("name", name)
                             .addRaw("params", jsonList(params)));
+    }
+
+    // A client's mode request: what it asked for this side's sending and
+    // receiving, and what is in force now.
+    void modeRequest(Session& session, EConnMode askedSend, EConnMode askedReceive, bool granted,
+                     EConnMode send, EConnMode receive)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::string asked;
+        if (askedSend != CONN_MODE_DONT_CARE)
+        {
+            asked += std::string(" send ") + modeName(askedSend);
+        }
+        if (askedReceive != CONN_MODE_DONT_CARE)
+        {
+            asked += std::string(" receive ") + modeName(askedReceive);
+        }
+        m_printer.event(prefix(session) + "asks" + (asked.empty() ? " the modes" : asked) + ": " +
+                            (granted ? "granted" : "refused") + " (sending " + modeName(send) +
+                            ", receiving " + modeName(receive) + ")",
+                        JsonObject()
+                            .addString("event", "mode")
+                            .addInt("client", session.m_id)
+                            .addString("send", modeName(askedSend))
+                            .addString("receive", modeName(askedReceive))
+                            .addBool("granted", granted)
+                            .addString("sending", modeName(send))
+                            .addString("receiving", modeName(receive)));
+    }
+
+    void windowRequest(Session& session, unsigned int size)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_printer.event(prefix(session) + "sets the window to " + std::to_string(size) +
+                            ": granted",
+                        JsonObject()
+                            .addString("event", "window")
+                            .addInt("client", session.m_id)
+                            .addInt("size", static_cast<int>(size))
+                            .addBool("granted", true));
     }
 
     // CONNECTED comes from the listener's thread (the connection was
@@ -301,6 +346,17 @@ void Session::onStatus(EConnStatus status)
     m_server.status(*this, status);
 }
 
+void Session::onModeRequest(EConnMode askedSend, EConnMode askedReceive, bool granted,
+                            EConnMode send, EConnMode receive)
+{
+    m_server.modeRequest(*this, askedSend, askedReceive, granted, send, receive);
+}
+
+void Session::onWindowRequest(unsigned int size)
+{
+    m_server.windowRequest(*this, size);
+}
+
 // Runs one stdin command; false when it asks to stop.
 bool runCommand(Server& server, Printer& printer, const std::string& line)
 {
@@ -380,10 +436,8 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
 
 The first line says where the server listens: "listening on tcp 0.0.0.0:7420"
 (with --json: {"event":"listening",...}). Then one line per connection,
-subscription, call and disconnection. EUDP mode and window requests are
-answered inside the library, which does not tell the server of them: a
-refused mode request shows only as the library's "unknown mode request" line
-on stderr.
+subscription, call, EUDP mode or window request (granted or refused) and
+disconnection.
 
 Values are typed (i:5 f:0.5 b:on s:text n:) or inferred (42, 0.5, on/off/
 true/false, anything else a string); strings print in double quotes. A
