@@ -54,7 +54,8 @@ void ClientCore::request(const char* what, Request request)
     {
         throw WeftError(std::string("cannot ") + what + ": the client is closed");
     }
-    if (!request(*m_connection))
+    // A TCP socket may still take data after its peer has gone.
+    if (m_ended || !request(*m_connection))
     {
         throw WeftError(std::string("cannot ") + what + ": the connection has ended");
     }
@@ -89,27 +90,29 @@ void ClientCore::negotiate(const char* what, const std::string& refusal, Negotia
             });
     if (!accepted)
     {
-        throw WeftError(refusal + " over " + transportName(m_transport));
+        throw WeftError(m_transport == TRANSPORT_TCP
+                            ? std::string("tcp is reliable in both directions and has no window")
+                            : refusal);
     }
 }
 
 void ClientCore::setSendMode(EConnMode mode)
 {
     negotiate("set the send mode",
-              std::string("the server refused to send in ") + modeName(mode) + " mode",
+              std::string("the server did not agree to send in ") + modeName(mode) + " mode",
               [&](WEFTConnection& c) { return c.setSendMode(mode); });
 }
 
 void ClientCore::setReceiveMode(EConnMode mode)
 {
     negotiate("set the receive mode",
-              std::string("the server refused to receive in ") + modeName(mode) + " mode",
+              std::string("the server did not agree to receive in ") + modeName(mode) + " mode",
               [&](WEFTConnection& c) { return c.setReceiveMode(mode); });
 }
 
 void ClientCore::setWindowSize(unsigned int size)
 {
-    negotiate("set the window", "the server refused a window of " + std::to_string(size),
+    negotiate("set the window", "the server did not agree to a window of " + std::to_string(size),
               [&](WEFTConnection& c) { return c.setWindowSize(size); });
 }
 
@@ -129,21 +132,27 @@ void ClientCore::close()
 
 void ClientCore::finishClose()
 {
-    std::lock_guard<std::mutex> closing(m_closeMutex);
-    if (!m_connection)
+    Callbacks callbacks;
     {
-        return;
+        std::lock_guard<std::mutex> closing(m_closeMutex);
+        if (!m_connection)
+        {
+            return;
+        }
+        // Requests under way fail once the transport is closed; the receive
+        // thread reports DISCONNECTED and ends.
+        m_connection->disconnect();
+        {
+            std::unique_lock<std::shared_mutex> lock(m_connectionMutex);
+            m_connection.reset();
+        }
+        m_events.end();
+        // Moving takes no reference, so it needs no GIL.
+        callbacks = std::move(m_callbacks);
     }
-    // Requests under way fail once the transport is closed; the receive
-    // thread reports DISCONNECTED and ends.
-    m_connection->disconnect();
-    {
-        std::unique_lock<std::shared_mutex> lock(m_connectionMutex);
-        m_connection.reset();
-    }
-    m_events.end();
-    // Breaks the cycles a callback may hold through the client.
-    runtime::withGil(py::handle(), [this] { m_callbacks = Callbacks(); });
+    // Dropped outside the lock: this may release the last reference to the
+    // client's own handle, which closes it again.
+    runtime::withGil(py::handle(), [&callbacks] { callbacks = Callbacks(); });
 }
 
 bool ClientCore::isConnected() const

@@ -241,7 +241,9 @@ on_trigger(name, value), on_update(name, value): a trigger or state update
     sys.unraisablehook (by default printed with its traceback) and the
     connection goes on. Events without a callback wait for Client.events().
 send_mode, receive_mode: EUDP: 'realtime' or 'reliable', asked of the server
-    after connecting (the server sends in send_mode, receives in receive_mode).
+    after connecting (the server sends in send_mode, receives in receive_mode);
+    a server that does not allow the mode leaves the request unanswered, and
+    connect raises after 10 s.
 window: EUDP: how many messages the server may have in flight (1 to 999).
 strict_peer: EUDP: ignore datagrams that do not come from the server.
 
@@ -398,7 +400,8 @@ PYBIND11_MODULE(weft, m)
             },
             py::arg("mode"),
             "Asks the server to send in 'realtime' or 'reliable' mode (EUDP; TCP is reliable). "
-            "Waits for the answer, 10 s at most; raises weft.Error when refused.")
+            "Waits for the answer, 10 s at most; raises weft.Error when it does not come (a server "
+            "that does not allow the mode does not answer).")
         .def(
             "set_receive_mode",
             [](Client& client, const std::string& mode)

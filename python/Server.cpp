@@ -287,27 +287,33 @@ void ServerCore::close()
 
 void ServerCore::finishClose()
 {
-    std::lock_guard<std::mutex> closing(m_closeMutex);
-    if (!m_listener)
+    Callbacks callbacks;
     {
-        return;
+        std::lock_guard<std::mutex> closing(m_closeMutex);
+        if (!m_listener)
+        {
+            return;
+        }
+        // No connection is handed over after this, and every one handed over
+        // has been reported started.
+        m_listener->shutdown(-1);
+        m_listener.reset();
+        std::vector<std::shared_ptr<Peer>> peers;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            peers.swap(m_peers);
+        }
+        for (const std::shared_ptr<Peer>& peer : peers)
+        {
+            peer->release();
+        }
+        m_events.end();
+        // Moving takes no reference, so it needs no GIL.
+        callbacks = std::move(m_callbacks);
     }
-    // No connection is handed over after this, and every one handed over
-    // has been reported started.
-    m_listener->shutdown(-1);
-    m_listener.reset();
-    std::vector<std::shared_ptr<Peer>> peers;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        peers.swap(m_peers);
-    }
-    for (const std::shared_ptr<Peer>& peer : peers)
-    {
-        peer->release();
-    }
-    m_events.end();
-    // Breaks the cycles a callback may hold through the server.
-    runtime::withGil(py::handle(), [this] { m_callbacks = Callbacks(); });
+    // Dropped outside the lock: this may release the last reference to the
+    // server's own handle, which closes it again.
+    runtime::withGil(py::handle(), [&callbacks] { callbacks = Callbacks(); });
 }
 
 } // namespace weftpy
