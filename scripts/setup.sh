@@ -9,6 +9,7 @@ packages=(
     g++-multilib                           # the 32-bit build
     clang libclang-rt-14-dev               # fuzz targets (libFuzzer)
     libcli11-dev                           # the weft tool's argument parser
+    pybind11-dev python3-dev python3-pytest # the Python module and its tests
 )
 
 missing=()

@@ -1,9 +1,15 @@
 """The module against the C++ weft tool: a Python client with `weft serve`,
 a Python server with `weft connect`, on both transports."""
 
+import pathlib
+import subprocess
+import sys
+
 import pytest
 import weft
-from conftest import Tool, expect
+from conftest import WAIT, Tool, expect
+
+CUE_RUNNER = pathlib.Path(__file__).parents[2] / "examples" / "python" / "cue_runner.py"
 
 
 @pytest.fixture
@@ -46,3 +52,15 @@ def test_python_server_with_weft_connect(transport, tool):
         assert connect.event("trigger", name="go")["value"] == 3
         connect.send("quit")
         assert expect(server, "disconnected").connection == call.connection
+
+
+def test_the_cue_runner_example_fires_a_cue_on_go_and_ends_on_stop(tool):
+    serve = tool("serve", "--host", "127.0.0.1", "--port", "0")
+    port = serve.event("listening")["port"]
+    runner = subprocess.Popen([sys.executable, CUE_RUNNER, "127.0.0.1", str(port)],
+                              stdout=subprocess.DEVNULL)
+    serve.event("subscribe", name="level")
+    serve.send("trigger go n:")
+    assert serve.event("call", name="lights")["params"] == {"scene": "preset", "fade": 3.0}
+    serve.send("trigger stop n:")
+    assert runner.wait(WAIT) == 0
