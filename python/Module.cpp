@@ -70,15 +70,21 @@ unsigned short toPort(int port)
     return static_cast<unsigned short>(port);
 }
 
-unsigned int toWindow(int size)
+unsigned int toWindow(py::handle size)
 {
+    if (!PyLong_Check(size.ptr()) || PyBool_Check(size.ptr()))
+    {
+        throw py::type_error("a window must be int");
+    }
+    int overflow = 0;
+    const long long count = PyLong_AsLongLongAndOverflow(size.ptr(), &overflow);
     // One slot of the packet ring stays free.
-    if (size < 1 || size >= static_cast<int>(EUDP_RING_CAPACITY))
+    if (overflow != 0 || count < 1 || count >= static_cast<long long>(EUDP_RING_CAPACITY))
     {
         throw py::value_error("a window is 1 to " + std::to_string(EUDP_RING_CAPACITY - 1) +
-                              " messages, not " + std::to_string(size));
+                              " messages, not " + py::repr(size).cast<std::string>());
     }
-    return static_cast<unsigned int>(size);
+    return static_cast<unsigned int>(count);
 }
 
 py::object toCallback(py::object callback, const char* name)
@@ -148,15 +154,15 @@ std::unique_ptr<Client> connect(const std::string& host, int port, const std::st
     Negotiation windowSize;
     if (!sendMode.is_none())
     {
-        send = Negotiation{true, parseMode(sendMode.cast<std::string>()), 0};
+        send = Negotiation{true, parseMode(toText(sendMode, "send_mode")), 0};
     }
     if (!receiveMode.is_none())
     {
-        receive = Negotiation{true, parseMode(receiveMode.cast<std::string>()), 0};
+        receive = Negotiation{true, parseMode(toText(receiveMode, "receive_mode")), 0};
     }
     if (!window.is_none())
     {
-        windowSize = Negotiation{true, CONN_MODE_DONT_CARE, toWindow(window.cast<int>())};
+        windowSize = Negotiation{true, CONN_MODE_DONT_CARE, toWindow(window)};
     }
     auto core = std::make_shared<ClientCore>(
         kind, ClientCore::Callbacks{toCallback(onTrigger, "on_trigger"),
@@ -413,7 +419,7 @@ PYBIND11_MODULE(weft, m)
             py::arg("mode"), "Asks the server to receive in 'realtime' or 'reliable' mode.")
         .def(
             "set_window",
-            [](Client& client, int size)
+            [](Client& client, py::handle size)
             {
                 const unsigned int window = toWindow(size);
                 py::gil_scoped_release release;

@@ -31,37 +31,42 @@ def test_an_exception_in_a_callback_is_reported_and_the_connection_goes_on(trans
     assert [(type(r.exc_value), r.object) for r in reported] == [(RuntimeError, react)] * 2
 
 
-# What a callback closes: the client it runs for, the server's connection it
-# runs for, or the whole server. Each closing finishes after the callback.
+# Which callback closes what: the client it runs for, the server's
+# connection it runs for, or the whole server. Each closing finishes after
+# the callback has returned.
 CLOSERS = {
-    "client in on_trigger": lambda server, client, conn: client.close(),
-    "connection in on_call": lambda server, client, conn: conn.close(),
-    "server in on_call": lambda server, client, conn: server.close(),
+    "client in on_trigger": ("on_trigger", lambda server, client, conn: client.close()),
+    "connection in on_call": ("on_call", lambda server, client, conn: conn.close()),
+    "server in on_call": ("on_call", lambda server, client, conn: server.close()),
+    "connection in on_connect": ("on_connect", lambda server, client, conn: conn.close()),
 }
 
 
-@pytest.mark.parametrize("closer", CLOSERS.values(), ids=CLOSERS.keys())
-def test_closing_from_inside_a_callback(transport, closer):
-    done = threading.Event()
+@pytest.mark.parametrize("where, closer", CLOSERS.values(), ids=CLOSERS.keys())
+def test_closing_from_inside_a_callback(transport, where, closer):
+    ended = threading.Event()
     endpoints = {}
 
     def close(*args):
         conn = args[0] if isinstance(args[0], weft.Connection) else None
-        closer(endpoints["server"], endpoints["client"], conn)
+        closer(endpoints["server"], endpoints.get("client"), conn)
 
     def on_status(status):
         if status == "disconnected":
-            done.set()
+            ended.set()
 
-    with weft.listen("127.0.0.1", 0, transport=transport, on_call=close) as server:
-        client = connect(transport, server, on_trigger=close, on_status=on_status)
-        endpoints.update(server=server, client=client)
-        expect(server, "connected")
-        if closer is CLOSERS["client in on_trigger"]:
+    on_server = {where: close} if where != "on_trigger" else {}
+    on_client = {where: close} if where == "on_trigger" else {}
+    with weft.listen("127.0.0.1", 0, transport=transport, **on_server) as server:
+        endpoints["server"] = server
+        client = connect(transport, server, on_status=on_status, **on_client)
+        endpoints["client"] = client
+        if where == "on_trigger":
+            expect(server, "connected")
             server.trigger("close", broadcast=True)
-        else:
+        elif where == "on_call":
             client.call("close")
-        assert done.wait(WAIT)
+        assert ended.wait(WAIT)
         assert not client.connected
         with pytest.raises(weft.Error):
             client.call("after")
