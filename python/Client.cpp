@@ -169,27 +169,43 @@ void ClientCore::waitUntilConnected()
 
 void ClientCore::onTrigger(const std::string& name, const ParameterValue& value)
 {
-    waitUntilConnected();
-    deliver(EventRecord{EVENT_TRIGGER, name, value, {}, nullptr}, m_callbacks.onTrigger, m_events);
+    runtime::shielded(
+        [&]
+        {
+            waitUntilConnected();
+            deliver(EventRecord{EVENT_TRIGGER, name, value, {}, nullptr}, m_callbacks.onTrigger,
+                    m_events);
+        });
 }
 
 void ClientCore::onUpdateState(const std::string& name, const ParameterValue& value)
 {
-    waitUntilConnected();
-    deliver(EventRecord{EVENT_UPDATE, name, value, {}, nullptr}, m_callbacks.onUpdate, m_events);
+    runtime::shielded(
+        [&]
+        {
+            waitUntilConnected();
+            deliver(EventRecord{EVENT_UPDATE, name, value, {}, nullptr}, m_callbacks.onUpdate,
+                    m_events);
+        });
 }
 
 void ClientCore::onStatus(EConnStatus status)
 {
-    if (status == CONN_STATUS_CONNECTED)
-    {
-        deliver(EventRecord{EVENT_CONNECTED, {}, {}, {}, nullptr}, m_callbacks.onStatus, m_events);
-        return;
-    }
-    waitUntilConnected();
-    m_ended = true;
-    deliver(EventRecord{EVENT_DISCONNECTED, {}, {}, {}, nullptr}, m_callbacks.onStatus, m_events);
-    m_events.end();
+    runtime::shielded(
+        [&]
+        {
+            if (status == CONN_STATUS_CONNECTED)
+            {
+                deliver(EventRecord{EVENT_CONNECTED, {}, {}, {}, nullptr}, m_callbacks.onStatus,
+                        m_events);
+                return;
+            }
+            waitUntilConnected();
+            m_ended = true;
+            deliver(EventRecord{EVENT_DISCONNECTED, {}, {}, {}, nullptr}, m_callbacks.onStatus,
+                    m_events);
+            m_events.end();
+        });
 }
 
 } // namespace weftpy

@@ -2,6 +2,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -60,6 +61,26 @@ public:
     CallbackScope(const CallbackScope&) = delete;
     CallbackScope& operator=(const CallbackScope&) = delete;
 };
+
+// Runs `work` on a thread of the library, which must never see an exception:
+// one (only running out of memory can throw there) is reported on stderr and
+// the event it was about is dropped.
+template <class Work>
+void shielded(Work&& work) noexcept
+{
+    try
+    {
+        work();
+    }
+    catch (const std::exception& error)
+    {
+        std::fprintf(stderr, "weft: an event was dropped: %s\n", error.what());
+    }
+    catch (...)
+    {
+        std::fprintf(stderr, "weft: an event was dropped\n");
+    }
+}
 
 // Runs `work` with the GIL on a thread of the library. A Python exception goes
 // to sys.unraisablehook (by default printed with its traceback, naming

@@ -110,25 +110,33 @@ std::set<std::string> Peer::getSubscriptions() const
 
 void Peer::onSubscribe(const std::string& name)
 {
-    {
-        std::lock_guard<std::mutex> lock(m_stateMutex);
-        m_subscriptions.insert(name);
-    }
-    m_server.subscribed(*this, name);
+    runtime::shielded(
+        [&]
+        {
+            {
+                std::lock_guard<std::mutex> lock(m_stateMutex);
+                m_subscriptions.insert(name);
+            }
+            m_server.subscribed(*this, name);
+        });
 }
 
 void Peer::onUnsubscribe(const std::string& name)
 {
-    {
-        std::lock_guard<std::mutex> lock(m_stateMutex);
-        m_subscriptions.erase(name);
-    }
-    m_server.unsubscribed(*this, name);
+    runtime::shielded(
+        [&]
+        {
+            {
+                std::lock_guard<std::mutex> lock(m_stateMutex);
+                m_subscriptions.erase(name);
+            }
+            m_server.unsubscribed(*this, name);
+        });
 }
 
 void Peer::onCallFunctionId(const std::string& name, const ParameterList& params)
 {
-    m_server.called(*this, name, params);
+    runtime::shielded([&] { m_server.called(*this, name, params); });
 }
 
 // CONNECTED comes from the listener's thread after the receive thread has
@@ -136,24 +144,28 @@ void Peer::onCallFunctionId(const std::string& name, const ParameterList& params
 // client leaves at once. The connection is released once both are in.
 void Peer::onStatus(EConnStatus status)
 {
-    bool releaseDue = false;
-    {
-        std::lock_guard<std::mutex> lock(m_stateMutex);
-        (status == CONN_STATUS_CONNECTED ? m_started : m_ended) = true;
-        if (m_started && (m_ended || m_closeRequested) && !m_releaseScheduled)
+    runtime::shielded(
+        [&]
         {
-            m_releaseScheduled = true;
-            releaseDue = true;
-        }
-    }
-    if (status == CONN_STATUS_DISCONNECTED)
-    {
-        m_server.ended(*this);
-    }
-    if (releaseDue)
-    {
-        runtime::defer([self = shared_from_this()] { self->release(); });
-    }
+            bool releaseDue = false;
+            {
+                std::lock_guard<std::mutex> lock(m_stateMutex);
+                (status == CONN_STATUS_CONNECTED ? m_started : m_ended) = true;
+                if (m_started && (m_ended || m_closeRequested) && !m_releaseScheduled)
+                {
+                    m_releaseScheduled = true;
+                    releaseDue = true;
+                }
+            }
+            if (status == CONN_STATUS_DISCONNECTED)
+            {
+                m_server.ended(*this);
+            }
+            if (releaseDue)
+            {
+                runtime::defer([self = shared_from_this()] { self->release(); });
+            }
+        });
 }
 
 ServerCore::ServerCore(ETransport transport, Callbacks callbacks, Modes send, Modes receive)
@@ -180,19 +192,25 @@ void ServerCore::listen(const std::string& host, unsigned short port)
 
 void ServerCore::onConnection(WEFTConnection* connection)
 {
-    // Before the connection starts, so that the client's first request meets
-    // the restriction.
-    connection->allowSendMode(m_send.realtime, m_send.reliable);
-    connection->allowReceiveMode(m_receive.realtime, m_receive.reliable);
-    std::shared_ptr<Peer> peer = std::make_shared<Peer>(*this, connection);
-    connection->setServer(peer.get());
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        // A peer stays until released: its receive thread uses this server.
-        std::erase_if(m_peers, [](const std::shared_ptr<Peer>& p) { return p->isReleased(); });
-        m_peers.push_back(peer);
-    }
-    deliver(EventRecord{EVENT_CONNECTED, {}, {}, {}, peer}, m_callbacks.onConnect, m_events);
+    runtime::shielded(
+        [&]
+        {
+            // Before the connection starts, so that the client's first request meets
+            // the restriction.
+            connection->allowSendMode(m_send.realtime, m_send.reliable);
+            connection->allowReceiveMode(m_receive.realtime, m_receive.reliable);
+            std::shared_ptr<Peer> peer = std::make_shared<Peer>(*this, connection);
+            connection->setServer(peer.get());
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                // A peer stays until released: its receive thread uses this server.
+                std::erase_if(m_peers,
+                              [](const std::shared_ptr<Peer>& p) { return p->isReleased(); });
+                m_peers.push_back(peer);
+            }
+            deliver(EventRecord{EVENT_CONNECTED, {}, {}, {}, peer}, m_callbacks.onConnect,
+                    m_events);
+        });
 }
 
 void ServerCore::subscribed(Peer& peer, const std::string& name)
