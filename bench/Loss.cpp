@@ -1,7 +1,7 @@
 #include "Bench.h"
 #include "WeftPair.h"
 
-#include "support/ImpairmentRelay.h"
+#include "ImpairmentRelay.h"
 
 namespace bench
 {

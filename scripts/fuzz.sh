@@ -10,7 +10,7 @@
 #   WEFT_FUZZ_BUILD_DIR  build directory (default build/fuzz)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-bash "$root/scripts/setup.sh"
+bash "$root/scripts/setup.sh" test
 
 seconds=${WEFT_FUZZ_SECONDS:-30}
 jobs=${WEFT_FUZZ_JOBS:-2}

@@ -1,16 +1,27 @@
 #!/usr/bin/env bash
-# Installs what a fresh Debian machine lacks to build and test weft.
-# Safe to run again: it installs only packages that are missing.
+# Installs the Debian packages a fresh machine lacks, and nothing it has.
+#   scripts/setup.sh        what the library and the weft tool need to build
+#   scripts/setup.sh test   that, and what the test suite and fuzzing need;
+#                           tshark (the dissector's tests) and ENet (the
+#                           benchmark's baseline) come from the scripts beside
+#                           those parts, which this one runs
 set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
 
 packages=(
-    cmake ninja-build g++ make pkg-config python3
-    googletest libgtest-dev libgmock-dev   # test framework sources and headers
-    g++-multilib                           # the 32-bit build
-    clang libclang-rt-14-dev               # fuzz targets (libFuzzer)
+    cmake ninja-build g++ pkg-config
     libcli11-dev                           # the weft tool's argument parser
     pybind11-dev python3-dev python3-pytest # the Python module and its tests
 )
+if [ "${1:-}" = test ]; then
+    packages+=(
+        python3                            # the tool, package and dissector tests
+        googletest libgtest-dev libgmock-dev   # test framework sources and headers
+        g++-multilib                       # the 32-bit build
+        clang libclang-rt-14-dev           # fuzz targets (libFuzzer)
+        dpkg-dev                           # the packages' library dependencies (dpkg-shlibdeps)
+    )
+fi
 
 missing=()
 for package in "${packages[@]}"; do
@@ -31,9 +42,7 @@ if [ ${#missing[@]} -gt 0 ]; then
         "${missing[@]}" >/dev/null
 fi
 
-# Optional parts bring their own setup.
-for extra in "$(dirname "$0")"/../tools/wireshark/setup.sh "$(dirname "$0")"/../bench/setup.sh; do
-    if [ -f "$extra" ]; then
-        bash "$extra"
-    fi
-done
+if [ "${1:-}" = test ]; then
+    bash "$root/tools/wireshark/setup.sh"
+    bash "$root/bench/setup.sh"
+fi

@@ -4,7 +4,7 @@
 #   scripts/test.sh [configuration ...]   (default: normal asan tsan m32)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-bash "$root/scripts/setup.sh"
+bash "$root/scripts/setup.sh" test
 
 configs=("$@")
 if [ ${#configs[@]} -eq 0 ]; then

@@ -1,6 +1,7 @@
 #include <weft/EUDPPacket.h>
 
 #include "ByteOrder.h"
+#include "WeftLog.h"
 
 #include <tavo/Assert.h>
 #include <tavo/LogManager.h>
@@ -17,11 +18,6 @@ constexpr unsigned int COMMAND_OFFSET = 1;
 constexpr unsigned int COMMAND_LETTERS = 3;
 constexpr unsigned int ARG_OFFSET = 4;
 constexpr unsigned int ARG_BYTES = 4;
-
-std::ostream& packetLog(int level)
-{
-    return tavo::LogManager::getInstance()->getLogOutput("WEFT")->level(level);
-}
 
 } // namespace
 
@@ -76,7 +72,7 @@ void EUDPPacket::setData(const uint8* data, uint length)
 {
     if (length > EUDP_MAX_PAYLOAD)
     {
-        packetLog(tavo::LOG_LEVEL_ERROR)
+        weftLog(tavo::LOG_LEVEL_ERROR)
             << "WEFT/EUDP: packet length (" << length << ") exceeds max length ("
             << EUDP_MAX_PAYLOAD << ")" << std::endl;
         return;
@@ -98,19 +94,19 @@ bool EUDPPacket::validatePacket(uint length) const
     // With no byte received there is no version to read either.
     if (length < 1 || m_buffer[VERSION_OFFSET] != EUDP_VERSION)
     {
-        packetLog(tavo::LOG_LEVEL_WARNING)
+        weftLog(tavo::LOG_LEVEL_WARNING)
             << "WEFT/EUDP: packet validation failed: wrong version" << std::endl;
         return false;
     }
     if (length < EUDP_HEADER_SIZE)
     {
-        packetLog(tavo::LOG_LEVEL_WARNING)
+        weftLog(tavo::LOG_LEVEL_WARNING)
             << "WEFT/EUDP: packet validation failed: header too short" << std::endl;
         return false;
     }
     if (getCommand() == EUDP_UNKNOWN)
     {
-        packetLog(tavo::LOG_LEVEL_WARNING)
+        weftLog(tavo::LOG_LEVEL_WARNING)
             << "WEFT/EUDP: packet validation failed: unknown command" << std::endl;
         return false;
     }

@@ -1,5 +1,7 @@
 #include <weft/TCPTransport.h>
 
+#include "ByteOrder.h"
+
 #include <weft/Constants.h>
 
 #include <tavo/Assert.h>
@@ -100,8 +102,8 @@ bool TCPTransport::sendData(const uint8* data, uint length)
     {
         return false;
     }
-    const uint8 prefix[TCP_LENGTH_PREFIX_SIZE] = {static_cast<uint8>(length & 0xFF),
-                                                  static_cast<uint8>((length >> 8) & 0xFF)};
+    uint8 prefix[TCP_LENGTH_PREFIX_SIZE];
+    byteorder::writeLE16(prefix, static_cast<std::uint16_t>(length));
     const int total = static_cast<int>(TCP_LENGTH_PREFIX_SIZE + length);
     // Prefix and body leave in one write, so a message is never split between
     // two system calls and concurrent senders cannot interleave their bytes.
@@ -141,7 +143,7 @@ int TCPTransport::receiveData(uint8* buffer, uint size)
         {
             return prefixResult;
         }
-        const uint length = static_cast<uint>(prefix[0]) | (static_cast<uint>(prefix[1]) << 8);
+        const uint length = byteorder::readLE16(prefix);
         if (length > size)
         {
             return -1;

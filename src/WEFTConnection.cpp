@@ -1,9 +1,10 @@
 #include <weft/WEFTConnection.h>
 
-#include <weft/EUDPTransport.h>
+#include "TransportFactory.h"
+#include "WeftLog.h"
+
 #include <weft/IWEFTClient.h>
 #include <weft/IWEFTServer.h>
-#include <weft/TCPTransport.h>
 #include <weft/WEFTPacket.h>
 
 #include <tavo/Assert.h>
@@ -25,29 +26,6 @@ void weftDeinit()
     tavo::SingletonDll<tavo::CmdProcessor>::destroyInstance();
 }
 
-namespace
-{
-
-IWEFTTransport* createTransport(ETransport transport)
-{
-    switch (transport)
-    {
-    case TRANSPORT_EUDP:
-        return new EUDPTransport();
-    case TRANSPORT_TCP:
-        return new TCPTransport();
-    }
-    TAVO_ASSERT(false);
-    return nullptr;
-}
-
-tavo::LogOutput* weftLog()
-{
-    return tavo::LogManager::getInstance()->getLogOutput("WEFT");
-}
-
-} // namespace
-
 RunThreadC::RunThreadC(WEFTConnection* connection)
     : tavo::Thread("weft-connection"), m_pConnection(connection)
 {
@@ -61,14 +39,13 @@ void RunThreadC::run()
 }
 
 WEFTConnection::WEFTConnection(ETransport transport)
-    : m_pTransport(nullptr), m_pClient(nullptr), m_pServer(nullptr), m_pLog(weftLog()),
-      m_pThread(nullptr)
+    : m_pTransport(TransportFactory::create(transport)), m_pClient(nullptr), m_pServer(nullptr),
+      m_pLog(weftLogOutput()), m_pThread(nullptr)
 {
-    m_pTransport = createTransport(transport);
 }
 
 WEFTConnection::WEFTConnection(IWEFTTransport* transport)
-    : m_pTransport(transport), m_pClient(nullptr), m_pServer(nullptr), m_pLog(weftLog()),
+    : m_pTransport(transport), m_pClient(nullptr), m_pServer(nullptr), m_pLog(weftLogOutput()),
       m_pThread(nullptr)
 {
 }
@@ -116,10 +93,7 @@ bool WEFTConnection::start()
     }
     // An accepted EUDP connection held its client's mode requests until the
     // application had its say in onConnection; that is over now.
-    if (EUDPTransport* eudp = dynamic_cast<EUDPTransport*>(m_pTransport))
-    {
-        eudp->releaseModeRequests();
-    }
+    TransportFactory::releaseHeldModeRequests(*m_pTransport);
     return m_pThread->start();
 }
 
@@ -177,11 +151,7 @@ void WEFTConnection::allowReceiveMode(bool realtime, bool reliable)
 
 void WEFTConnection::setStrictPeer(bool strict)
 {
-    // A TCP stream has its peer fixed by the kernel already.
-    if (EUDPTransport* eudp = dynamic_cast<EUDPTransport*>(m_pTransport))
-    {
-        eudp->setStrictPeer(strict);
-    }
+    TransportFactory::setStrictPeer(*m_pTransport, strict);
 }
 
 std::string WEFTConnection::getPeerAddress() const
@@ -204,7 +174,7 @@ bool WEFTConnection::send(const WEFTPacket& packet, const char* failure)
 {
     if (!m_pTransport->sendData(packet.getBuffer(), packet.getLength()))
     {
-        m_pLog->level(5) << failure << std::endl;
+        m_pLog->level(tavo::LOG_LEVEL_DEBUG) << failure << std::endl;
         return false;
     }
     return true;
@@ -264,7 +234,8 @@ void WEFTConnection::run()
         packet.setReadPos(WEFT_HEADER_SIZE);
         if (!packet.validatePacket(static_cast<unsigned int>(received)))
         {
-            m_pLog->level(3) << "WEFT: discarding invalid packet" << std::endl;
+            m_pLog->level(tavo::LOG_LEVEL_WARNING)
+                << "WEFT: discarding invalid packet" << std::endl;
             continue;
         }
         dispatch(packet);
@@ -285,8 +256,8 @@ void WEFTConnection::dispatch(const WEFTPacket& packet)
     case WEFT_CMD_SUBSCRIBE:
         if (server == nullptr)
         {
-            m_pLog->level(3) << "WEFT: received unexpected subscribe cmd (no server available)"
-                             << std::endl;
+            m_pLog->level(tavo::LOG_LEVEL_WARNING)
+                << "WEFT: received unexpected subscribe cmd (no server available)" << std::endl;
             return;
         }
         server->onSubscribe(packet.getString());
@@ -294,8 +265,8 @@ void WEFTConnection::dispatch(const WEFTPacket& packet)
     case WEFT_CMD_UNSUBSCRIBE:
         if (server == nullptr)
         {
-            m_pLog->level(3) << "WEFT: received unexpected unsubscribe cmd (no server available)"
-                             << std::endl;
+            m_pLog->level(tavo::LOG_LEVEL_WARNING)
+                << "WEFT: received unexpected unsubscribe cmd (no server available)" << std::endl;
             return;
         }
         server->onUnsubscribe(packet.getString());
@@ -304,8 +275,8 @@ void WEFTConnection::dispatch(const WEFTPacket& packet)
     {
         if (server == nullptr)
         {
-            m_pLog->level(3) << "WEFT: received unexpected FID cmd (no server available)"
-                             << std::endl;
+            m_pLog->level(tavo::LOG_LEVEL_WARNING)
+                << "WEFT: received unexpected FID cmd (no server available)" << std::endl;
             return;
         }
         ParameterList list;
@@ -320,11 +291,11 @@ void WEFTConnection::dispatch(const WEFTPacket& packet)
         const bool isTrigger = command == WEFT_CMD_TRIGGER;
         if (client == nullptr)
         {
-            m_pLog->level(3) << (isTrigger
-                                     ? "WEFT: received unexpected trigger cmd (no client available)"
-                                     : "WEFT: received unexpected update state cmd (no client "
-                                       "available)")
-                             << std::endl;
+            m_pLog->level(tavo::LOG_LEVEL_WARNING)
+                << (isTrigger ? "WEFT: received unexpected trigger cmd (no client available)"
+                              : "WEFT: received unexpected update state cmd (no client "
+                                "available)")
+                << std::endl;
             return;
         }
         ParameterValue value;

@@ -1,7 +1,8 @@
 #include <weft/WEFTListener.h>
 
-#include <weft/EUDPTransport.h>
-#include <weft/TCPTransport.h>
+#include "TransportFactory.h"
+#include "WeftLog.h"
+
 #include <weft/WEFTConnection.h>
 
 #include <tavo/Assert.h>
@@ -12,11 +13,6 @@
 
 namespace
 {
-
-std::ostream& weftLog(int level)
-{
-    return tavo::LogManager::getInstance()->getLogOutput("WEFT")->level(level);
-}
 
 enum EListenState
 {
@@ -91,26 +87,13 @@ bool WEFTListener::start()
 
 void WEFTListener::run()
 {
-    IWEFTTransport* transport = nullptr;
-    switch (m_eTransport)
-    {
-    case TRANSPORT_EUDP:
-    {
-        EUDPTransport* eudp = new EUDPTransport();
-        // Mode requests of an accepted client wait until onConnection has set
-        // the connection's policy and the connection is started.
-        eudp->holdModeRequests(true);
-        eudp->setHalfOpenLimit(m_halfOpenLimit);
-        eudp->setStrictPeer(m_strictPeer);
-        transport = eudp;
-        break;
-    }
-    case TRANSPORT_TCP:
-        transport = new TCPTransport();
-        break;
-    default:
-        TAVO_ASSERT(false);
-    }
+    TransportOptions options;
+    options.strictPeer = m_strictPeer;
+    options.halfOpenLimit = m_halfOpenLimit;
+    // Mode requests of an accepted client wait until onConnection has set the
+    // connection's policy and the connection is started.
+    options.holdModeRequests = true;
+    IWEFTTransport* transport = TransportFactory::create(m_eTransport, options);
     TAVO_ASSERT(m_pConnector);
     m_pTransport = transport;
     // Published before m_bRunning is looked at, so that a shutdown racing
@@ -134,7 +117,8 @@ void WEFTListener::run()
         }
         if (accepted == nullptr)
         {
-            weftLog(2) << "WEFT: failed to accept incoming connection" << std::endl;
+            weftLog(tavo::LOG_LEVEL_ERROR)
+                << "WEFT: failed to accept incoming connection" << std::endl;
             return;
         }
         WEFTConnection* connection = new WEFTConnection(accepted);
@@ -142,7 +126,7 @@ void WEFTListener::run()
         connection->start();
         connection->updateStatus(CONN_STATUS_CONNECTED);
     }
-    weftLog(4) << "WEFT: listener is shut down" << std::endl;
+    weftLog(tavo::LOG_LEVEL_INFO) << "WEFT: listener is shut down" << std::endl;
 }
 
 bool WEFTListener::shutdown(int timeout)

@@ -1,6 +1,7 @@
 #include <weft/WEFTPacket.h>
 
 #include "ByteOrder.h"
+#include "WeftLog.h"
 
 #include <weft/ParameterList.h>
 #include <weft/ParameterValue.h>
@@ -22,11 +23,6 @@ constexpr unsigned int LENGTH_OFFSET = 2;
 
 // The output is fetched at each line: a packet has no life of its own to keep
 // a pointer in, and the log manager may be replaced between weftInit calls.
-std::ostream& weftLog(int level)
-{
-    return tavo::LogManager::getInstance()->getLogOutput("WEFT")->level(level);
-}
-
 void logTooLong(std::uint64_t needed, unsigned int room)
 {
     weftLog(tavo::LOG_LEVEL_ERROR) << "WEFT: WEFT packet length (" << needed

@@ -5,7 +5,7 @@
 // connection and direction comes from WEFT_SOAK_MESSAGES (scripts/soak.sh
 // runs the long version); the default keeps the test short.
 
-#include "support/ImpairmentRelay.h"
+#include "ImpairmentRelay.h"
 #include "support/ProcessFigures.h"
 #include "support/Recorders.h"
 #include "support/WeftFixture.h"

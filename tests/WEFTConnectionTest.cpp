@@ -225,7 +225,7 @@ TEST(WEFTConnectionDeathTest, AnUnknownTransportKindStopsAtTheAssertion)
             weftInit();
             WEFTConnection connection(static_cast<ETransport>(7));
         },
-        "false");
+        "unknown ETransport");
 }
 
 TEST(WEFTConnectionDeathTest, DisconnectFromItsOwnCallbackStopsTheProcessInsteadOfHanging)

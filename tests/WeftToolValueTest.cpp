@@ -116,7 +116,7 @@ TEST(WeftToolValueTest, CallParametersKeepTheirTypesAndRefuseWhatAListCannotHold
         EXPECT_EQ(entries[i].first, expected[i].first);
         EXPECT_STREQ(typeName(entries[i].second), expected[i].second) << entries[i].first;
     }
-    EXPECT_EQ(listText(list), "clip=intro count=4 eq=a=b gain=0.5 loop=ON");
+    EXPECT_EQ(listText(list), R"(clip="intro" count=4 eq="a=b" gain=0.5 loop=ON)");
 
     for (const char* bad : {"novalue", "=5", "x=n:", "x=i:y"})
     {
@@ -170,6 +170,49 @@ TEST(WeftToolValueTest, HostAndPortSplitWithTheGivenPortAsDefault)
     for (const char* bad : {":80", "", "h:0", "h:65536", "h:x", "h:", "h:80x"})
     {
         EXPECT_FALSE(parseHostPort(bad, host, port, error)) << bad;
+    }
+    EXPECT_TRUE(parsePort("0", true, port, error));
+    EXPECT_EQ(port, 0);
+    EXPECT_FALSE(parsePort("0", false, port, error));
+    EXPECT_EQ(error, "'0' is not a port (1 to 65535)");
+}
+
+TEST(WeftToolValueTest, TimesTakeAUnitOrSecondsAndSharesAPercentSign)
+{
+    const std::pair<const char*, long long> times[] = {
+        {"2", 2000000}, {"0.5", 500000},     {"1.5s", 1500000},     {"20ms", 20000},
+        {"500us", 500}, {"2min", 120000000}, {"86400", 86400000000}};
+    for (const auto& [text, micros] : times)
+    {
+        std::chrono::microseconds time{0};
+        std::string error;
+        ASSERT_TRUE(parseDuration(text, false, time, error)) << text << ": " << error;
+        EXPECT_EQ(time.count(), micros) << text;
+    }
+    for (const char* bad : {"", "0", "-1", "+1", "1h", "ms", "1e", "inf", "86401", "2 s"})
+    {
+        std::chrono::microseconds time{0};
+        std::string error;
+        EXPECT_FALSE(parseDuration(bad, false, time, error)) << bad;
+        EXPECT_EQ(error.find("'" + std::string(bad) + "' is not a time"), 0u) << error;
+    }
+    std::chrono::microseconds zero{5};
+    std::string error;
+    EXPECT_TRUE(parseDuration("0ms", true, zero, error));
+    EXPECT_EQ(zero.count(), 0);
+
+    const std::pair<const char*, double> shares[] = {
+        {"5%", 0.05}, {"5", 0.05}, {"0.5%", 0.005}, {"100%", 1.0}, {"0", 0.0}};
+    for (const auto& [text, rate] : shares)
+    {
+        double parsed = -1;
+        ASSERT_TRUE(parsePercent(text, parsed, error)) << text;
+        EXPECT_DOUBLE_EQ(parsed, rate) << text;
+    }
+    for (const char* bad : {"", "%", "-1%", "100.5%", "5%%", "nan", "x"})
+    {
+        double parsed = 0;
+        EXPECT_FALSE(parsePercent(bad, parsed, error)) << bad;
     }
 }
 
@@ -248,7 +291,9 @@ TEST(WeftToolValueTest, PrintedTextKeepsOneEventOnOneLine)
 {
     EXPECT_EQ(quoted("level"), "\"level\"");
     EXPECT_EQ(quoted("a\"b\\c\nd\x01"), R"("a\"b\\c\nd\x01")");
-    EXPECT_EQ(valueText(ParameterValue("two\nlines \"q\"")), R"(two\nlines "q")");
+    EXPECT_EQ(valueText(ParameterValue("two\nlines \"q\"")), R"("two\nlines \"q\"")");
+    EXPECT_EQ(valueText(ParameterValue("")), R"("")");
+    EXPECT_EQ(valueText(ParameterValue(42)), "42");
     EXPECT_EQ(valueText(ParameterValue(1000000.0f)), "1e+06");
 }
 

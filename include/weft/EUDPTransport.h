@@ -1,27 +1,35 @@
 #pragma once
 
+#include <weft/Constants.h>
 #include <weft/EUDPPacket.h>
 #include <weft/Export.h>
 #include <weft/IWEFTTransport.h>
-#include <weft/ModuloValue.h>
-#include <weft/RingBuffer.h>
 
 #include <tavo/Callback.h>
 #include <tavo/HostAddress.h>
+#include <tavo/LogManager.h>
 #include <tavo/Semaphore.h>
 #include <tavo/Thread.h>
 #include <tavo/Timer.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <ostream>
 
 namespace tavo
 {
-class LogOutput;
 class UdpSocket;
 } // namespace tavo
+
+class EUDPAcceptedPeers;
+class EUDPLiveness;
+class EUDPReceiveWindow;
+class EUDPSendWindow;
+struct EUDPTimeouts;
 
 // Messages over UDP: a CON/ACK handshake, keep-alive and dead-peer timers,
 // sequence numbers modulo 65535 and, per direction, real-time delivery (newest
@@ -107,67 +115,82 @@ private:
         EUDPTransport* m_pOwner;
     };
 
-    // Runs once; later calls do nothing.
-    void initTimers(uint keepAlivePeriod);
-    // A sign of life: restarts the idle timer, stops the dead-peer timer.
+    // ---- keep-alive and dead-peer timer (EUDPTimers.cpp; timer thread) ----
+    // Starts watching the peer for this connection, with the given idle
+    // period before a keep-alive.
+    void initTimers(std::chrono::microseconds keepAlivePeriod);
+    // A sign of life from the peer (receiver thread).
     void resetTimers();
-    void onSendAliveTimer();
     void onAliveTimer();
+    // Queues a keep-alive unless that would block or the queue probes already.
+    void queueKeepAlive();
+    void stopTimers();
 
+    // ---- handshake and lifecycle (EUDPHandshake.cpp; caller threads) ----
     // Sends one header-only control packet at once, to `port` or else the peer's port.
     bool sendPacket(EEUDPCommand command, uint arg, uint16 port = 0);
+    // The connection for a CON from `source`:`port`, answered with its ACK.
+    EUDPTransport* acceptConnection(const tavo::HostAddress& source, uint16 port, uint conArg);
+    // Ends the threads and replaces the socket left by an earlier connection
+    // or attempt, and starts the per-connection state afresh.
+    void renewForConnect();
+    // Sends `request` until `answered` is given and `isAnswer` holds, or the
+    // time runs out; false on time-out.
+    bool askPeer(tavo::BinarySemaphore& answered, std::chrono::microseconds limit,
+                 std::chrono::microseconds repeat, const std::function<void()>& request,
+                 const std::function<bool()>& isAnswer);
 
+    // ---- requests (EUDPRequests.cpp; caller threads) ----
+    bool requestMode(EConnMode mode, bool sendDirection);
+    // Sets the send mode, lining the reliable counters up when reliable
+    // sending takes over from real-time sending.
+    void changeSendMode(EConnMode mode);
+    // sendData with the choice not to wait for room.
+    bool queueData(const uint8* data, uint length, bool waitForRoom);
+
+    // ---- sender thread (EUDPSender.cpp) ----
     void senderThread();
-    void realtimeStep();
-    void reliableStep();
-    // Where the reliable step's search for the first queued packet after
-    // m_lastSentSeq ends: that packet's index, or the number queued when there
-    // is none. Caller holds m_sendMutex; the ring is not empty.
-    uint firstUnsentIndex();
-    // Repeats everything after the last acknowledged packet.
-    void goBack();
+    // One pass; false when the sender should sleep until `wakeAt` (or, when
+    // unset, until woken).
+    bool sendPass(std::optional<std::chrono::steady_clock::time_point>& wakeAt);
+    void sendDatagram(const EUDPPacket& packet);
+
+    // ---- receiver thread (EUDPReceiver.cpp), one handler per command ----
+    void receiverThread();
+    void handleAck(uint arg, uint16 sourcePort);
     void processAck(int seq);
     void processNak(int seq);
-
-    void receiverThread();
+    void handleDisconnect();
     void handleData(const EUDPPacket& packet);
     void handleModeRequest(uint arg);
+    void answerModeRequest(uint arg);
+    void handleWindowRequest(uint arg);
+    // Strict mode: whether a datagram from `source`:`port` comes from someone
+    // other than the peer.
+    bool isStranger(const tavo::HostAddress& source, uint16 port) const;
 
-    // sendData with the choice not to wait for room: the keep-alive runs on
-    // the shared timer thread and must never block there.
-    bool queueData(const uint8* data, uint length, bool waitForRoom);
-    // Asks the peer for modes; `sendDirection` picks setSendMode's bytes.
-    bool requestMode(EConnMode mode, bool sendDirection);
-    // Sets the send mode, lining the reliable counters up when real-time
-    // sending gives way to reliable sending.
-    void changeSendMode(EConnMode mode);
+    // ---- shared (EUDPTransport.cpp) ----
+    static tavo::UdpSocket* newEudpSocket();
     // Marks the transport closed and closes its socket, which ends the receiver.
     void closeSocket();
     // Wakes the sender and every caller waiting in sendData or receiveData.
     void wakeWaiters();
-    // Stops whichever of the two timers is armed.
-    void stopTimers();
-    // Ends the threads and replaces the socket left by an earlier connection
-    // or attempt, and starts the per-connection state afresh.
-    void renewForConnect();
-    // "WEFT/EUDP[port]: " at `level`; the caller ends the line.
-    std::ostream& log(int level);
-    // Strict mode: whether a datagram from `source`:`port` comes from someone
-    // other than the peer.
-    bool isStranger(const tavo::HostAddress& source, uint16 port) const;
     // An accepted transport gives up its place among its listener's half-open
     // connections; only the first call counts.
     void leaveHalfOpen();
+    // "WEFT/EUDP[port]: " at `level`; the caller ends the line.
+    std::ostream& log(tavo::ELogLevel level);
 
     tavo::UdpSocket* m_pSocket;
     tavo::HostAddress m_peerAddress;
     std::atomic<uint16> m_peerPort;
     std::atomic<uint16> m_logPort;
-    ModuloValue m_nextSendSeq;
-    ModuloValue m_lastSentSeq;
-    ModuloValue m_lastAckedSeq;
-    ModuloValue m_expectedSeq;
-    int m_inFlight;
+    // The time-outs this transport runs with; fixed at construction.
+    std::unique_ptr<const EUDPTimeouts> m_pTimeouts;
+    // The protocol core: the send side under m_sendMutex, the receive side
+    // under m_receiveMutex.
+    std::unique_ptr<EUDPSendWindow> m_pSendWindow;
+    std::unique_ptr<EUDPReceiveWindow> m_pReceiveWindow;
     // Written by the receiver, read by the requester after the semaphore; a
     // second answer may arrive while the first is read, hence atomic.
     std::atomic<uint> m_windowAnswer;
@@ -175,10 +198,11 @@ private:
     EUDPSender m_sender;
     EUDPReceiver m_receiver;
     tavo::BinarySemaphore m_semConnected;
-    tavo::BinarySemaphore m_semAck;
     tavo::BinarySemaphore m_semWindowAck;
     tavo::BinarySemaphore m_semModeAck;
     tavo::BinarySemaphore m_semSendSpace;
+    // Wakes the sender: data queued, an acknowledgement, a mode or window
+    // change, the end.
     tavo::BinarySemaphore m_semSendWork;
     tavo::CountingSemaphore m_semReceived;
     tavo::MutexSemaphore m_receiveMutex;
@@ -191,21 +215,22 @@ private:
     std::atomic<EConnMode> m_receiveMode;
     std::atomic<int> m_windowSize;
     std::atomic<bool> m_closed;
-    RingBuffer<EUDPPacket> m_receiveBuffer;
-    RingBuffer<EUDPPacket> m_sendBuffer;
-    uint m_keepAlivePeriod;
-    tavo::Timer m_sendAliveTimer;
+    // Keep-alive and dead-peer decisions; made by initTimers, which sets
+    // m_timersInitialised after it, and ticked only on the timer thread.
+    std::unique_ptr<EUDPLiveness> m_pLiveness;
     tavo::Timer m_aliveTimer;
-    // Read by the receiver's resetTimers while initTimers sets it.
     std::atomic<bool> m_timersInitialised;
     tavo::LogOutput* m_pLog;
-    // Owned here and freed by the destructor once the timers are stopped, so
-    // a timer never calls a freed callback.
-    tavo::Callback<EUDPTransport>* m_pSendAliveCallback;
+    // Owned here and freed by the destructor once the timer is stopped.
     tavo::Callback<EUDPTransport>* m_pAliveCallback;
     // Held by accept while it uses the socket, so that the destructor can wait
     // for a blocked accept to leave before the socket is freed.
     std::mutex m_acceptMutex;
+    // Connecting transport: the number its CON carried, so that a second
+    // answer to a repeated CON is recognised; NO_CON in other roles (no CON
+    // carries it: numbers stay below 65535).
+    static constexpr uint NO_CON = 0xFFFFFFFFu;
+    std::atomic<uint> m_conArg;
     // Listening transport: whether accepted transports start holding.
     std::atomic<bool> m_holdModeRequests{false};
     // Accepted transport: the hold and the newest held request, under the mutex,
@@ -216,9 +241,8 @@ private:
     uint m_heldModeRequest = 0;
     std::atomic<bool> m_strictPeer{false};
     std::atomic<unsigned int> m_halfOpenLimit{EUDP_NO_HALF_OPEN_LIMIT};
-    // Half-open connections of a listening transport, shared with the
-    // transports it accepts, which may outlive it.
-    std::shared_ptr<std::atomic<unsigned int>> m_pHalfOpenCount;
-    // Accepted transport: still counted in m_pHalfOpenCount.
+    // The connections a listening transport accepted, shared with them.
+    std::shared_ptr<EUDPAcceptedPeers> m_pAcceptedPeers;
+    // Accepted transport: still counted as half-open in m_pAcceptedPeers.
     std::atomic<bool> m_halfOpen{false};
 };

@@ -27,6 +27,12 @@ public:
 
     void increment() { m_value = (m_value + 1) % m_range; }
 
+    // The number after this one.
+    ModuloValue next() const { return ModuloValue((m_value + 1) % m_range, m_range); }
+    // The number before this one, by the signed remainder: 0 gives -1, the
+    // "no number yet" that lies just before 0.
+    ModuloValue previous() const { return ModuloValue((m_value - 1) % m_range, m_range); }
+
     // Steps from `other` to this number, in -32767..32767 (fixed bounds).
     int distance(const ModuloValue& other) const
     {

@@ -38,6 +38,7 @@ public:
 
     // The oldest element; only on a non-empty ring.
     T& front() { return m_pElements[m_readIndex]; }
+    const T& front() const { return m_pElements[m_readIndex]; }
 
     // Drops the oldest element; nothing on an empty ring.
     void pop()
@@ -53,6 +54,7 @@ public:
 
     // The element `offset` places after the oldest; offset < size().
     T& at(uint offset) { return m_pElements[(m_readIndex + offset) % m_capacity]; }
+    const T& at(uint offset) const { return m_pElements[(m_readIndex + offset) % m_capacity]; }
 
 private:
     uint m_capacity;

@@ -32,6 +32,12 @@ void BinarySemaphore::give()
     m_cond.notify_one();
 }
 
+void BinarySemaphore::clear()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_given = false;
+}
+
 int BinarySemaphore::take()
 {
     std::unique_lock<std::mutex> lock(m_mutex);

@@ -28,6 +28,8 @@ public:
     int take();
     // Waits at most `timeoutMs` milliseconds (0: only tests); TAKE_OK or TAKE_TIMEOUT.
     int take(unsigned int timeoutMs);
+    // Drops a pending give, such as an answer meant for an earlier request.
+    void clear();
 
 private:
     std::mutex m_mutex;

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "EUDPReceiveWindow.h"
+#include "EUDPSendWindow.h"
+
 #include <weft/EUDPTransport.h>
 
 #include <tavo/Semaphore.h>
@@ -23,29 +26,30 @@ public:
     static void numberFrom(EUDPTransport& t, int seq)
     {
         tavo::MutexLock lock(t.m_sendMutex);
-        t.m_nextSendSeq = ModuloValue(seq);
+        const ModuloValue next(seq);
+        t.m_pSendWindow->restart(next, next.previous());
     }
     // Packets in the send ring: sent and unacknowledged, or waiting.
     static uint queued(EUDPTransport& t)
     {
         tavo::MutexLock lock(t.m_sendMutex);
-        return t.m_sendBuffer.size();
+        return t.m_pSendWindow->queued();
     }
     static int lastAcked(EUDPTransport& t)
     {
         tavo::MutexLock lock(t.m_sendMutex);
-        return t.m_lastAckedSeq.getValue();
+        return t.m_pSendWindow->lastAcked().getValue();
     }
 
     static int expectedSeq(EUDPTransport& t)
     {
         tavo::MutexLock lock(t.m_receiveMutex);
-        return t.m_expectedSeq.getValue();
+        return t.m_pReceiveWindow->expected().getValue();
     }
     // Messages received and not yet handed out.
     static uint stored(EUDPTransport& t)
     {
         tavo::MutexLock lock(t.m_receiveMutex);
-        return t.m_receiveBuffer.size();
+        return t.m_pReceiveWindow->stored();
     }
 };

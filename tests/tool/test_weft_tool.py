@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Process tests of the weft tool: real `weft serve` and `weft connect`
-processes talking over loopback, and `weft demo`.
+"""Process tests of the weft tool: real `weft serve`, `weft connect` and
+`weft relay` processes talking over loopback, and `weft demo`.
 
 Run: test_weft_tool.py --weft PATH/TO/weft [unittest arguments]
 Every wait is on an output line or an exit, with a time limit."""
 
+import itertools
 import json
 import os
 import selectors
@@ -148,7 +149,9 @@ class Conversation:
         client = self.start("connect", "127.0.0.1:%d" % port, "-t", self.TRANSPORT, "--json",
                             "-s", "level", "--call", "play", "clip=intro", "count=3", "gain=f:0.25",
                             "loop=on", "note=s:\"quoted\"\n")
-        self.assertEqual(client.event("connected")["port"], port)
+        connected = client.event("connected")
+        self.assertEqual(connected["port"], port)
+        self.assertLess(abs(connected["time"] - time.time()), 60)
         # A subscriber first gets the item's current value.
         self.assertEqual(server.event("subscribe", name="level")["answered"], True)
         update = client.event("update", name="level")
@@ -181,19 +184,24 @@ class Conversation:
         first = server.line("listening on %s 127.0.0.1:" % self.TRANSPORT)
         self.assertEqual(server.lines[0], first)
         port = int(first.rsplit(":", 1)[1])
+        server.send("update level s:42")
         client = self.start("connect", "127.0.0.1:%d" % port, "-t", self.TRANSPORT, "-s", "level",
-                            "-n", "2")
-        server.line('client 1 subscribe "level"')
+                            "-n", "3", "--timestamps")
+        server.line('client 1 subscribe "level" (answered with "42")')
         client.send('call play clip="take two" count=3')
-        server.line('client 1 call "play" clip=take two count=3')
+        server.line('client 1 call "play" clip="take two" count=3')
         for command in ("update level 1e6", "trigger level on", "update level 3"):
             server.send(command)
         server.line('update "level" 1e+06 sent to 1 client')
-        client.line('update "level" 1e+06')
-        client.line('trigger "level" ON')
         self.assertEqual(client.wait(), 0, client.transcript())
-        self.assertFalse(any('"level" 3' in line for line in client.lines), client.transcript())
-        self.assertIn('call "play" clip=take two count=3', client.lines)
+        # Timestamped; the request's line before its answer; a string and a number differ.
+        self.assertRegex(client.lines[0], r"^\d\d:\d\d:\d\d\.\d{6} connected to ")
+        shown = [line.split(" ", 1)[1] for line in client.lines]
+        self.assertLess(shown.index('subscribe "level"'), shown.index('update "level" "42"'))
+        for line in ('call "play" clip="take two" count=3', 'update "level" 1e+06',
+                     'trigger "level" ON'):
+            self.assertIn(line, shown)
+        self.assertFalse(any('"level" 3' in line for line in shown), client.transcript())
         server.send("update level i:x")
         server.error("i: 'x' is not a whole number")
 
@@ -263,7 +271,7 @@ class EudpModeTest(ToolTest):
         client.error("did not agree to send mode reliable within 10 s")
         server.error("unknown mode request (ignoring)")
         client.close_stdin()
-        self.assertEqual(client.wait(), 0, client.transcript())
+        self.assertEqual(client.wait(), 1, client.transcript())
 
 
 class ConnectFailureTest(ToolTest):
@@ -273,12 +281,39 @@ class ConnectFailureTest(ToolTest):
         self.assertEqual(client.wait(timeout=5), 1, client.transcript())
         self.assertIn("cannot connect to 127.0.0.1:%d over tcp" % port, client.err)
 
+    def test_an_unknown_host_is_named_as_such_on_both_transports(self):
+        for transport in ("tcp", "eudp"):
+            client = self.start("connect", "nosuch.invalid", "-t", transport, stdin=False)
+            self.assertEqual(client.wait(), 1, client.transcript())
+            self.assertIn("unknown host 'nosuch.invalid'", client.err)
+
     def test_a_second_server_on_a_taken_port_says_so_and_exits_1(self):
         for transport in ("tcp", "eudp"):
             _, port = self.serve(transport)
             second = self.start("serve", "-t", transport, "--host", "127.0.0.1", "--port", str(port))
             self.assertEqual(second.wait(), 1, second.transcript())
             self.assertIn("cannot listen on %s 127.0.0.1:%d" % (transport, port), second.err)
+
+
+class SizeLimitTest(ToolTest):
+    def test_the_largest_request_arrives_whole_and_one_byte_more_is_refused_unsent(self):
+        server, port = self.serve("tcp")
+        client = self.start("connect", "127.0.0.1:%d" % port, "--json", "-s", "k")
+        server.event("subscribe", name="k")
+        # The name k and its NUL, then a string value: its length plus 2.
+        server.send("update k s:" + "x" * 1485)
+        server.error('not sent: update "k" needs 1489 bytes (the value 1487); a message '
+                     'carries at most 1488')
+        server.send("update k s:" + "x" * 1484)
+        self.assertEqual(client.event("update", name="k")["value"], "x" * 1484)
+        # f, the entry count, s and the value.
+        client.send("call f s=" + "y" * 1482)
+        client.error('not sent: call "f" needs 1489 bytes (parameter "s" 1486)')
+        client.send("call f s=" + "y" * 1481)
+        self.assertEqual(server.event("call", name="f")["params"], {"s": "y" * 1481})
+        self.assertEqual(sum('"call"' in line for line in server.lines), 1, server.transcript())
+        client.close_stdin()
+        self.assertEqual(client.wait(), 1, client.transcript())
 
 
 class ClientLimitsTest(ToolTest):
@@ -356,41 +391,133 @@ class SignalTest(ToolTest):
         self.assertEqual(client.wait(timeout=5), 1, client.transcript())
 
     def test_sigterm_and_ctrl_c_stop_a_client_cleanly_on_both_transports(self):
-        for transport, sig in (("tcp", signal.SIGTERM), ("eudp", signal.SIGINT)):
+        for transport, sig, code in (("tcp", signal.SIGTERM, 0), ("eudp", signal.SIGINT, 130)):
             server, port = self.serve(transport)
             client = self.start("connect", "127.0.0.1:%d" % port, "-t", transport, "-s", "x")
             server.event("subscribe", name="x")
             client.proc.send_signal(sig)
-            self.assertEqual(client.wait(timeout=5), 0, client.transcript())
+            self.assertEqual(client.wait(timeout=5), code, client.transcript())
             self.assertEqual(client.lines[-1], "disconnected", client.transcript())
             # The server hears the client go at once: EOF on TCP, DIS on EUDP.
             server.event("disconnected", client=1, timeout=5)
 
 
+    def test_ctrl_c_and_timeout_end_a_connect_that_goes_unanswered(self):
+        # EUDP: a port that never answers the CON. TCP: a listener whose
+        # accept queue is full, so that the SYN goes unanswered as it does
+        # for an unroutable address (which some networks answer for).
+        silent = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        full = socket.socket()
+        for sock in (silent, full):
+            self.addCleanup(sock.close)
+            sock.bind(("127.0.0.1", 0))
+        full.listen(0)
+        fillers = set()
+        for _ in range(2):
+            filler = socket.socket()
+            self.addCleanup(filler.close)
+            filler.setblocking(False)
+            filler.connect_ex(full.getsockname())
+            fillers.add("%04X" % filler.getsockname()[1])
+
+        def syn_sent(port):  # by the client, not by a filler that is waiting too
+            with open("/proc/net/tcp") as table:
+                rows = [row.split() for row in list(table)[1:]]
+            return any(row[2].endswith(":%04X" % port) and row[3] == "02" and
+                       row[1].split(":")[1] not in fillers for row in rows)
+
+        silent.settimeout(WAIT)
+        waits = {"eudp": (silent.getsockname()[1], lambda port: silent.recv(64)),
+                 "tcp": (full.getsockname()[1], syn_sent)}
+        for (transport, (port, in_connect)), ending in itertools.product(waits.items(),
+                                                                        ("ctrl-c", "timeout")):
+            extra = ["--timeout", "0.3"] if ending == "timeout" else []
+            client = self.start("connect", "127.0.0.1:%d" % port, "-t", transport, *extra,
+                                stdin=False)
+            deadline = time.monotonic() + WAIT
+            while not in_connect(port):
+                self.assertLess(time.monotonic(), deadline, client.transcript())
+                time.sleep(0.01)
+            started = time.monotonic()
+            if ending == "ctrl-c":
+                client.proc.send_signal(signal.SIGINT)
+            self.assertEqual(client.wait(timeout=5), 130 if ending == "ctrl-c" else 1,
+                             client.transcript())
+            self.assertLess(time.monotonic() - started, 0.5, (transport, ending))
+            if ending == "timeout":
+                self.assertIn("no connection to 127.0.0.1:%d within --timeout" % port, client.err)
+
+
+class RelayTest(ToolTest):
+    def test_relay_prints_both_ways_and_drops_exactly_what_it_says(self):
+        # Seed 12 lets the handshake and the subscription through (EUDP does
+        # not repeat them) and drops some of the calls, which no one repeats
+        # in real-time mode.
+        for transport, impairment in (("eudp", ["--drop", "30%", "--seed", "12"]),
+                                      ("tcp", ["--delay", "20ms"])):
+            server, port = self.serve(transport)
+            server.send("update level 'studio A'")
+            relay = self.start("relay", "-t", transport, "--listen", "127.0.0.1:0", "--to",
+                               "127.0.0.1:%d" % port, "--print", "--json", *impairment)
+            relay_port = relay.event("listening")["port"]
+            calls = [word for n in range(10) for word in ("-c", "f", "n=%d" % n)]
+            client = self.start("connect", "127.0.0.1:%d" % relay_port, "-t", transport,
+                                "-s", "level", "-n", "1", *calls, stdin=False)
+            self.assertEqual(client.wait(), 0, client.transcript())
+            self.assertEqual(relay.event("update", **{"from": "server"})["value"], "studio A")
+            relay.event("subscribe", name="level", client=1)
+            passed = [n for n in range(10)
+                      if not relay.event("call", params={"n": n}).get("dropped", False)]
+            if transport == "eudp":
+                self.assertLess(len(passed), 10, relay.transcript())
+            arrived = [server.event("call", params={"n": n})["params"]["n"] for n in passed]
+            self.assertEqual(arrived, passed)
+            self.assertEqual(sum('"call"' in line for line in server.lines), len(passed))
+            relay.proc.send_signal(signal.SIGINT)
+            self.assertEqual(relay.wait(), 130, relay.transcript())
+            stopped = relay.event("stopped")
+            if transport == "eudp":
+                self.assertGreaterEqual(stopped["to_server"]["dropped"], 10 - len(passed))
+            else:
+                self.assertGreater(stopped["to_server_bytes"], 0)
+
+
 class UsageTest(ToolTest):
-    def test_bad_arguments_exit_2_with_a_message_and_the_usage(self):
+    def test_bad_arguments_exit_2_with_one_line_and_where_to_read_more(self):
         cases = [
             ([], "A subcommand is required"),
             (["bogus"], "bogus"),
             (["connect"], "target is required"),
-            (["connect", "h:0"], "'0' is not a port"),
+            (["connect", "h:0"], "'0' is not a port (1 to 65535)"),
+            (["serve", "--port", "70000"], "--port: '70000' is not a port (0 to 65535)"),
+            (["relay", "--listen", "h:x", "--to", "h"], "'x' is not a port (0 to 65535)"),
+            (["connect", "h", "--timeout", "0"], "--timeout: '0' is not a time above 0"),
+            (["relay", "--listen", "1", "--to", "h", "--delay", "1h"], "'1h' is not a time"),
+            (["relay", "-t", "eudp", "--listen", "1", "--to", "h", "--drop", "101%"],
+             "'101%' is not a percentage"),
+            (["relay", "--listen", "1", "--to", "h", "--drop", "5%"], "apply to -t eudp only"),
+            (["connect", "h", "--call", "play", "s=" + "x" * 1500],
+             'not sent: call "play" needs 1510 bytes (parameter "s" 1504); a message carries '
+             'at most 1488'),
+            (["connect", "h", "-s", "n" * 3000], "needs 3001 bytes (the name 3001)"),
             (["connect", "h", "-t", "udp"], "'udp' is not one of tcp|eudp"),
             (["connect", "h", "--window", "5"], "apply to --transport eudp only"),
             (["connect", "h", "--count", "0"], "--count"),
             (["connect", "h", "--call", "f", "x"], "'x' is not NAME=VALUE"),
             (["connect", "h", "--call", "f", "n=i:1.5"], "'1.5' is not a whole number"),
             (["serve", "--allow-send", "reliable"], "apply to --transport eudp only"),
-            (["serve", "--port", "70000"], "--port"),
             (["demo", "--transport", "udp"], "'udp' is not one of tcp|eudp|both"),
         ]
         for args, message in cases:
             proc = self.start(*args, stdin=False)
             self.assertEqual(proc.wait(), 2, proc.transcript())
+            command = "weft" + (" " + args[0] if args and args[0] != "bogus" else "")
+            self.assertEqual(proc.err.splitlines()[1:], ["see '%s --help'" % command], args)
             self.assertIn(message, proc.err, args)
-            self.assertIn("Usage:", proc.err, args)
 
     def test_every_command_has_help_with_examples(self):
-        for args in (["--help"], ["serve", "--help"], ["connect", "--help"], ["demo", "-h"]):
+        for args in (["--help"], ["serve", "--help"], ["connect", "--help"], ["relay", "--help"],
+                     ["demo", "-h"]):
             proc = self.start(*args, stdin=False)
             self.assertEqual(proc.wait(), 0, proc.transcript())
             self.assertIn("examples:", "\n".join(proc.lines), args)
@@ -406,10 +533,10 @@ class DemoTest(ToolTest):
         common = ['client -> server  subscribe "level"', 'server: onSubscribe("level")',
                   'client: onUpdateState("level", 42)  [int]',
                   'client: onUpdateState("level", 0.75)  [float]',
-                  'client: onUpdateState("studio", studio A)  [string]',
+                  'client: onUpdateState("studio", "studio A")  [string]',
                   'client: onTrigger("studio", ON)  [bool]',
                   'client: onTrigger("studio", INV)  [empty]',
-                  'server: onCallFunctionId("play", {clip=intro count=3 gain=0.75 loop=ON})',
+                  'server: onCallFunctionId("play", {clip="intro" count=3 gain=0.75 loop=ON})',
                   'server: onUnsubscribe("studio")', "client: onStatus(CONNECTED)",
                   "server: onStatus(CONNECTED)", "client: onStatus(DISCONNECTED)",
                   "server: onStatus(DISCONNECTED)"]

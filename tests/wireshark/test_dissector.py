@@ -3,7 +3,7 @@
 vectors with text2pcap and on one live loopback capture.
 
     python3 tests/wireshark/test_dissector.py [-v] [TestClass ...]
-    python3 tests/wireshark/test_dissector.py --check-capture FILE [-o PREF:VALUE ...] [--filter FILTER]
+    python3 tests/wireshark/test_dissector.py --check-capture FILE [-o PREF:VALUE ...] [--filter DISPLAY_FILTER]
 
 The second form checks a capture of any real run: no malformed packet, no Lua error, every UDP
 datagram decoded as EUDP and every TCP payload as WEFT.
@@ -141,7 +141,7 @@ class DissectorCase(unittest.TestCase):
         self.dir = tempfile.mkdtemp(prefix="weft-ws-")
         self.addCleanup(shutil.rmtree, self.dir, True)
 
-    def capture(self, packets, header="-T", ports=(40000, 5000), directional=False, name="c.pcapng"):
+    def capture(self, packets, header="-T", ports=(40000, 7420), directional=False, name="c.pcapng"):
         return write_capture(os.path.join(self.dir, name), packets, header, ports, directional)
 
     def decode(self, path, fields=(), prefs=(), extra=()):
@@ -338,13 +338,13 @@ class EudpTest(DissectorCase):
             self.assertField(frame, "eudp.summary", [info])
 
     def test_conversation_on_accepted_port_is_found_without_preferences(self):
-        first = self.capture([datagram("CON", 0)], "-u", (40001, 5000), name="a.pcapng")
+        first = self.capture([datagram("CON", 0)], "-u", (40001, 7420), name="a.pcapng")
         accepted = self.capture([(SERVER, datagram("ACK", 0)), (CLIENT, datagram("CMD", 1, live_sender.SUBSCRIBE)),
                                  (SERVER, datagram("QQQ", 1)), (CLIENT, b"\x01")], "-u", (40001, 41234),
                                 directional=True, name="b.pcapng")
         merged = os.path.join(self.dir, "m.pcapng")
         subprocess.run([MERGECAP, "-a", "-w", merged, first, accepted], check=True)
-        frames = self.decode(merged, ["eudp.summary", "udp.srcport"], prefs=["eudp.udp_port:5000"])
+        frames = self.decode(merged, ["eudp.summary", "udp.srcport"], prefs=["eudp.udp_port:7420"])
         self.assertEqual([f.get("eudp.summary") for f in frames],
                          [["EUDP CON seq=0"], ["EUDP ACK seq=0"], ["EUDP CMD seq=1 -> WEFT S level"],
                           ["EUDP QQQ [unknown command]"], ["EUDP [header too short]"]])
@@ -512,7 +512,11 @@ def main():
     parser.add_argument("--filter", default="udp or tcp")
     args, rest = parser.parse_known_args()
     if args.check_capture:
-        frames, problems = check_capture(args.check_capture, args.prefs, args.filter)
+        try:
+            frames, problems = check_capture(args.check_capture, args.prefs, args.filter)
+        except AssertionError as error:  # tshark refused the capture, a preference or the filter
+            print(error, file=sys.stderr)
+            return 2
         for problem in problems:
             print(problem)
         print("%d frames checked, %d problems" % (len(frames), len(problems)))

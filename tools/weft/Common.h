@@ -5,6 +5,7 @@
 #include <weft/ConnStatus.h>
 #include <weft/IWEFTTransport.h>
 
+#include <chrono>
 #include <string>
 
 namespace weftcli
@@ -17,6 +18,11 @@ enum EExitCode
     EXIT_USAGE = 2,   // bad arguments
     EXIT_TIMEOUT = 3, // connect --timeout passed before --count messages arrived
 };
+
+// How long weft relay keeps an EUDP client's session without traffic: well
+// past the 10 s after which EUDP itself gives a silent peer up, so only
+// clients that are gone are forgotten.
+constexpr std::chrono::seconds RELAY_IDLE_TIMEOUT{30};
 
 inline const char* transportName(ETransport transport)
 {

@@ -3,6 +3,8 @@
 #include "Choice.h"
 #include "Common.h"
 #include "Input.h"
+#include "MessageSize.h"
+#include "Options.h"
 #include "Printer.h"
 #include "Signals.h"
 #include "ValueSyntax.h"
@@ -10,6 +12,8 @@
 #include <weft/Constants.h>
 #include <weft/IWEFTClient.h>
 #include <weft/WEFTConnection.h>
+
+#include <tavo/HostAddress.h>
 
 #include <CLI/CLI.hpp>
 
@@ -134,11 +138,11 @@ public:
 
     bool subscribe(const std::string& name, bool on)
     {
-        const bool sent = on ? m_connection.subscribe(name) : m_connection.unsubscribe(name);
-        return report(sent, std::string(on ? "subscribe " : "unsubscribe ") + quoted(name),
-                      JsonObject()
-                          .addString("event", on ? "subscribe" : "unsubscribe")
-                          .addString("name", name));
+        const char* verb = on ? "subscribe" : "unsubscribe";
+        return send(whyItDoesNotFit(verb, name), std::string(verb) + " " + quoted(name),
+                    JsonObject().addString("event", verb).addString("name", name),
+                    [&]
+                    { return on ? m_connection.subscribe(name) : m_connection.unsubscribe(name); });
     }
 
     bool call(const std::vector<std::string>& words)
@@ -147,21 +151,20 @@ public:
         std::string error;
         if (words.empty())
         {
-            m_printer.error(COMMAND, "call needs a function name");
-            return false;
+            return failed("call needs a function name");
         }
         if (!parseParameters({words.begin() + 1, words.end()}, params, error))
         {
-            m_printer.error(COMMAND, error);
-            return false;
+            return failed(error);
         }
         const std::string list = listText(params);
-        return report(m_connection.callFunctionId(words[0], params),
-                      "call " + quoted(words[0]) + (list.empty() ? "" : " ") + list,
-                      JsonObject()
-                          .addString("event", "call")
-                          .addString("name", words[0])
-                          .addRaw("params", jsonList(params)));
+        return send(whyItDoesNotFit("call", words[0], nullptr, &params),
+                    "call " + quoted(words[0]) + (list.empty() ? "" : " ") + list,
+                    JsonObject()
+                        .addString("event", "call")
+                        .addString("name", words[0])
+                        .addRaw("params", jsonList(params)),
+                    [&] { return m_connection.callFunctionId(words[0], params); });
     }
 
     // Blocks until the server answers: at most 10 s, which is also how a
@@ -173,13 +176,15 @@ public:
         {
             return false;
         }
-        const bool agreed =
-            send ? m_connection.setSendMode(mode) : m_connection.setReceiveMode(mode);
+        bool agreed = false;
+        {
+            BusyScope busy(timedOut(std::string(direction) + " mode"), EXIT_TIMEOUT);
+            agreed = send ? m_connection.setSendMode(mode) : m_connection.setReceiveMode(mode);
+        }
         if (!agreed)
         {
-            m_printer.error(COMMAND, std::string("the server did not agree to ") + direction +
-                                         " mode " + modeName(mode) + " within 10 s");
-            return false;
+            return failed(std::string("the server did not agree to ") + direction + " mode " +
+                          modeName(mode) + " within 10 s");
         }
         m_printer.event(std::string(direction) + " mode " + modeName(mode),
                         JsonObject()
@@ -195,48 +200,77 @@ public:
         {
             return false;
         }
-        if (!m_connection.setWindowSize(size))
+        bool agreed = false;
         {
-            m_printer.error(COMMAND, "the server did not agree to window " + std::to_string(size));
-            return false;
+            BusyScope busy(timedOut("window"), EXIT_TIMEOUT);
+            agreed = m_connection.setWindowSize(size);
+        }
+        if (!agreed)
+        {
+            return failed("the server did not agree to window " + std::to_string(size));
         }
         m_printer.event("window " + std::to_string(size),
                         JsonObject().addString("event", "window").addInt("size", size));
         return true;
     }
 
+    // A command that was refused or not understood: said on stderr, and the
+    // exit status becomes 1.
+    bool failed(const std::string& message)
+    {
+        m_printer.error(COMMAND, message);
+        m_failed = true;
+        return false;
+    }
+
+    bool anyFailed() const { return m_failed; }
+
 private:
     bool eudpOnly(const std::string& what)
     {
-        if (m_options.transport != TRANSPORT_EUDP)
-        {
-            m_printer.error(COMMAND, what + " applies to eudp only (tcp is always reliable)");
-            return false;
-        }
-        return true;
+        return m_options.transport == TRANSPORT_EUDP ||
+               failed(what + " applies to eudp only (tcp is always reliable)");
     }
 
-    bool report(bool sent, const std::string& text, JsonObject json)
+    static std::string timedOut(const std::string& what)
     {
-        if (!sent)
+        return std::string(COMMAND) + ": --timeout passed while the server considered the " + what +
+               " request";
+    }
+
+    // The line goes out before the request does, so that no answer can be
+    // printed above its question.
+    template <typename Send>
+    bool send(const std::string& tooLarge, const std::string& text, const JsonObject& json,
+              Send sendRequest)
+    {
+        if (!tooLarge.empty())
         {
-            m_printer.error(COMMAND, "could not send " + text);
-            return false;
+            return failed(tooLarge);
         }
         m_printer.event(text, json);
-        return true;
+        BusyScope busy(std::string(COMMAND) + ": --timeout passed while sending " + text,
+                       EXIT_TIMEOUT, false);
+        return sendRequest() || failed("could not send " + text + ": the connection is down");
     }
 
     const ConnectOptions& m_options;
     WEFTConnection& m_connection;
     Printer& m_printer;
+    bool m_failed = false;
 };
 
 // Runs one stdin command; false when it asks to stop.
 bool runCommand(Requests& requests, Printer& printer, const std::string& line)
 {
     std::vector<std::string> words;
-    if (!commandWords(line, printer, COMMAND, words))
+    std::string error;
+    if (!splitWords(line, words, error))
+    {
+        requests.failed(error);
+        return true;
+    }
+    if (words.empty())
     {
         return true;
     }
@@ -249,7 +283,7 @@ bool runCommand(Requests& requests, Printer& printer, const std::string& line)
     const auto argument = ONE_ARGUMENT.find(verb);
     if (argument != ONE_ARGUMENT.end() && words.size() != 2)
     {
-        printer.error(COMMAND, "expected: " + verb + " " + argument->second);
+        requests.failed("expected: " + verb + " " + argument->second);
     }
     else if (verb == "sub" || verb == "unsub")
     {
@@ -264,7 +298,7 @@ bool runCommand(Requests& requests, Printer& printer, const std::string& line)
         const auto mode = MODES.find(words[1]);
         if (mode == MODES.end())
         {
-            printer.error(COMMAND, "mode must be realtime or reliable");
+            requests.failed("mode must be realtime or reliable");
         }
         else
         {
@@ -279,7 +313,7 @@ bool runCommand(Requests& requests, Printer& printer, const std::string& line)
         if (result.ec != std::errc() || result.ptr != text.data() + text.size() || size < 1 ||
             size >= EUDP_RING_CAPACITY)
         {
-            printer.error(COMMAND, "window must be 1 to " + std::to_string(EUDP_RING_CAPACITY - 1));
+            requests.failed("window must be 1 to " + std::to_string(EUDP_RING_CAPACITY - 1));
         }
         else
         {
@@ -296,7 +330,7 @@ bool runCommand(Requests& requests, Printer& printer, const std::string& line)
     }
     else
     {
-        printer.error(COMMAND, "unknown command '" + line + "' (try: help)");
+        requests.failed("unknown command '" + line + "' (try: help)");
     }
     return true;
 }
@@ -367,26 +401,26 @@ CLI::App* addConnectCommand(CLI::App& app, ConnectOptions& options)
         ->check(CLI::Range(1u, EUDP_RING_CAPACITY - 1));
     connect->add_option("-n,--count", options.count, "exit 0 after N triggers and updates")
         ->check(CLI::Range(1, INT_MAX));
-    connect
-        ->add_option("--timeout", options.timeout,
-                     "stop after S seconds (exit 3 if --count was not reached)")
-        ->type_name("S")
-        ->check(CLI::Validator(
-            [](std::string& text) {
-                return std::strtod(text.c_str(), nullptr) > 0 ? std::string()
-                                                              : "the time must be more than 0";
-            },
-            ""));
+    addTimeOption(*connect, "--timeout", options.timeout, false,
+                  "stop after TIME, the connect included (2, 1.5s, 500ms); exit 3 if --count "
+                  "was not reached, 1 if the connection was not made");
     connect->add_flag("--json", options.json, "print one JSON object per event (JSON Lines)");
+    addTimestampsFlag(*connect, options.timestamps);
     connect->footer(std::string(COMMANDS_HELP) + R"(
 
 Values are typed (i:5 f:0.5 b:on s:text) or inferred (42, 0.5, on/off/
-true/false, anything else a string). Put HOST before --call, whose parameters
-run to the next option.
+true/false, anything else a string); strings print in double quotes. Put HOST
+before --call, whose parameters run to the next option. A message carries at
+most 1488 bytes after its header: the name and its zero byte, then the value
+(a string takes its length plus 2) or the parameters. A request that does not
+fit is refused, never sent cut short.
 
 The client ends at the end of stdin, unless --count or --timeout says what to
-wait for. Exit status: 0 done, 1 the connection failed or dropped (or the
-server refused a mode or window), 2 bad arguments, 3 --timeout passed first.
+wait for. Exit status: 0 done, 1 the connection failed or dropped, or a
+request was refused or not understood, 2 bad arguments (a request too large
+on the command line too), 3 --timeout passed first, 130 Ctrl-C. SIGTERM ends
+it cleanly with the status it would have had (143 while a connect or a mode
+request still waits).
 
 examples:
   weft connect localhost --subscribe level
@@ -412,6 +446,14 @@ std::string checkConnectOptions(const ConnectOptions& options)
     {
         return "--send-mode, --receive-mode and --window apply to --transport eudp only";
     }
+    for (const std::string& name : options.subscribe)
+    {
+        const std::string tooLarge = whyItDoesNotFit("subscribe", name);
+        if (!tooLarge.empty())
+        {
+            return tooLarge;
+        }
+    }
     for (const auto& call : options.calls)
     {
         ParameterList params;
@@ -419,36 +461,56 @@ std::string checkConnectOptions(const ConnectOptions& options)
         {
             return "--call " + call[0] + ": " + error;
         }
+        const std::string tooLarge = whyItDoesNotFit("call", call[0], nullptr, &params);
+        if (!tooLarge.empty())
+        {
+            return tooLarge;
+        }
     }
     return "";
 }
 
 int runConnect(const ConnectOptions& options)
 {
-    Printer printer(options.json);
+    Printer printer(options.json, options.timestamps);
     std::string host;
     unsigned short port = WEFT_TOOL_DEFAULT_PORT;
     std::string error;
     parseHostPort(options.target, host, port, error);
-    if (!Wakeup::instance().open())
+    const std::string where = host + ":" + std::to_string(port);
+    Wakeup& wakeup = Wakeup::instance();
+    InputLoop::Deadline deadline;
+    if (options.timeout.count() > 0)
     {
-        printer.error(COMMAND, "cannot create the wake-up pipe");
-        return EXIT_FAILED;
+        deadline = std::chrono::steady_clock::now() + options.timeout;
     }
+    wakeup.setDeadline(deadline);
 
     WEFTConnection connection(options.transport);
     Client client(options, printer, connection, host, port);
-    if (!connection.connect(host, port, &client))
+    bool connected = false;
     {
-        const std::string where = host + ":" + std::to_string(port);
-        printer.error(
-            COMMAND,
-            options.transport == TRANSPORT_TCP
-                ? "cannot connect to " + where +
-                      " over tcp (nothing listens there, or the host is unknown or unreachable)"
-                : "no answer from " + where + " over eudp within " +
-                      std::to_string(EUDP_CONNECT_TIMEOUT_MS / 1000) +
-                      " s (nothing listens there, or the host is unknown or unreachable)");
+        // Either may take seconds: Ctrl-C and --timeout end them at once.
+        BusyScope busy(std::string(COMMAND) + ": no connection to " + where + " within --timeout",
+                       EXIT_FAILED);
+        // Checked first, so that an unknown name is reported as such, and at
+        // once on either transport.
+        if (!tavo::HostAddress(host).isValid())
+        {
+            printer.error(COMMAND, "unknown host '" + host + "'");
+            return EXIT_FAILED;
+        }
+        connected = connection.connect(host, port, &client);
+    }
+    if (!connected)
+    {
+        printer.error(COMMAND, options.transport == TRANSPORT_TCP
+                                   ? "cannot connect to " + where +
+                                         " over tcp (nothing listens there, or the host is "
+                                         "unreachable)"
+                                   : "no answer from " + where + " over eudp within " +
+                                         std::to_string(EUDP_CONNECT_TIMEOUT_MS / 1000) +
+                                         " s (nothing listens there, or the host is unreachable)");
         return EXIT_FAILED;
     }
 
@@ -458,15 +520,8 @@ int runConnect(const ConnectOptions& options)
     {
         result = EXIT_FAILED;
     }
-    InputLoop::Deadline deadline;
-    if (options.timeout > 0)
-    {
-        deadline = std::chrono::steady_clock::now() +
-                   std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                       std::chrono::duration<double>(options.timeout));
-    }
-    const bool waitsForSomething = options.count > 0 || options.timeout > 0;
-    InputLoop input(Wakeup::instance(), InputLoop::stdinUsable());
+    const bool waitsForSomething = options.count > 0 || deadline;
+    InputLoop input(wakeup, InputLoop::stdinUsable());
     for (bool running = result == EXIT_OK; running;)
     {
         if (client.m_lost)
@@ -503,13 +558,16 @@ int runConnect(const ConnectOptions& options)
     }
     if (client.m_lost)
     {
-        printer.error(COMMAND,
-                      "the connection to " + host + ":" + std::to_string(port) + " was lost");
+        printer.error(COMMAND, "the connection to " + where + " was lost");
+        result = EXIT_FAILED;
+    }
+    if (result == EXIT_OK && requests.anyFailed())
+    {
         result = EXIT_FAILED;
     }
     client.m_closing = true;
     connection.disconnect();
-    return result;
+    return wakeup.signal() != 0 ? std::max(result, stoppedCode(wakeup.signal())) : result;
 }
 
 } // namespace weftcli

@@ -6,6 +6,7 @@
 #include <weft/ConnStatus.h>
 #include <weft/IWEFTTransport.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -29,8 +30,10 @@ struct ConnectOptions
     EConnMode receiveMode = CONN_MODE_DONT_CARE;
     unsigned int window = 0; // 0: leave the window as it is
     int count = 0;           // 0: no limit
-    double timeout = 0;      // seconds; 0: none
+    // From the start, the connect included; 0: none.
+    std::chrono::microseconds timeout{0};
     bool json = false;
+    bool timestamps = false;
 };
 
 CLI::App* addConnectCommand(CLI::App& app, ConnectOptions& options);

@@ -181,6 +181,15 @@ JsonObject& JsonObject::addTypedValue(const ParameterValue& value)
     return addRaw("value", jsonValue(value));
 }
 
+JsonObject& JsonObject::addFields(const JsonObject& other)
+{
+    if (!other.m_fields.empty())
+    {
+        m_fields += (m_fields.empty() ? "" : ",") + other.m_fields;
+    }
+    return *this;
+}
+
 JsonObject& JsonObject::addRaw(const std::string& key, const std::string& json)
 {
     if (!m_fields.empty())

@@ -38,6 +38,8 @@ public:
     JsonObject& addTypedValue(const ParameterValue& value);
     // Already formatted JSON.
     JsonObject& addRaw(const std::string& key, const std::string& json);
+    // The fields of another object, after these.
+    JsonObject& addFields(const JsonObject& other);
     std::string str() const { return "{" + m_fields + "}"; }
 
 private:

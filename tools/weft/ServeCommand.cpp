@@ -3,6 +3,8 @@
 #include "Choice.h"
 #include "Common.h"
 #include "Input.h"
+#include "MessageSize.h"
+#include "Options.h"
 #include "Printer.h"
 #include "Signals.h"
 #include "ValueSyntax.h"
@@ -136,8 +138,11 @@ public:
                             .addString("name", name));
     }
 
+    // Under the lock, like every event of a session, so that a call answering
+    // a push is never printed above the push.
     void call(Session& session, const std::string& name, const ParameterList& params)
     {
+        std::lock_guard<std::mutex> lock(m_mutex);
         const std::string list = listText(params);
         m_printer.event(prefix(session) + "call " + quoted(name) + (list.empty() ? "" : " ") + list,
                         JsonObject()
@@ -174,6 +179,13 @@ public:
     // as the item's value.
     void push(bool trigger, bool broadcast, const std::string& name, const ParameterValue& value)
     {
+        const char* kind = trigger ? "trigger" : "update";
+        const std::string tooLarge = whyItDoesNotFit(kind, name, &value);
+        if (!tooLarge.empty())
+        {
+            m_printer.error(COMMAND, tooLarge);
+            return;
+        }
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!trigger)
         {
@@ -190,7 +202,6 @@ public:
                                     : session->m_connection->updateState(name, value);
             sent += ok ? 1 : 0;
         }
-        const char* kind = trigger ? "trigger" : "update";
         m_printer.event(std::string(kind) + " " + quoted(name) + " " + valueText(value) +
                             " sent to " + std::to_string(sent) +
                             (sent == 1 ? " client" : " clients"),
@@ -346,15 +357,15 @@ bool runCommand(Server& server, Printer& printer, const std::string& line)
 CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
 {
     CLI::App* serve = app.add_subcommand(
-        "serve", "Run a server that prints every connection and request, keeps the last value "
-                 "of each item and pushes values typed on stdin.");
+        "serve", "Run a server that prints every connection, subscription and call, keeps the "
+                 "last value of each item and pushes values typed on stdin.");
     addChoice<ETransport>(*serve, "-t,--transport", options.transport,
                           {{"tcp", TRANSPORT_TCP}, {"eudp", TRANSPORT_EUDP}}, "transport")
         ->default_str("tcp");
     serve->add_option("-H,--host", options.host, "address to listen on")->capture_default_str();
     options.port = WEFT_TOOL_DEFAULT_PORT;
-    serve->add_option("-p,--port", options.port, "port to listen on; 0 picks a free one")
-        ->capture_default_str();
+    addPortOption(*serve, "-p,--port", options.port, "port to listen on; 0 picks a free one")
+        ->default_str(std::to_string(WEFT_TOOL_DEFAULT_PORT));
     const std::vector<std::pair<std::string, EAllowModes>> modes{
         {"realtime", ALLOW_REALTIME}, {"reliable", ALLOW_RELIABLE}, {"both", ALLOW_BOTH}};
     addChoice(*serve, "--allow-send", options.allowSend, modes,
@@ -364,12 +375,24 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
               "EUDP: the modes a client may ask this server to receive in")
         ->default_str("both");
     serve->add_flag("--json", options.json, "print one JSON object per event (JSON Lines)");
+    addTimestampsFlag(*serve, options.timestamps);
     serve->footer(std::string(COMMANDS_HELP) + R"(
 
 The first line says where the server listens: "listening on tcp 0.0.0.0:7420"
-(with --json: {"event":"listening",...}). Values are typed (i:5 f:0.5 b:on
-s:text n:) or inferred (42, 0.5, on/off/true/false, anything else a string).
-The server runs on after the end of stdin; Ctrl-C or SIGTERM stops it.
+(with --json: {"event":"listening",...}). Then one line per connection,
+subscription, call and disconnection. EUDP mode and window requests are
+answered inside the library, which does not tell the server of them: a
+refused mode request shows only as the library's "unknown mode request" line
+on stderr.
+
+Values are typed (i:5 f:0.5 b:on s:text n:) or inferred (42, 0.5, on/off/
+true/false, anything else a string); strings print in double quotes. A
+message carries at most 1488 bytes after its header (the name and its zero
+byte, then the value: a string takes its length plus 2); a push that does
+not fit is refused and the server goes on.
+
+The server runs on after the end of stdin. Ctrl-C stops it (exit 130),
+SIGTERM too (exit 0); each disconnects its clients first.
 
 examples:
   weft serve --port 7420
@@ -391,16 +414,16 @@ std::string checkServeOptions(const ServeOptions& options)
 
 int runServe(const ServeOptions& options)
 {
-    Printer printer(options.json);
-    if (!Wakeup::instance().open())
-    {
-        printer.error(COMMAND, "cannot create the wake-up pipe");
-        return EXIT_FAILED;
-    }
+    Printer printer(options.json, options.timestamps);
     Server server(options, printer);
     WEFTListener listener(options.transport);
-    listener.listen(options.host, options.port, &server);
-    if (!listener.waitForListen(WEFT_TOOL_LISTEN_WAIT_MS))
+    bool listening = false;
+    {
+        BusyScope busy("", EXIT_FAILED);
+        listener.listen(options.host, options.port, &server);
+        listening = listener.waitForListen(WEFT_TOOL_LISTEN_WAIT_MS);
+    }
+    if (!listening)
     {
         printer.error(COMMAND, std::string("cannot listen on ") + transportName(options.transport) +
                                    " " + options.host + ":" + std::to_string(options.port) +
@@ -439,7 +462,7 @@ int runServe(const ServeOptions& options)
     listener.shutdown(-1);
     server.release(true);
     printer.event("stopped", JsonObject().addString("event", "stopped"));
-    return EXIT_OK;
+    return stoppedCode(Wakeup::instance().signal());
 }
 
 } // namespace weftcli

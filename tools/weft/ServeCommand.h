@@ -30,6 +30,7 @@ struct ServeOptions
     EAllowModes allowSend = ALLOW_BOTH;
     EAllowModes allowReceive = ALLOW_BOTH;
     bool json = false;
+    bool timestamps = false;
 };
 
 // Adds the subcommand and its options to the tool.

@@ -414,20 +414,60 @@ bool parseHostPort(const std::string& text, std::string& host, unsigned short& p
         error = "'" + text + "' names no host (write HOST or HOST:PORT)";
         return false;
     }
-    if (colon == std::string::npos)
-    {
-        return true;
-    }
-    const std::string digits = text.substr(colon + 1);
+    return colon == std::string::npos || parsePort(text.substr(colon + 1), false, port, error);
+}
+
+bool parsePort(const std::string& text, bool allowZero, unsigned short& port, std::string& error)
+{
     unsigned int number = 0;
-    const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    if (digits.empty() || result.ec != std::errc() || result.ptr != digits.data() + digits.size() ||
-        number < 1 || number > 65535)
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (text.empty() || result.ec != std::errc() || result.ptr != text.data() + text.size() ||
+        number < (allowZero ? 0u : 1u) || number > 65535)
     {
-        error = "'" + digits + "' is not a port (1 to 65535)";
+        error = "'" + text + "' is not a port (" + (allowZero ? "0" : "1") + " to 65535)";
         return false;
     }
     port = static_cast<unsigned short>(number);
+    return true;
+}
+
+bool parseDuration(const std::string& text, bool allowZero, std::chrono::microseconds& duration,
+                   std::string& error)
+{
+    static const std::pair<const char*, double> UNITS[] = {
+        {"us", 1e-6}, {"ms", 1e-3}, {"s", 1.0}, {"min", 60.0}, {"", 1.0}};
+    double number = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    const std::string unit(result.ptr, text.data() + text.size());
+    for (const auto& [name, seconds] : UNITS)
+    {
+        // A day is far beyond any time-out or delay anyone means.
+        const double total = number * seconds;
+        if (result.ec == std::errc() && unit == name && std::isfinite(total) && total >= 0 &&
+            total <= 86400 && (allowZero || total > 0) && text[0] != '-')
+        {
+            duration = std::chrono::microseconds(std::llround(total * 1e6));
+            return true;
+        }
+    }
+    error = "'" + text + "' is not a time" + (allowZero ? "" : " above 0") +
+            " (such as 2, 0.5s, 20ms or 500us)";
+    return false;
+}
+
+bool parsePercent(const std::string& text, double& rate, std::string& error)
+{
+    const std::string digits =
+        !text.empty() && text.back() == '%' ? text.substr(0, text.size() - 1) : text;
+    double number = -1;
+    const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    if (digits.empty() || result.ec != std::errc() || result.ptr != digits.data() + digits.size() ||
+        !(number >= 0 && number <= 100))
+    {
+        error = "'" + text + "' is not a percentage (0% to 100%)";
+        return false;
+    }
+    rate = number / 100;
     return true;
 }
 
@@ -492,7 +532,8 @@ const char* typeName(const ParameterValue& value)
 
 std::string valueText(const ParameterValue& value)
 {
-    return escaped(value.getAsString(), false);
+    return value.getType() == PARAM_TYPE_STRING ? quoted(value.getAsString())
+                                                : escaped(value.getAsString(), false);
 }
 
 std::string listText(const ParameterList& list)

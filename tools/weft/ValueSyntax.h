@@ -10,6 +10,7 @@
 #include <weft/ParameterList.h>
 #include <weft/ParameterValue.h>
 
+#include <chrono>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,6 +36,20 @@ bool splitWords(const std::string& line, std::vector<std::string>& words, std::s
 bool parseHostPort(const std::string& text, std::string& host, unsigned short& port,
                    std::string& error);
 
+// A port number, 1 to 65535 (0 too with `allowZero`: "pick a free one"). Every
+// option and argument that takes a port says the same thing when it is wrong.
+bool parsePort(const std::string& text, bool allowZero, unsigned short& port, std::string& error);
+
+// A time: a number of seconds (2, 0.5) or a number with a unit (20ms, 1.5s,
+// 500us); more than 0 unless `allowZero`. Every time option says the same
+// thing when it is wrong.
+bool parseDuration(const std::string& text, bool allowZero, std::chrono::microseconds& duration,
+                   std::string& error);
+
+// A share from 0% to 100%, with or without the % sign (5%, 0.5, 100);
+// `rate` is 0 to 1.
+bool parsePercent(const std::string& text, double& rate, std::string& error);
+
 // The entries of a list with their types, in name order.
 std::vector<std::pair<std::string, ParameterValue>> listEntries(const ParameterList& list);
 
@@ -43,7 +58,8 @@ std::vector<std::pair<std::string, ParameterValue>> listEntries(const ParameterL
 const char* typeName(const ParameterValue& value);
 
 // The library's text form of a value, with control characters escaped so
-// that one event stays one line.
+// that one event stays one line; a string in double quotes, so that the
+// string "42" and the integer 42 look different.
 std::string valueText(const ParameterValue& value);
 
 // "name=text name=text ..." in name order.

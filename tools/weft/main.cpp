@@ -2,7 +2,9 @@
 #include "Common.h"
 #include "ConnectCommand.h"
 #include "DemoCommand.h"
+#include "RelayCommand.h"
 #include "ServeCommand.h"
+#include "Signals.h"
 
 #include <weft/Init.h>
 
@@ -13,6 +15,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -41,11 +44,12 @@ void addVerbosity(CLI::App& app, Verbosity& verbosity)
     app.add_flag("-q,--quiet", verbosity.less, "fewer library log lines (-qqq: none)");
 }
 
-int usageError(CLI::App& app, CLI::App* command, const std::string& message)
+// One line on what is wrong and where to read more; the whole help would
+// push the line out of sight.
+int usageError(CLI::App* command, const std::string& message)
 {
     const std::string name = command != nullptr ? "weft " + command->get_name() : "weft";
-    std::fprintf(stderr, "%s: %s\n\n%s", name.c_str(), message.c_str(),
-                 (command != nullptr ? command : &app)->help().c_str());
+    std::fprintf(stderr, "%s: %s\nsee '%s --help'\n", name.c_str(), message.c_str(), name.c_str());
     return EXIT_USAGE;
 }
 
@@ -57,32 +61,39 @@ int main(int argc, char** argv)
                  "weft");
     app.set_version_flag("--version", "weft " WEFT_TOOL_VERSION);
     app.require_subcommand(1, 1);
-    app.footer(R"(Run 'weft COMMAND --help' for a command's options.
+    app.footer(R"(Run 'weft COMMAND --help' for a command's options, 'man weft' for more.
 
 examples:
   weft demo                                      # a conversation on both transports
   weft serve --port 7420                         # then type: update level 0.5
   weft connect localhost:7420 --subscribe level
-  echo 'call play clip=intro loop=on' | weft connect localhost)");
+  echo 'call play clip=intro loop=on' | weft connect localhost
+  weft relay --listen 7421 --to localhost:7420 --drop 5% --print)");
     Verbosity verbosity;
     ServeOptions serveOptions;
     ConnectOptions connectOptions;
+    RelayCommandOptions relayOptions;
     DemoOptions demoOptions;
     CLI::App* serve = addServeCommand(app, serveOptions);
     CLI::App* connect = addConnectCommand(app, connectOptions);
+    CLI::App* relay = addRelayCommand(app, relayOptions);
     CLI::App* demo = addDemoCommand(app, demoOptions);
-    for (CLI::App* command : {serve, connect, demo})
+    const std::vector<CLI::App*> commands{serve, connect, relay, demo};
+    for (CLI::App* command : commands)
     {
         addVerbosity(*command, verbosity);
     }
 
     // CLI11 would only say that a command is missing.
     const auto isCommand = [&](const char* word)
-    { return serve->check_name(word) || connect->check_name(word) || demo->check_name(word); };
+    {
+        return std::any_of(commands.begin(), commands.end(),
+                           [word](CLI::App* command) { return command->check_name(word); });
+    };
     if (argc > 1 && argv[1][0] != '-' && !isCommand(argv[1]))
     {
-        return usageError(app, nullptr,
-                          "unknown command '" + std::string(argv[1]) + "' (serve, connect, demo)");
+        return usageError(nullptr, "unknown command '" + std::string(argv[1]) +
+                                       "' (serve, connect, relay, demo)");
     }
     try
     {
@@ -101,35 +112,50 @@ examples:
     }
     catch (const CLI::ParseError& error)
     {
-        return usageError(app,
-                          app.get_subcommands().empty() ? nullptr : app.get_subcommands().back(),
+        return usageError(app.get_subcommands().empty() ? nullptr : app.get_subcommands().back(),
                           error.what());
     }
 
+    CLI::App* command = app.get_subcommands().back();
     std::string problem;
-    if (serve->parsed())
+    if (command == serve)
     {
         problem = checkServeOptions(serveOptions);
     }
-    else if (connect->parsed())
+    else if (command == connect)
     {
         problem = checkConnectOptions(connectOptions);
     }
+    else if (command == relay)
+    {
+        problem = checkRelayOptions(relayOptions);
+    }
     if (!problem.empty())
     {
-        return usageError(app, serve->parsed() ? serve : connect, problem);
+        return usageError(command, problem);
+    }
+    // The demo keeps the default signal handling: Ctrl-C ends it at once.
+    if (command != demo && !Wakeup::instance().open())
+    {
+        std::fprintf(stderr, "weft %s: cannot set up signal handling\n",
+                     command->get_name().c_str());
+        return EXIT_FAILED;
     }
 
     weftInit();
     tavo::LogManager::getInstance()->setMaxLevel(verbosity.level());
     int result = EXIT_OK;
-    if (serve->parsed())
+    if (command == serve)
     {
         result = runServe(serveOptions);
     }
-    else if (connect->parsed())
+    else if (command == connect)
     {
         result = runConnect(connectOptions);
+    }
+    else if (command == relay)
+    {
+        result = runRelay(relayOptions);
     }
     else
     {

@@ -15,7 +15,10 @@ fi
 # Without the preseed, wireshark-common asks whether ordinary users may capture.
 echo "wireshark-common wireshark-common/install-setuid boolean false" | $SUDO debconf-set-selections
 # A fresh machine may have no package lists yet: update once and try again.
-if ! $SUDO env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends tshark; then
-    $SUDO apt-get update
-    $SUDO env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends tshark
+echo "setup: installing tshark"
+if ! $SUDO env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+        tshark >/dev/null 2>&1; then
+    $SUDO apt-get update -qq
+    $SUDO env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+        tshark >/dev/null
 fi

@@ -28,7 +28,7 @@ local EUDP_VERSION = 1
 local EUDP_HEADER_SIZE = 8
 local EUDP_MAX_PACKET_SIZE = 1500
 local EUDP_SEQ_MAX = 65534 -- sequence numbers count modulo 65535
-local DEFAULT_PORT = 5000
+local DEFAULT_PORT = 7420 -- the weft tool's port
 
 local WEFT_COMMANDS = {
     [0x46] = "function call",

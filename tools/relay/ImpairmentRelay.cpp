@@ -1,6 +1,4 @@
-#include "support/ImpairmentRelay.h"
-
-#include <tavo/Assert.h>
+#include "ImpairmentRelay.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -11,6 +9,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace
@@ -22,47 +22,96 @@ constexpr std::size_t RECEIVE_BUFFER_SIZE = 65536;
 // cannot starve the others or the queue.
 constexpr int RECEIVE_BATCH = 64;
 
-sockaddr_in makeAddress(uint32_t address, uint16_t port)
+sockaddr_in makeAddress(const RelayEndpoint& endpoint)
 {
     sockaddr_in result{};
     result.sin_family = AF_INET;
-    result.sin_addr.s_addr = htonl(address);
-    result.sin_port = htons(port);
+    result.sin_addr.s_addr = htonl(endpoint.address);
+    result.sin_port = htons(endpoint.port);
     return result;
 }
 
-int makeUdpSocket(uint32_t address)
+// A non-blocking UDP socket bound to `local`; -1 with errno set on failure.
+int makeUdpSocket(const RelayEndpoint& local)
 {
     const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    TAVO_ASSERT_TEXT(fd >= 0, "relay socket");
-    const sockaddr_in local = makeAddress(address, 0);
-    TAVO_ASSERT_TEXT(::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0,
-                     "relay bind");
+    const sockaddr_in address = makeAddress(local);
+    if (fd >= 0 && ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
+    {
+        const int error = errno;
+        ::close(fd);
+        errno = error;
+        return -1;
+    }
     return fd;
+}
+
+RelayOptions loopbackOptions(uint16_t targetPort, uint32_t seed)
+{
+    RelayOptions options;
+    options.target.port = targetPort;
+    options.seed = seed;
+    return options;
+}
+
+RelayEvent sessionEvent(RelayEvent::EKind kind, uint32_t session, const RelayEndpoint& client)
+{
+    RelayEvent event;
+    event.kind = kind;
+    event.session = session;
+    event.client = client;
+    return event;
 }
 
 } // namespace
 
-ImpairmentRelay::ImpairmentRelay(uint16_t targetPort, uint32_t seed) : m_targetPort(targetPort)
+ImpairmentRelay::ImpairmentRelay(uint16_t targetPort, uint32_t seed)
+    : ImpairmentRelay(loopbackOptions(targetPort, seed))
+{
+    if (!isOpen())
+    {
+        std::fprintf(stderr, "impairment relay: %s\n", m_error.c_str());
+        std::abort();
+    }
+}
+
+ImpairmentRelay::ImpairmentRelay(RelayOptions options) : m_options(std::move(options))
 {
     // Each direction draws from its own sequence, so traffic one way never
     // shifts the decisions made the other way.
     for (uint32_t direction = 0; direction < 2; ++direction)
     {
-        std::seed_seq sequence{seed, direction};
+        std::seed_seq sequence{m_options.seed, direction};
         m_generator[direction].seed(sequence);
+        m_impairment[direction] = m_options.impairment;
     }
+    if (open())
+    {
+        m_thread = std::thread([this] { run(); });
+    }
+}
 
-    m_socket = makeUdpSocket(INADDR_LOOPBACK);
+bool ImpairmentRelay::open()
+{
+    const int socket = makeUdpSocket(m_options.listen);
+    if (socket < 0)
+    {
+        m_error = std::string("cannot bind to UDP port ") + std::to_string(m_options.listen.port) +
+                  ": " + std::strerror(errno);
+        return false;
+    }
+    if (::pipe2(m_wakePipe, O_NONBLOCK | O_CLOEXEC) != 0)
+    {
+        m_error = std::string("cannot make a pipe: ") + std::strerror(errno);
+        ::close(socket);
+        return false;
+    }
     sockaddr_in bound{};
     socklen_t boundLength = sizeof(bound);
-    TAVO_ASSERT_TEXT(::getsockname(m_socket, reinterpret_cast<sockaddr*>(&bound), &boundLength) ==
-                         0,
-                     "relay getsockname");
+    ::getsockname(socket, reinterpret_cast<sockaddr*>(&bound), &boundLength);
     m_port = ntohs(bound.sin_port);
-    TAVO_ASSERT_TEXT(::pipe2(m_wakePipe, O_NONBLOCK | O_CLOEXEC) == 0, "relay wake pipe");
-
-    m_thread = std::thread([this] { run(); });
+    m_socket = socket;
+    return true;
 }
 
 ImpairmentRelay::~ImpairmentRelay()
@@ -155,9 +204,10 @@ void ImpairmentRelay::run()
             timeout.tv_nsec = static_cast<long>(nanoseconds.count() % 1000000000);
             pTimeout = &timeout;
         }
+        // Fails only on a signal (EINTR), or without memory for the set:
+        // either way the next turn tries again.
         if (::ppoll(fds.data(), fds.size(), pTimeout, nullptr) < 0)
         {
-            TAVO_ASSERT_TEXT(errno == EINTR, "relay poll");
             continue;
         }
         if (fds[0].revents != 0)
@@ -185,6 +235,7 @@ void ImpairmentRelay::run()
         const auto now = Clock::now();
         releaseExpiredHolds(now);
         sendDue(now);
+        forgetIdleSessions(now);
     }
 }
 
@@ -202,33 +253,88 @@ void ImpairmentRelay::receiveAll(int socket, Session* pSession, std::vector<uint
         }
         std::vector<uint8_t> bytes(buffer.begin(), buffer.begin() + size);
         const uint16_t sourcePort = ntohs(source.sin_port);
+        RelayDirection direction = RelayDirection::ServerToClient;
         if (pSession == nullptr)
         {
-            judge(RelayDirection::ClientToServer,
-                  findOrCreateSession(ntohl(source.sin_addr.s_addr), sourcePort), std::move(bytes));
+            direction = RelayDirection::ClientToServer;
+            pSession = findOrCreateSession({ntohl(source.sin_addr.s_addr), sourcePort});
         }
         else
         {
             // An accepted transport answers from its own new port: follow it.
             pSession->serverPort = sourcePort;
-            judge(RelayDirection::ServerToClient, pSession, std::move(bytes));
+        }
+        judge(direction, pSession, std::move(bytes));
+        if (direction == RelayDirection::ClientToServer)
+        {
+            pSession = nullptr;
         }
     }
 }
 
-ImpairmentRelay::Session* ImpairmentRelay::findOrCreateSession(uint32_t address, uint16_t port)
+ImpairmentRelay::Session* ImpairmentRelay::findOrCreateSession(const RelayEndpoint& client)
 {
-    auto& pSession = m_sessions[{address, port}];
-    if (!pSession)
+    const auto key = std::make_pair(client.address, client.port);
+    const auto found = m_sessions.find(key);
+    if (found != m_sessions.end())
     {
-        pSession = std::make_unique<Session>();
-        pSession->socket = makeUdpSocket(INADDR_ANY);
-        pSession->clientAddress = address;
-        pSession->clientPort = port;
+        return found->second.get();
+    }
+    // Out of sockets (a relay that meets many clients): this datagram is
+    // dropped, and the next one from the client tries again.
+    const int socket = makeUdpSocket({INADDR_ANY, 0});
+    if (socket < 0)
+    {
+        return nullptr;
+    }
+    auto pSession = std::make_unique<Session>();
+    pSession->socket = socket;
+    pSession->id = ++m_lastSessionId;
+    pSession->client = client;
+    Session* pCreated = m_sessions.emplace(key, std::move(pSession)).first->second.get();
+    {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_sessionCount = m_sessions.size();
     }
-    return pSession.get();
+    if (m_options.onEvent)
+    {
+        m_options.onEvent(sessionEvent(RelayEvent::SESSION_OPENED, pCreated->id, client));
+    }
+    return pCreated;
+}
+
+void ImpairmentRelay::forgetIdleSessions(Clock::time_point now)
+{
+    if (m_options.idleTimeout.count() <= 0 || now < m_nextIdleCheck)
+    {
+        return;
+    }
+    // A few looks per time-out are enough.
+    m_nextIdleCheck = now + m_options.idleTimeout / 4;
+    for (auto it = m_sessions.begin(); it != m_sessions.end();)
+    {
+        Session* pSession = it->second.get();
+        const auto inUse = [&](const Datagram& datagram) { return datagram.pSession == pSession; };
+        const bool queued =
+            std::any_of(m_queue.begin(), m_queue.end(),
+                        [&](const auto& entry) { return inUse(entry.second); }) ||
+            std::any_of(std::begin(m_held), std::end(m_held),
+                        [&](const auto& held) { return held && inUse(held->datagram); });
+        if (queued || now - pSession->lastSeen < m_options.idleTimeout)
+        {
+            ++it;
+            continue;
+        }
+        if (m_options.onEvent)
+        {
+            m_options.onEvent(
+                sessionEvent(RelayEvent::SESSION_CLOSED, pSession->id, pSession->client));
+        }
+        ::close(pSession->socket);
+        it = m_sessions.erase(it);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_sessionCount = m_sessions.size();
+    }
 }
 
 bool ImpairmentRelay::roll(std::mt19937& generator, double rate)
@@ -252,15 +358,38 @@ bool ImpairmentRelay::isBlocked(RelayDirection direction) const
 
 void ImpairmentRelay::judge(RelayDirection direction, Session* pSession, std::vector<uint8_t> bytes)
 {
+    RelayEvent event;
+    event.direction = direction;
+    // The watcher sees the bytes as they arrived, after the decision.
+    const std::vector<uint8_t> seen = m_options.onEvent ? bytes : std::vector<uint8_t>();
+    if (pSession != nullptr)
+    {
+        pSession->lastSeen = Clock::now();
+        event.session = pSession->id;
+        event.client = pSession->client;
+    }
+    decide(direction, pSession, std::move(bytes), event);
+    if (m_options.onEvent)
+    {
+        event.data = seen.data();
+        event.size = seen.size();
+        m_options.onEvent(event);
+    }
+}
+
+void ImpairmentRelay::decide(RelayDirection direction, Session* pSession,
+                             std::vector<uint8_t> bytes, RelayEvent& event)
+{
     const std::size_t i = index(direction);
     std::mt19937& generator = m_generator[i];
     std::lock_guard<std::mutex> lock(m_mutex);
     RelayCounts& counts = m_counts[i];
     const Impairment& impairment = m_impairment[i];
     ++counts.received;
-    if (isBlocked(direction) || roll(generator, impairment.dropRate))
+    if (pSession == nullptr || isBlocked(direction) || roll(generator, impairment.dropRate))
     {
         ++counts.dropped;
+        event.dropped = true;
         return;
     }
 
@@ -269,6 +398,7 @@ void ImpairmentRelay::judge(RelayDirection direction, Session* pSession, std::ve
     Datagram datagram{direction,    pSession,
                       isCon,        roll(generator, impairment.duplicateRate),
                       Clock::now(), std::move(bytes)};
+    event.duplicated = datagram.duplicate;
     auto extra = std::max(impairment.delay, std::chrono::microseconds::zero());
     if (impairment.jitter.count() > 0)
     {
@@ -279,6 +409,7 @@ void ImpairmentRelay::judge(RelayDirection direction, Session* pSession, std::ve
     {
         ++counts.delayed;
         datagram.due += extra;
+        event.delay = extra;
     }
 
     if (m_held[i])
@@ -293,6 +424,7 @@ void ImpairmentRelay::judge(RelayDirection direction, Session* pSession, std::ve
     if (roll(generator, impairment.reorderRate))
     {
         ++counts.reordered;
+        event.held = true;
         const auto deadline = datagram.due + impairment.reorderHold;
         m_held[i] = Held{std::move(datagram), deadline};
         return;
@@ -334,6 +466,10 @@ std::optional<ImpairmentRelay::Clock::time_point> ImpairmentRelay::nextWake() co
             wake = held->deadline;
         }
     }
+    if (m_options.idleTimeout.count() > 0 && !m_sessions.empty())
+    {
+        wake = wake ? std::min(*wake, m_nextIdleCheck) : m_nextIdleCheck;
+    }
     return wake;
 }
 
@@ -350,12 +486,13 @@ void ImpairmentRelay::send(const Datagram& datagram)
 {
     const Session& session = *datagram.pSession;
     int socket = m_socket;
-    sockaddr_in destination = makeAddress(session.clientAddress, session.clientPort);
+    sockaddr_in destination = makeAddress(session.client);
     if (datagram.direction == RelayDirection::ClientToServer)
     {
         socket = session.socket;
         const bool toListener = datagram.isCon || session.serverPort == 0;
-        destination = makeAddress(INADDR_LOOPBACK, toListener ? m_targetPort : session.serverPort);
+        destination = makeAddress(
+            {m_options.target.address, toListener ? m_options.target.port : session.serverPort});
     }
 
     std::lock_guard<std::mutex> lock(m_mutex);

@@ -4,18 +4,20 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <random>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-// A UDP relay on 127.0.0.1 between EUDP clients and one listening EUDP
-// endpoint on 127.0.0.1, impairing the traffic: loss, duplication,
-// reordering, delay, silence.
+// A UDP relay between EUDP clients and one listening EUDP endpoint, impairing
+// the traffic: loss, duplication, reordering, delay, silence. Tests and the
+// benchmark put it on loopback; `weft relay` puts it between any two hosts.
 //
 // Like a NAT, each client (address, port) gets a session with an upstream
 // socket of its own, and what comes back on it goes to that client from
@@ -23,7 +25,7 @@
 // to the target port; any other to the port the server side last answered
 // from on that session (an accepted transport answers from a new port), or
 // to the target port while none is known. Sessions live until the relay
-// stops.
+// stops, or until they have been idle for `idleTimeout` when one is set.
 //
 // Each datagram is judged on arrival: silence or blackhole drops it; then
 // `dropRate` may drop it; `duplicateRate` may give it a second copy; it is
@@ -67,15 +69,66 @@ struct RelayCounts
     uint64_t delayed = 0;    // datagrams given a non-zero delay
 };
 
+// An IPv4 address and port, both in host byte order.
+struct RelayEndpoint
+{
+    uint32_t address = 0;
+    uint16_t port = 0;
+};
+
+// What the relay saw, for whoever watches it (weft relay --print). Sessions
+// are numbered from 1 in the order clients first appear.
+struct RelayEvent
+{
+    enum EKind
+    {
+        SESSION_OPENED,
+        SESSION_CLOSED, // idle for the relay's idleTimeout
+        DATAGRAM,
+    };
+    EKind kind = DATAGRAM;
+    uint32_t session = 0;
+    RelayEndpoint client;
+    // DATAGRAM only: the bytes as they arrived and what the relay decided.
+    RelayDirection direction = RelayDirection::ClientToServer;
+    const uint8_t* data = nullptr;
+    std::size_t size = 0;
+    bool dropped = false;
+    bool duplicated = false;
+    bool held = false;
+    std::chrono::microseconds delay{0};
+};
+
+struct RelayOptions
+{
+    // Where clients send to; port 0 picks a free one.
+    RelayEndpoint listen{0x7F000001, 0};
+    RelayEndpoint target{0x7F000001, 0};
+    uint32_t seed = 0;
+    // In force from the first datagram, both ways; setImpairment changes it.
+    Impairment impairment;
+    // 0: sessions are kept until the relay stops.
+    std::chrono::milliseconds idleTimeout{0};
+    // Called on the relay's thread for every session and datagram; it must
+    // not call back into the relay.
+    std::function<void(const RelayEvent&)> onEvent;
+};
+
 class ImpairmentRelay
 {
 public:
-    // Stops the process if a socket cannot be made (a broken test setup).
+    // On 127.0.0.1, towards 127.0.0.1:targetPort; stops the process if a
+    // socket cannot be made (a broken test setup).
     ImpairmentRelay(uint16_t targetPort, uint32_t seed);
+    // isOpen() tells whether the listening socket could be made, and
+    // getError() why not.
+    explicit ImpairmentRelay(RelayOptions options);
     ~ImpairmentRelay();
     ImpairmentRelay(const ImpairmentRelay&) = delete;
     ImpairmentRelay& operator=(const ImpairmentRelay&) = delete;
 
+    bool isOpen() const { return m_socket >= 0; }
+    const std::string& getError() const { return m_error; }
     // The port clients send to.
     uint16_t getPort() const { return m_port; }
 
@@ -97,9 +150,10 @@ private:
     struct Session
     {
         int socket = -1;
-        uint32_t clientAddress = 0; // host byte order
-        uint16_t clientPort = 0;
+        uint32_t id = 0;
+        RelayEndpoint client;
         uint16_t serverPort = 0; // last source port seen upstream; 0 while unknown
+        Clock::time_point lastSeen;
     };
 
     struct Datagram
@@ -118,10 +172,14 @@ private:
         Clock::time_point deadline;
     };
 
+    bool open();
     void run();
     void receiveAll(int socket, Session* pSession, std::vector<uint8_t>& buffer);
-    Session* findOrCreateSession(uint32_t address, uint16_t port);
+    Session* findOrCreateSession(const RelayEndpoint& client);
+    void forgetIdleSessions(Clock::time_point now);
     void judge(RelayDirection direction, Session* pSession, std::vector<uint8_t> bytes);
+    void decide(RelayDirection direction, Session* pSession, std::vector<uint8_t> bytes,
+                RelayEvent& event);
     void schedule(Datagram datagram);
     void releaseExpiredHolds(Clock::time_point now);
     void sendDue(Clock::time_point now);
@@ -134,7 +192,8 @@ private:
         return direction == RelayDirection::ClientToServer ? 0 : 1;
     }
 
-    uint16_t m_targetPort;
+    const RelayOptions m_options;
+    std::string m_error;
     uint16_t m_port = 0;
     int m_socket = -1;
     int m_wakePipe[2] = {-1, -1};
@@ -150,6 +209,8 @@ private:
     // Touched by the relay thread only.
     std::mt19937 m_generator[2];
     std::map<std::pair<uint32_t, uint16_t>, std::unique_ptr<Session>> m_sessions;
+    uint32_t m_lastSessionId = 0;
+    Clock::time_point m_nextIdleCheck;
     std::map<std::pair<Clock::time_point, uint64_t>, Datagram> m_queue;
     uint64_t m_queueOrder = 0;
     std::optional<Held> m_held[2];

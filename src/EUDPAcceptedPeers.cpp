@@ -1,0 +1,73 @@
+#include "EUDPAcceptedPeers.h"
+
+EUDPAcceptedPeers::Key EUDPAcceptedPeers::keyOf(const tavo::HostAddress& address, uint16 port)
+{
+    return Key(address.getAddressString(), port);
+}
+
+std::map<EUDPAcceptedPeers::Key, EUDPAcceptedPeers::Entry>::iterator
+EUDPAcceptedPeers::find(EUDPTransport* transport)
+{
+    const auto key = m_keys.find(transport);
+    return key == m_keys.end() ? m_entries.end() : m_entries.find(key->second);
+}
+
+void EUDPAcceptedPeers::add(EUDPTransport* transport, const tavo::HostAddress& address, uint16 port,
+                            uint conArg)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const Key key = keyOf(address, port);
+    // A client that connects again from the same port takes the place of its
+    // old connection here; the old one ends by itself.
+    const auto old = m_entries.find(key);
+    if (old != m_entries.end())
+    {
+        m_halfOpen -= old->second.halfOpen ? 1 : 0;
+        m_keys.erase(old->second.transport);
+    }
+    m_entries[key] = Entry{transport, conArg, true};
+    m_keys[transport] = key;
+    ++m_halfOpen;
+}
+
+bool EUDPAcceptedPeers::answerAgain(const tavo::HostAddress& address, uint16 port, uint conArg,
+                                    const std::function<void(EUDPTransport&)>& answer)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto found = m_entries.find(keyOf(address, port));
+    if (found == m_entries.end() || found->second.conArg != conArg)
+    {
+        return false;
+    }
+    answer(*found->second.transport);
+    return true;
+}
+
+void EUDPAcceptedPeers::leaveHalfOpen(EUDPTransport* transport)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto found = find(transport);
+    if (found != m_entries.end() && found->second.halfOpen)
+    {
+        found->second.halfOpen = false;
+        --m_halfOpen;
+    }
+}
+
+void EUDPAcceptedPeers::remove(EUDPTransport* transport)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto found = find(transport);
+    if (found != m_entries.end())
+    {
+        m_halfOpen -= found->second.halfOpen ? 1 : 0;
+        m_entries.erase(found);
+    }
+    m_keys.erase(transport);
+}
+
+unsigned int EUDPAcceptedPeers::halfOpenCount() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_halfOpen;
+}

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <tavo/HostAddress.h>
+#include <tavo/Types.h>
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+
+class EUDPTransport;
+
+// What a listening EUDP transport knows of the connections it accepted,
+// shared with them (they may outlive it): which ones are half-open (nothing
+// heard from their peer since the ACK), and which peer each one serves, so
+// that a CON sent again by a client whose ACK was late or lost is answered
+// by the connection already made for it instead of by a second one.
+class EUDPAcceptedPeers
+{
+public:
+    EUDPAcceptedPeers() = default;
+    EUDPAcceptedPeers(const EUDPAcceptedPeers&) = delete;
+    EUDPAcceptedPeers& operator=(const EUDPAcceptedPeers&) = delete;
+
+    // A new connection for the peer at `address`:`port` whose CON carried
+    // `conArg`; it counts as half-open until it leaves.
+    void add(EUDPTransport* transport, const tavo::HostAddress& address, uint16 port, uint conArg);
+    // Runs `answer` with the connection made for that peer and CON, under
+    // the lock that keeps it from being destroyed meanwhile; false when there
+    // is none.
+    bool answerAgain(const tavo::HostAddress& address, uint16 port, uint conArg,
+                     const std::function<void(EUDPTransport&)>& answer);
+    // The connection heard from its peer or closed; only the first call counts.
+    void leaveHalfOpen(EUDPTransport* transport);
+    // The connection is being destroyed.
+    void remove(EUDPTransport* transport);
+    unsigned int halfOpenCount() const;
+
+private:
+    typedef std::pair<std::string, uint16> Key;
+    struct Entry
+    {
+        EUDPTransport* transport;
+        uint conArg;
+        bool halfOpen;
+    };
+
+    static Key keyOf(const tavo::HostAddress& address, uint16 port);
+    // The entry of `transport`, or end(); caller holds m_mutex.
+    std::map<Key, Entry>::iterator find(EUDPTransport* transport);
+
+    mutable std::mutex m_mutex;
+    std::map<Key, Entry> m_entries;
+    std::map<EUDPTransport*, Key> m_keys;
+    unsigned int m_halfOpen = 0;
+};

@@ -1,0 +1,263 @@
+// How two EUDP endpoints come to talk and how they part, run on the callers'
+// threads: listen and accept on the server, connect on the client,
+// disconnect on either side, and the control packets all of them send.
+
+#include <weft/EUDPTransport.h>
+
+#include "EUDPAcceptedPeers.h"
+#include "EUDPLiveness.h"
+#include "EUDPReceiveWindow.h"
+#include "EUDPSendWindow.h"
+#include "EUDPTimeouts.h"
+
+#include <tavo/Assert.h>
+#include <tavo/UdpSocket.h>
+
+#include <algorithm>
+
+bool EUDPTransport::listen(const tavo::HostAddress& address, uint16 port)
+{
+    TAVO_ASSERT(m_pSocket);
+    return m_pSocket->bind(address, port);
+}
+
+IWEFTTransport* EUDPTransport::accept()
+{
+    TAVO_ASSERT(m_pSocket);
+    std::lock_guard<std::mutex> acceptGuard(m_acceptMutex);
+    if (!m_pAcceptedPeers)
+    {
+        m_pAcceptedPeers = std::make_shared<EUDPAcceptedPeers>();
+    }
+    EUDPPacket request;
+    tavo::HostAddress source;
+    uint16 sourcePort = 0;
+    for (;;)
+    {
+        const int received = m_pSocket->receiveFrom(
+            request.getBuffer(), static_cast<int>(EUDP_MAX_PACKET_SIZE), source, sourcePort);
+        if (received < 1)
+        {
+            return nullptr;
+        }
+        if (!request.validatePacket(static_cast<uint>(received)))
+        {
+            log(tavo::LOG_LEVEL_WARNING) << "discarding invalid packet" << std::endl;
+            continue;
+        }
+        if (request.getCommand() != EUDP_CON)
+        {
+            log(tavo::LOG_LEVEL_WARNING)
+                << "received a non-CON packet without a connection (ignoring)" << std::endl;
+            continue;
+        }
+        const uint conArg = request.getArg();
+        // A client repeats its CON until it hears the ACK: the connection made
+        // for the first one answers again, from the port the client will use.
+        if (m_pAcceptedPeers->answerAgain(source, sourcePort, conArg,
+                                          [conArg](EUDPTransport& accepted)
+                                          { accepted.sendPacket(EUDP_ACK, conArg); }))
+        {
+            continue;
+        }
+        // Each accepted connection holds two threads and two packet rings
+        // until its peer answers or its dead-peer timer fires.
+        const unsigned int limit = m_halfOpenLimit;
+        if (limit != EUDP_NO_HALF_OPEN_LIMIT && m_pAcceptedPeers->halfOpenCount() >= limit)
+        {
+            log(tavo::LOG_LEVEL_WARNING)
+                << "too many half-open connections (ignoring CON)" << std::endl;
+            continue;
+        }
+        return acceptConnection(source, sourcePort, conArg);
+    }
+}
+
+EUDPTransport* EUDPTransport::acceptConnection(const tavo::HostAddress& source, uint16 port,
+                                               uint conArg)
+{
+    EUDPTransport* accepted = new EUDPTransport(source, port);
+    // The listener's time-outs, not whatever the standard is by now.
+    accepted->m_pTimeouts = std::make_unique<EUDPTimeouts>(*m_pTimeouts);
+    accepted->m_pSendWindow->setRetransmitTimeout(m_pTimeouts->retransmit);
+    // The peer's first data packet carries the number after its CON's.
+    accepted->m_pReceiveWindow->restart(ModuloValue::fromArg(conArg).next());
+    accepted->m_modeRequestsHeld = m_holdModeRequests.load();
+    accepted->m_strictPeer = m_strictPeer.load();
+    // Counted as half-open until its peer is heard from or it closes.
+    accepted->m_pAcceptedPeers = m_pAcceptedPeers;
+    accepted->m_halfOpen = true;
+    m_pAcceptedPeers->add(accepted, source, port, conArg);
+    // Sent from the new transport's own socket: the connection gets its own port.
+    accepted->sendPacket(EUDP_ACK, conArg);
+    accepted->m_receiver.start();
+    accepted->m_sender.start();
+    accepted->initTimers(m_pTimeouts->acceptedKeepAlive);
+    return accepted;
+}
+
+void EUDPTransport::renewForConnect()
+{
+    // Whatever an earlier connection or a failed attempt left running ends
+    // first: a receiver still waiting for a late ACK would otherwise run twice
+    // and race this connect on m_peerAddress. Closing the socket is what wakes
+    // it, so a new socket follows.
+    if (m_closed || m_receiver.isRunning() || m_sender.isRunning())
+    {
+        closeSocket();
+        wakeWaiters();
+        m_sender.shutdown(-1);
+        m_receiver.shutdown(-1);
+        stopTimers();
+        delete m_pSocket;
+        m_pSocket = newEudpSocket();
+    }
+    // A new connection starts from the state a new transport has: nothing of
+    // the old peer's data, modes or window carries over. The sequence numbers
+    // go on (the CON announces where) and the allow flags are local policy.
+    m_timersInitialised = false;
+    m_pLiveness.reset();
+    {
+        tavo::MutexLock lock(m_sendMutex);
+        const ModuloValue next = m_pSendWindow->nextNumber();
+        m_pSendWindow->restart(next, next.previous());
+        m_sendMode = CONN_MODE_REALTIME;
+    }
+    {
+        tavo::MutexLock lock(m_receiveMutex);
+        m_pReceiveWindow->restart(ModuloValue(0));
+    }
+    m_receiveMode = CONN_MODE_REALTIME;
+    m_windowSize = EUDP_DEFAULT_WINDOW;
+    m_closed = false;
+}
+
+bool EUDPTransport::connect(const tavo::HostAddress& address, uint16 port)
+{
+    TAVO_ASSERT(m_pSocket);
+    renewForConnect();
+    m_peerAddress = address;
+    // Port 0 marks the ACK that comes back as the answer to this CON.
+    m_peerPort = 0;
+    m_semConnected.clear();
+    uint first = 0;
+    {
+        tavo::MutexLock lock(m_sendMutex);
+        first = static_cast<uint>(m_pSendWindow->nextNumber().getValue());
+    }
+    m_conArg = first;
+    // The first send binds the socket to a local port, which names the log
+    // lines from then on; the receiver starts once there is a port to read.
+    sendPacket(EUDP_CON, first, port);
+    m_logPort = getLocalPort();
+    while (m_semReceived.take(0) == tavo::TAKE_OK)
+    {
+    }
+    m_receiver.start();
+
+    const bool answered = askPeer(
+        m_semConnected, m_pTimeouts->connect, m_pTimeouts->connectRepeat,
+        [&] { sendPacket(EUDP_CON, first, port); }, [] { return true; });
+    if (!answered)
+    {
+        if (m_closed)
+        {
+            // Disconnected meanwhile: nothing failed.
+            return false;
+        }
+        log(tavo::LOG_LEVEL_ERROR) << "failed to connect to " << address.getAddressString() << ":"
+                                   << port << " (timeout)" << std::endl;
+        return false;
+    }
+    bool rightAck = false;
+    {
+        tavo::MutexLock lock(m_sendMutex);
+        rightAck = m_pSendWindow->lastAcked().getValue() == static_cast<int>(first);
+        if (rightAck)
+        {
+            // The first data packet carries the CON's number + 1, as the
+            // accepting side expects.
+            const ModuloValue conNumber = m_pSendWindow->lastAcked();
+            m_pSendWindow->restart(conNumber.next(), conNumber);
+        }
+    }
+    if (!rightAck)
+    {
+        log(tavo::LOG_LEVEL_ERROR) << "failed to connect to " << address.getAddressString() << ":"
+                                   << port << " (wrong ACK)" << std::endl;
+        return false;
+    }
+    m_sender.start();
+    initTimers(m_pTimeouts->connectingKeepAlive);
+    return true;
+}
+
+bool EUDPTransport::askPeer(tavo::BinarySemaphore& answered, std::chrono::microseconds limit,
+                            std::chrono::microseconds repeat, const std::function<void()>& request,
+                            const std::function<bool()>& isAnswer)
+{
+    // A lost request or answer costs one repeat, not the whole wait. The
+    // first request has been sent by the caller.
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    auto nextRequest = std::chrono::steady_clock::now() + repeat;
+    for (;;)
+    {
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline || m_closed)
+        {
+            return false;
+        }
+        if (now >= nextRequest)
+        {
+            request();
+            nextRequest = now + repeat;
+        }
+        const auto wait = std::chrono::duration_cast<std::chrono::microseconds>(
+            std::min(deadline, nextRequest) - now);
+        // Closing gives the semaphore too, so that a disconnect ends the wait.
+        if (answered.take(toWaitMs(wait)) == tavo::TAKE_OK && !m_closed && isAnswer())
+        {
+            return true;
+        }
+    }
+}
+
+void EUDPTransport::disconnect()
+{
+    // Set first, so that a second call, even from another thread, does nothing.
+    if (m_closed.exchange(true))
+    {
+        return;
+    }
+    if (m_peerPort != 0)
+    {
+        stopTimers();
+        int next = 0;
+        {
+            tavo::MutexLock lock(m_sendMutex);
+            next = m_pSendWindow->nextNumber().getValue();
+        }
+        sendPacket(EUDP_DIS, static_cast<uint>(next));
+    }
+    closeSocket();
+    // The receiver wakes the others as it ends, but a transport that has no
+    // receiver (listening, never connected) must wake its callers too.
+    wakeWaiters();
+}
+
+bool EUDPTransport::sendPacket(EEUDPCommand command, uint arg, uint16 port)
+{
+    if (port == 0)
+    {
+        port = m_peerPort;
+    }
+    if (port == 0)
+    {
+        log(tavo::LOG_LEVEL_ERROR) << "no remote port (internal error)" << std::endl;
+        return false;
+    }
+    EUDPPacket packet(command);
+    packet.setArg(arg);
+    return m_pSocket->sendTo(packet.getBuffer(), static_cast<int>(packet.getLength()),
+                             m_peerAddress, port) == static_cast<int>(EUDP_HEADER_SIZE);
+}

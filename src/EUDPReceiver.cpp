@@ -1,0 +1,240 @@
+// The receiver thread: the only reader of a connection's socket. Every valid
+// datagram is a sign of life and goes to the handler of its command; every
+// answer (ACK, NAK, NOP, MAK, WAK) is sent from here.
+
+#include <weft/EUDPTransport.h>
+
+#include "EUDPModes.h"
+#include "EUDPReceiveWindow.h"
+#include "EUDPSendWindow.h"
+
+#include <tavo/UdpSocket.h>
+
+EUDPTransport::EUDPReceiver::EUDPReceiver() : tavo::Thread("eudp-receiver"), m_pOwner(nullptr) {}
+
+EUDPTransport::EUDPReceiver::~EUDPReceiver() {}
+
+void EUDPTransport::EUDPReceiver::run()
+{
+    if (m_pOwner != nullptr)
+    {
+        m_pOwner->receiverThread();
+    }
+}
+
+void EUDPTransport::receiverThread()
+{
+    // Every datagram lands in this one packet: nothing is allocated per datagram.
+    EUDPPacket packet;
+    tavo::HostAddress source;
+    uint16 sourcePort = 0;
+    while (!m_closed)
+    {
+        const int received = m_pSocket->receiveFrom(
+            packet.getBuffer(), static_cast<int>(EUDP_MAX_PACKET_SIZE), source, sourcePort);
+        if (received < 1)
+        {
+            break;
+        }
+        if (m_strictPeer && isStranger(source, sourcePort))
+        {
+            log(tavo::LOG_LEVEL_DEBUG) << "ignoring a datagram from " << source.getAddressString()
+                                       << ":" << sourcePort << " (not the peer)" << std::endl;
+            continue;
+        }
+        if (!packet.validatePacket(static_cast<uint>(received)))
+        {
+            log(tavo::LOG_LEVEL_WARNING) << "dropping invalid packet" << std::endl;
+            continue;
+        }
+        leaveHalfOpen();
+        resetTimers();
+        const uint arg = packet.getArg();
+        switch (packet.getCommand())
+        {
+        case EUDP_NOP:
+            break;
+        case EUDP_ACK:
+            handleAck(arg, sourcePort);
+            break;
+        case EUDP_NAK:
+            processNak(ModuloValue::fromArg(arg).getValue());
+            break;
+        case EUDP_DIS:
+            handleDisconnect();
+            break;
+        case EUDP_CMD:
+            handleData(packet);
+            break;
+        case EUDP_MOD:
+            handleModeRequest(arg);
+            break;
+        case EUDP_MAK:
+            m_modeAnswer = arg;
+            m_semModeAck.give();
+            break;
+        case EUDP_WIN:
+            handleWindowRequest(arg);
+            break;
+        case EUDP_WAK:
+            m_windowAnswer = arg;
+            m_semWindowAck.give();
+            break;
+        case EUDP_CON:
+        case EUDP_UNKNOWN:
+            log(tavo::LOG_LEVEL_WARNING) << "unknown/unexpected command (ignoring)" << std::endl;
+            break;
+        }
+    }
+    m_closed = true;
+    stopTimers();
+    leaveHalfOpen();
+    wakeWaiters();
+}
+
+void EUDPTransport::handleAck(uint arg, uint16 sourcePort)
+{
+    const ModuloValue seq = ModuloValue::fromArg(arg);
+    if (m_peerPort == 0)
+    {
+        // The answer to our CON, from the accepted transport's new port.
+        {
+            tavo::MutexLock lock(m_sendMutex);
+            m_pSendWindow->acknowledgeConnection(seq);
+        }
+        m_peerPort = sourcePort;
+        m_semConnected.give();
+        return;
+    }
+    if (sourcePort != m_peerPort && arg == m_conArg)
+    {
+        // A second connection answered a repeat of our CON (a server that
+        // makes one per CON): it is told to go, so it does not linger.
+        sendPacket(EUDP_DIS, 0, sourcePort);
+        return;
+    }
+    processAck(seq.getValue());
+}
+
+void EUDPTransport::processAck(int seq)
+{
+    EUDPSendWindow::AckResult result{false, 0};
+    {
+        tavo::MutexLock lock(m_sendMutex);
+        result = m_pSendWindow->onAck(ModuloValue(seq), std::chrono::steady_clock::now());
+    }
+    if (result.freed > 0)
+    {
+        m_semSendSpace.give();
+    }
+    if (result.accepted)
+    {
+        m_semSendWork.give();
+    }
+}
+
+void EUDPTransport::processNak(int seq)
+{
+    EUDPSendWindow::ENakResult result = EUDPSendWindow::NAK_IMPOSSIBLE;
+    {
+        tavo::MutexLock lock(m_sendMutex);
+        result = m_pSendWindow->onNak(ModuloValue(seq), std::chrono::steady_clock::now());
+    }
+    switch (result)
+    {
+    case EUDPSendWindow::NAK_FILL:
+        log(tavo::LOG_LEVEL_DEBUG) << "peer waits for packets sent before reliable sending "
+                                      "began: sending empty ones in their place"
+                                   << std::endl;
+        [[fallthrough]];
+    case EUDPSendWindow::NAK_RESEND:
+        m_semSendWork.give();
+        break;
+    case EUDPSendWindow::NAK_ACKED:
+        log(tavo::LOG_LEVEL_WARNING)
+            << "Received a NAK for a packet that had already been ACKed (ignoring)" << std::endl;
+        break;
+    case EUDPSendWindow::NAK_FILLING:
+    case EUDPSendWindow::NAK_IMPOSSIBLE:
+        break;
+    }
+}
+
+void EUDPTransport::handleDisconnect()
+{
+    m_closed = true;
+    stopTimers();
+    m_pSocket->close();
+}
+
+void EUDPTransport::handleData(const EUDPPacket& packet)
+{
+    // Read once, so that the answers agree with each other.
+    const EConnMode mode = m_receiveMode;
+    tavo::MutexLock lock(m_receiveMutex);
+    const EUDPReceiveWindow::Verdict verdict = m_pReceiveWindow->receive(packet, mode);
+    switch (verdict.arrival)
+    {
+    case EUDPReceiveWindow::ARRIVAL_DUPLICATE:
+        log(tavo::LOG_LEVEL_DEBUG) << "received a duplicate packet - ACK and ignore" << std::endl;
+        break;
+    case EUDPReceiveWindow::ARRIVAL_FULL:
+        log(tavo::LOG_LEVEL_DEBUG) << "receive buffer is full (dropping packet)" << std::endl;
+        break;
+    case EUDPReceiveWindow::ARRIVAL_GAP:
+        log(tavo::LOG_LEVEL_WARNING) << verdict.distance << " packets lost" << std::endl;
+        break;
+    case EUDPReceiveWindow::ARRIVAL_IN_ORDER:
+    case EUDPReceiveWindow::ARRIVAL_AHEAD:
+        break;
+    }
+    if (verdict.answer != EUDP_UNKNOWN)
+    {
+        sendPacket(verdict.answer, verdict.answerArg);
+    }
+    if (verdict.stored)
+    {
+        m_semReceived.give();
+    }
+}
+
+void EUDPTransport::handleModeRequest(uint arg)
+{
+    std::lock_guard<std::mutex> hold(m_modeHoldMutex);
+    if (m_modeRequestsHeld)
+    {
+        // Answered once the application has set its policy; only the newest
+        // request matters, an older one has been given up.
+        m_heldModeRequest = arg;
+        m_hasHeldModeRequest = true;
+        return;
+    }
+    answerModeRequest(arg);
+}
+
+void EUDPTransport::answerModeRequest(uint arg)
+{
+    const ModePolicy policy{m_allowSendRealtime, m_allowSendReliable, m_allowReceiveRealtime,
+                            m_allowReceiveReliable};
+    const ModeAnswer answer = ::answerModeRequest(arg, policy, m_sendMode, m_receiveMode);
+    if (answer.sendAccepted)
+    {
+        // Stays in force even when the receive half is refused.
+        changeSendMode(answer.send);
+    }
+    if (!answer.accepted)
+    {
+        log(tavo::LOG_LEVEL_WARNING) << "unknown mode request (ignoring)" << std::endl;
+        return;
+    }
+    m_receiveMode = answer.receive;
+    sendPacket(EUDP_MAK, answer.answerArg);
+}
+
+void EUDPTransport::handleWindowRequest(uint arg)
+{
+    // Taken as it comes: 0 and any other value.
+    m_windowSize = static_cast<int>(arg);
+    m_semSendWork.give();
+    sendPacket(EUDP_WAK, arg);
+}

@@ -1,0 +1,214 @@
+// What the application's threads ask of a connected EUDP transport: data to
+// send and to receive, modes and window to negotiate with the peer, and the
+// modes the peer may ask for.
+
+#include <weft/EUDPTransport.h>
+
+#include "EUDPModes.h"
+#include "EUDPReceiveWindow.h"
+#include "EUDPSendWindow.h"
+#include "EUDPTimeouts.h"
+
+#include <cstring>
+
+void EUDPTransport::allowSendMode(bool realtime, bool reliable)
+{
+    if (!realtime && !reliable)
+    {
+        log(tavo::LOG_LEVEL_ERROR) << "allowing neither realtime nor reliable mode" << std::endl;
+        return;
+    }
+    m_allowSendRealtime = realtime;
+    m_allowSendReliable = reliable;
+}
+
+void EUDPTransport::allowReceiveMode(bool realtime, bool reliable)
+{
+    if (!realtime && !reliable)
+    {
+        log(tavo::LOG_LEVEL_ERROR) << "allowing neither realtime nor reliable mode" << std::endl;
+        return;
+    }
+    m_allowReceiveRealtime = realtime;
+    m_allowReceiveReliable = reliable;
+}
+
+bool EUDPTransport::setSendMode(EConnMode mode)
+{
+    return requestMode(mode, true);
+}
+
+bool EUDPTransport::setReceiveMode(EConnMode mode)
+{
+    return requestMode(mode, false);
+}
+
+bool EUDPTransport::requestMode(EConnMode mode, bool sendDirection)
+{
+    const char* direction = sendDirection ? "send" : "receive";
+    const uint request = modeRequestArg(mode, sendDirection);
+    // An answer to an earlier request, or to an earlier copy of this one,
+    // echoes other letters and is passed over.
+    EModeReply reply = MODE_NOT_OURS;
+    uint answer = 0;
+    m_semModeAck.clear();
+    sendPacket(EUDP_MOD, request);
+    const bool answered = askPeer(
+        m_semModeAck, m_pTimeouts->negotiation, m_pTimeouts->negotiationRepeat,
+        [&] { sendPacket(EUDP_MOD, request); },
+        [&]
+        {
+            answer = m_modeAnswer;
+            reply = readModeAnswer(answer, request, mode, sendDirection);
+            return reply != MODE_NOT_OURS;
+        });
+    if (!answered)
+    {
+        log(tavo::LOG_LEVEL_ERROR)
+            << "failed to set " << direction << " mode (timeout)" << std::endl;
+        return false;
+    }
+    if (reply == MODE_REFUSED)
+    {
+        log(tavo::LOG_LEVEL_WARNING)
+            << "failed to set " << direction << " mode (peer refused)" << std::endl;
+        return false;
+    }
+    // Mirror the peer: what it sends we receive, and the other way round.
+    m_receiveMode = modeLetterAt(answer, 1);
+    changeSendMode(modeLetterAt(answer, 3));
+    return true;
+}
+
+void EUDPTransport::changeSendMode(EConnMode mode)
+{
+    {
+        tavo::MutexLock lock(m_sendMutex);
+        const EConnMode previous = m_sendMode.exchange(mode);
+        if (mode == CONN_MODE_RELIABLE && previous != CONN_MODE_RELIABLE)
+        {
+            m_pSendWindow->startReliable();
+        }
+    }
+    m_semSendWork.give();
+}
+
+bool EUDPTransport::setWindowSize(uint size)
+{
+    // A WAK for another size answers an earlier request: waited past, but
+    // reported if nothing better comes.
+    bool otherSize = false;
+    m_semWindowAck.clear();
+    sendPacket(EUDP_WIN, size);
+    const bool answered = askPeer(
+        m_semWindowAck, m_pTimeouts->negotiation, m_pTimeouts->negotiationRepeat,
+        [&] { sendPacket(EUDP_WIN, size); },
+        [&]
+        {
+            otherSize = m_windowAnswer != size;
+            return !otherSize;
+        });
+    if (answered)
+    {
+        return true;
+    }
+    if (otherSize)
+    {
+        log(tavo::LOG_LEVEL_ERROR) << "failed to set window size (tried " << size << ", got "
+                                   << m_windowAnswer.load() << ")" << std::endl;
+        return false;
+    }
+    log(tavo::LOG_LEVEL_ERROR) << "failed to set window size (timeout)" << std::endl;
+    return false;
+}
+
+bool EUDPTransport::sendData(const uint8* data, uint length)
+{
+    return queueData(data, length, true);
+}
+
+bool EUDPTransport::queueData(const uint8* data, uint length, bool waitForRoom)
+{
+    bool waited = false;
+    m_sendMutex.take();
+    for (;;)
+    {
+        if (m_closed)
+        {
+            log(tavo::LOG_LEVEL_DEBUG) << "trying to send, but connection closed" << std::endl;
+            m_sendMutex.give();
+            // One wake-up at closing must reach every caller waiting for room.
+            m_semSendSpace.give();
+            return false;
+        }
+        if (!m_pSendWindow->isFull())
+        {
+            break;
+        }
+        if (!waitForRoom)
+        {
+            m_sendMutex.give();
+            return false;
+        }
+        m_sendMutex.give();
+        m_semSendSpace.take();
+        waited = true;
+        m_sendMutex.take();
+    }
+    m_pSendWindow->queue(data, length);
+    const bool roomLeft = !m_pSendWindow->isFull();
+    m_sendMutex.give();
+    m_semSendWork.give();
+    // The wake-up this call consumed may stand for several freed slots: pass
+    // it on to the next caller waiting for room.
+    if (waited && roomLeft)
+    {
+        m_semSendSpace.give();
+    }
+    return true;
+}
+
+int EUDPTransport::receiveData(uint8* buffer, uint size)
+{
+    for (;;)
+    {
+        m_semReceived.take();
+        tavo::MutexLock lock(m_receiveMutex);
+        if (m_pReceiveWindow->isEmpty())
+        {
+            if (m_closed)
+            {
+                // The count goes back, so every later call reports the end at
+                // once too.
+                m_semReceived.give();
+                return 0;
+            }
+            // A count left by the closing of an earlier connection: wait on.
+            continue;
+        }
+        const EUDPPacket& packet = m_pReceiveWindow->oldest();
+        const uint length = packet.getPayloadLength();
+        if (size < length)
+        {
+            log(tavo::LOG_LEVEL_ERROR) << "receive failed, provided buffer too small" << std::endl;
+            // The packet stays first; its count goes back so that a retry with
+            // a larger buffer gets it at once.
+            m_semReceived.give();
+            return -1;
+        }
+        std::memcpy(buffer, packet.getPayload(), length);
+        m_pReceiveWindow->dropOldest();
+        return static_cast<int>(length);
+    }
+}
+
+void EUDPTransport::releaseModeRequests()
+{
+    std::lock_guard<std::mutex> hold(m_modeHoldMutex);
+    m_modeRequestsHeld = false;
+    if (m_hasHeldModeRequest)
+    {
+        m_hasHeldModeRequest = false;
+        answerModeRequest(m_heldModeRequest);
+    }
+}

@@ -1,0 +1,179 @@
+#include "EUDPSendWindow.h"
+
+#include <tavo/Assert.h>
+
+#include <algorithm>
+
+EUDPSendWindow::EUDPSendWindow(uint capacity, Duration retransmitTimeout)
+    : m_sendBuffer(capacity), m_nextSendSeq(0), m_lastSentSeq(-1), m_lastAckedSeq(-1),
+      m_inFlight(0), m_reliableFrom(0), m_fillNext(0), m_fillLeft(0), m_filledFrom(-1),
+      m_filler(EUDP_CMD), m_retransmitTimeout(retransmitTimeout)
+{
+}
+
+void EUDPSendWindow::queue(const uint8* data, uint length)
+{
+    TAVO_ASSERT(!m_sendBuffer.isFull());
+    EUDPPacket packet(EUDP_CMD);
+    packet.setArg(static_cast<uint>(m_nextSendSeq.getValue()));
+    m_nextSendSeq.increment();
+    packet.setData(data, length);
+    m_sendBuffer.push(packet);
+}
+
+void EUDPSendWindow::restart(ModuloValue next, ModuloValue acknowledged)
+{
+    while (!m_sendBuffer.isEmpty())
+    {
+        m_sendBuffer.pop();
+    }
+    m_nextSendSeq = next;
+    m_lastAckedSeq = acknowledged;
+    m_lastSentSeq = acknowledged;
+    m_reliableFrom = next;
+    m_inFlight = 0;
+    m_fillLeft = 0;
+    m_filledAt.reset();
+}
+
+void EUDPSendWindow::acknowledgeConnection(ModuloValue conNumber)
+{
+    m_lastAckedSeq = conNumber;
+    m_lastSentSeq = conNumber;
+}
+
+const EUDPPacket* EUDPSendWindow::takeOldest()
+{
+    if (m_sendBuffer.isEmpty())
+    {
+        return nullptr;
+    }
+    const EUDPPacket* oldest = &m_sendBuffer.front();
+    m_sendBuffer.pop();
+    return oldest;
+}
+
+void EUDPSendWindow::startReliable()
+{
+    m_reliableFrom = m_sendBuffer.isEmpty() ? m_nextSendSeq
+                                            : ModuloValue::fromArg(m_sendBuffer.front().getArg());
+    m_lastSentSeq = m_reliableFrom.previous();
+    m_lastAckedSeq = m_lastSentSeq;
+    m_inFlight = 0;
+    m_fillLeft = 0;
+    m_filledAt.reset();
+}
+
+const EUDPPacket* EUDPSendWindow::nextReliable(int window, TimePoint now)
+{
+    if (m_fillLeft > 0)
+    {
+        // Fillers are not counted in the window: the peer acknowledges numbers
+        // this side no longer tracks, so no acknowledgement would free them.
+        m_filler.setArg(static_cast<uint>(m_fillNext.getValue()));
+        m_fillNext.increment();
+        --m_fillLeft;
+        m_lastActivity = now;
+        return &m_filler;
+    }
+    if (m_sendBuffer.isEmpty() || window <= m_inFlight)
+    {
+        return nullptr;
+    }
+    const uint index = firstUnsentIndex();
+    if (index >= m_sendBuffer.size())
+    {
+        return nullptr;
+    }
+    const EUDPPacket& packet = m_sendBuffer.at(index);
+    ++m_inFlight;
+    m_lastSentSeq = ModuloValue::fromArg(packet.getArg());
+    m_lastActivity = now;
+    return &packet;
+}
+
+uint EUDPSendWindow::firstUnsentIndex() const
+{
+    const ModuloValue oldest = ModuloValue::fromArg(m_sendBuffer.at(0).getArg());
+    const int ahead = m_lastSentSeq.distance(oldest);
+    return ahead < 0 ? 0u : static_cast<uint>(ahead) + 1;
+}
+
+std::optional<EUDPSendWindow::TimePoint> EUDPSendWindow::retransmitDue() const
+{
+    if (m_sendBuffer.isEmpty() && m_fillLeft == 0)
+    {
+        return std::nullopt;
+    }
+    return m_lastActivity + m_retransmitTimeout;
+}
+
+void EUDPSendWindow::goBack(TimePoint now)
+{
+    m_lastSentSeq = m_lastAckedSeq;
+    m_inFlight = 0;
+    m_lastActivity = now;
+}
+
+bool EUDPSendWindow::wasQueued(ModuloValue seq) const
+{
+    // A negative number comes from an argument of 2^31 or more: no sender
+    // numbers a packet so.
+    return seq.getValue() >= 0 && seq.distance(m_nextSendSeq) < 0;
+}
+
+EUDPSendWindow::AckResult EUDPSendWindow::onAck(ModuloValue seq, TimePoint now)
+{
+    if (!seq.isAfter(m_lastAckedSeq) || !wasQueued(seq))
+    {
+        return AckResult{false, 0};
+    }
+    m_lastAckedSeq = seq;
+    uint freed = 0;
+    while (!m_sendBuffer.isEmpty() &&
+           !ModuloValue::fromArg(m_sendBuffer.front().getArg()).isAfter(m_lastAckedSeq))
+    {
+        m_sendBuffer.pop();
+        --m_inFlight;
+        ++freed;
+    }
+    m_lastActivity = now;
+    return AckResult{true, freed};
+}
+
+EUDPSendWindow::ENakResult EUDPSendWindow::onNak(ModuloValue seq, TimePoint now)
+{
+    if (seq.isAfter(m_lastAckedSeq))
+    {
+        if (!wasQueued(seq))
+        {
+            return NAK_IMPOSSIBLE;
+        }
+        // The next pass starts again at `seq` itself.
+        m_lastSentSeq = seq.previous();
+        m_inFlight = 0;
+        m_lastActivity = now;
+        return NAK_RESEND;
+    }
+    // The peer still waits for a number that was acknowledged or sent
+    // real-time. Only the latter is really missing: a reliable receiver has
+    // everything up to what it acknowledged.
+    const int owed = m_reliableFrom.distance(seq);
+    if (seq.getValue() < 0 || owed <= 0)
+    {
+        return NAK_ACKED;
+    }
+    if (m_filledAt && m_filledFrom.getValue() == seq.getValue() &&
+        now < *m_filledAt + m_retransmitTimeout)
+    {
+        return NAK_FILLING;
+    }
+    m_fillNext = seq;
+    m_fillLeft = std::min(static_cast<uint>(owed), m_sendBuffer.capacity());
+    m_filledFrom = seq;
+    m_filledAt = now;
+    // The packets after the gap were dropped by the peer: they follow the
+    // fillers at once.
+    goBack(now);
+    return NAK_FILL;
+}

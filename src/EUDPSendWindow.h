@@ -1,0 +1,117 @@
+#pragma once
+
+#include <weft/EUDPPacket.h>
+#include <weft/ModuloValue.h>
+#include <weft/RingBuffer.h>
+
+#include <chrono>
+#include <optional>
+
+// The sending half of the protocol, without sockets, threads or clocks: the
+// queue of numbered data packets, the reliable window with its
+// acknowledgements and go-back, and the numbers a peer still waits for that
+// left before reliable sending began. The transport calls it under its send
+// lock, passes the time in, and puts on the wire what it hands out.
+//
+// Numbers in the queue are consecutive: every number taken is queued, so the
+// packet with number n lies n - oldest places from the front.
+class EUDPSendWindow
+{
+public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+    using Duration = std::chrono::microseconds;
+
+    EUDPSendWindow(uint capacity, Duration retransmitTimeout);
+    EUDPSendWindow(const EUDPSendWindow&) = delete;
+    EUDPSendWindow& operator=(const EUDPSendWindow&) = delete;
+
+    // ---- the queue ----
+    bool isFull() const { return m_sendBuffer.isFull(); }
+    bool isEmpty() const { return m_sendBuffer.isEmpty(); }
+    uint queued() const { return m_sendBuffer.size(); }
+    // Queues one data packet under the next number; the queue must not be
+    // full. A payload too long for a packet leaves it empty (and logs).
+    void queue(const uint8* data, uint length);
+    // The number the next queued packet gets.
+    ModuloValue nextNumber() const { return m_nextSendSeq; }
+    // Connection set-up: the next number, and the number the peer has
+    // acknowledged (the connection ACK). Queue and counters start afresh.
+    void restart(ModuloValue next, ModuloValue acknowledged);
+
+    // The connection ACK: the peer has the CON's number.
+    void acknowledgeConnection(ModuloValue conNumber);
+    void setRetransmitTimeout(Duration timeout) { m_retransmitTimeout = timeout; }
+
+    // ---- real-time sending ----
+    // Removes the oldest packet and returns it; its slot stays untouched
+    // until the next queue(). Null when nothing is queued.
+    const EUDPPacket* takeOldest();
+
+    // ---- reliable sending ----
+    // Reliable sending takes over: both counters go to the number before the
+    // oldest queued packet, whatever real-time sending left in them.
+    void startReliable();
+    // What goes on the wire next: owed fillers first, then the first queued
+    // packet not yet sent in this pass while the window has room. Null when
+    // nothing may go now.
+    const EUDPPacket* nextReliable(int window, TimePoint now);
+    // When to go back if nothing is heard: set while anything is queued.
+    std::optional<TimePoint> retransmitDue() const;
+    // Everything after the last acknowledged packet is sent again.
+    void goBack(TimePoint now);
+
+    // ---- acknowledgements (from the receiver thread) ----
+    struct AckResult
+    {
+        bool accepted; // moved the acknowledged number on
+        uint freed;    // queue slots given back
+    };
+    // Acknowledges every queued packet up to and including `seq`.
+    AckResult onAck(ModuloValue seq, TimePoint now);
+
+    enum ENakResult
+    {
+        NAK_RESEND,    // sending starts again at `seq`
+        NAK_FILL,      // the peer waits for numbers no longer held: fillers owed
+        NAK_FILLING,   // a fill for that number is on its way already
+        NAK_ACKED,     // `seq` was acknowledged already: ignored
+        NAK_IMPOSSIBLE // a number never sent: ignored
+    };
+    // The peer expects `seq` next and has seen something later.
+    ENakResult onNak(ModuloValue seq, TimePoint now);
+
+    ModuloValue lastSent() const { return m_lastSentSeq; }
+    ModuloValue lastAcked() const { return m_lastAckedSeq; }
+    int inFlight() const { return m_inFlight; }
+
+private:
+    // True for a number this side has queued: before m_nextSendSeq, within
+    // half the number space.
+    bool wasQueued(ModuloValue seq) const;
+    uint firstUnsentIndex() const;
+
+    RingBuffer<EUDPPacket> m_sendBuffer;
+    ModuloValue m_nextSendSeq;
+    ModuloValue m_lastSentSeq;
+    ModuloValue m_lastAckedSeq;
+    // Packets sent in this pass and not yet acknowledged; a go-back sets it
+    // to 0 while acknowledgements of the earlier pass may still arrive, so it
+    // can fall below 0.
+    int m_inFlight;
+    // The first number of the current reliable phase: numbers before it went
+    // out real-time, and once acknowledged or gone they are no longer held.
+    ModuloValue m_reliableFrom;
+    // Fillers owed: empty data packets, from m_fillNext on, that bring a peer
+    // past numbers lost while sending was real-time. The peer stores nothing
+    // for them and acknowledges each.
+    ModuloValue m_fillNext;
+    uint m_fillLeft;
+    // The latest fill, so that the NAKs of packets already on their way do
+    // not start it again.
+    ModuloValue m_filledFrom;
+    std::optional<TimePoint> m_filledAt;
+    EUDPPacket m_filler;
+    Duration m_retransmitTimeout;
+    // The latest transmission, acknowledgement or go-back.
+    TimePoint m_lastActivity;
+};

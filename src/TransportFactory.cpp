@@ -1,0 +1,41 @@
+#include "TransportFactory.h"
+
+#include <weft/EUDPTransport.h>
+#include <weft/TCPTransport.h>
+
+#include <tavo/Assert.h>
+
+IWEFTTransport* TransportFactory::create(ETransport kind, const TransportOptions& options)
+{
+    switch (kind)
+    {
+    case TRANSPORT_EUDP:
+    {
+        EUDPTransport* eudp = new EUDPTransport();
+        eudp->setStrictPeer(options.strictPeer);
+        eudp->setHalfOpenLimit(options.halfOpenLimit);
+        eudp->holdModeRequests(options.holdModeRequests);
+        return eudp;
+    }
+    case TRANSPORT_TCP:
+        return new TCPTransport();
+    }
+    TAVO_ASSERT_TEXT(false, "unknown ETransport");
+    return nullptr;
+}
+
+void TransportFactory::setStrictPeer(IWEFTTransport& transport, bool strict)
+{
+    if (EUDPTransport* eudp = dynamic_cast<EUDPTransport*>(&transport))
+    {
+        eudp->setStrictPeer(strict);
+    }
+}
+
+void TransportFactory::releaseHeldModeRequests(IWEFTTransport& transport)
+{
+    if (EUDPTransport* eudp = dynamic_cast<EUDPTransport*>(&transport))
+    {
+        eudp->releaseModeRequests();
+    }
+}

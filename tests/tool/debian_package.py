@@ -1,0 +1,163 @@
+#!/usr/bin/env python3
+"""The Debian packages as a user meets them: built with cpack, installed with
+dpkg (into a scratch root, so that the machine is left alone), the installed
+examples built against them with CMake and with pkg-config and run against
+the installed weft tool, then removed.
+
+    debian_package.py --cpack CPACK --build-dir DIR --work-dir DIR --libdir lib/ARCH
+                      --examples DIR --cxx CXX --generator GEN [--flags "FLAGS"]
+"""
+import argparse
+import glob
+import gzip
+import json
+import os
+import shlex
+import shutil
+import socket
+import subprocess
+import sys
+import time
+import unittest
+
+ARGS = None
+WAIT = 60.0
+
+
+def run(*command, **kwargs):
+    result = subprocess.run(command, capture_output=True, text=True, timeout=300, **kwargs)
+    if result.returncode != 0:
+        raise AssertionError("failed: %s\n%s\n%s" % (" ".join(command), result.stdout, result.stderr))
+    return result.stdout
+
+
+class DebianPackageTest(unittest.TestCase):
+    def setUp(self):
+        shutil.rmtree(ARGS.work_dir, ignore_errors=True)
+        self.root = os.path.join(ARGS.work_dir, "root")
+        dpkg_dir = os.path.join(self.root, "var", "lib", "dpkg")
+        for folder in ("info", "updates", "triggers"):
+            os.makedirs(os.path.join(dpkg_dir, folder))
+        open(os.path.join(dpkg_dir, "status"), "w").close()
+        # Only the files and the packages' own relations are checked here:
+        # the scratch root holds no libc to depend on.
+        self.dpkg = ["dpkg", "--root=" + self.root, "--force-not-root", "--force-script-chrootless",
+                     "--force-depends", "--log=/dev/null"]
+        # The library package calls ldconfig after install and removal: in a
+        # scratch root that has nothing to do, and the machine's cache stays
+        # as it is.
+        bin_dir = os.path.join(ARGS.work_dir, "bin")
+        os.makedirs(bin_dir)
+        with open(os.path.join(bin_dir, "ldconfig"), "w") as fake:
+            fake.write("#!/bin/sh\nexit 0\n")
+        os.chmod(os.path.join(bin_dir, "ldconfig"), 0o755)
+        self.dpkg_env = dict(os.environ, PATH=bin_dir + os.pathsep + os.environ["PATH"])
+        self.procs = []
+
+    def tearDown(self):
+        for proc in self.procs:
+            if proc.poll() is None:
+                proc.kill()
+                proc.wait()
+
+    def start(self, *command):
+        proc = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True)
+        self.procs.append(proc)
+        return proc
+
+    def test_packages_install_build_both_examples_run_them_and_remove_cleanly(self):
+        run(ARGS.cpack, "-G", "DEB", "--config", os.path.join(ARGS.build_dir, "CPackConfig.cmake"),
+            "-B", ARGS.work_dir)
+        debs = {run("dpkg-deb", "--field", path, "Package").strip(): path
+                for path in glob.glob(os.path.join(ARGS.work_dir, "*.deb"))}
+        self.assertEqual(sorted(debs), ["libweft-dev", "libweft1", "weft-tools"])
+        version = run("dpkg-deb", "--field", debs["libweft1"], "Version").strip()
+        for package in ("libweft-dev", "weft-tools"):
+            self.assertIn("libweft1 (= %s)" % version,
+                          run("dpkg-deb", "--field", debs[package], "Depends"), package)
+
+        run(*self.dpkg, "--install", *debs.values(), env=self.dpkg_env)
+        libdir = "usr/" + ARGS.libdir
+        owned = {package: run(*self.dpkg, "--listfiles", package).split()
+                 for package in debs}
+        expected = {
+            "libweft1": ["/%s/libweftlib.so.1" % libdir, "/usr/share/doc/libweft1/copyright"],
+            "libweft-dev": ["/%s/libweftlib.so" % libdir, "/usr/include/weft/WEFTConnection.h",
+                            "/usr/include/weft/platform/tavo/Thread.h",
+                            "/%s/cmake/weft/weftConfig.cmake" % libdir,
+                            "/%s/pkgconfig/weft.pc" % libdir, "/usr/share/doc/libweft-dev/copyright"],
+            "weft-tools": ["/usr/bin/weft", "/usr/share/man/man1/weft.1.gz",
+                           "/usr/share/bash-completion/completions/weft",
+                           "/usr/share/doc/weft-tools/copyright"],
+        }
+        for package, files in expected.items():
+            for path in files:
+                self.assertIn(path, owned[package], package)
+        self.assertFalse(os.path.exists(os.path.join(self.root, "usr/include/tavo")))
+        with gzip.open(os.path.join(self.root, "usr/share/man/man1/weft.1.gz"), "rt") as man:
+            page = man.read()
+        for section in ("NAME", "SERVE", "CONNECT", "RELAY", "DEMO", "LIMITS", "EXIT STATUS"):
+            self.assertIn(".SH " + section, page)
+
+        # What a user of the installed package would type, minus the root.
+        pc_env = dict(os.environ, PKG_CONFIG_LIBDIR=os.path.join(self.root, libdir, "pkgconfig"))
+        self.assertEqual(run("pkg-config", "--cflags", "--libs", "weft", env=pc_env).split(),
+                         ["-I/usr/include/weft/platform", "-lweftlib"])
+        pc_env["PKG_CONFIG_SYSROOT_DIR"] = self.root
+        pc_flags = shlex.split(run("pkg-config", "--cflags", "--libs", "weft", env=pc_env))
+        flags = shlex.split(ARGS.flags)
+        examples = os.path.join(ARGS.work_dir, "examples")
+        run("cmake", "-S", ARGS.examples, "-B", examples, "-G", ARGS.generator,
+            "-DCMAKE_CXX_COMPILER=" + ARGS.cxx, "-DCMAKE_PREFIX_PATH=" + os.path.join(self.root, "usr"),
+            "-DCMAKE_CXX_FLAGS=" + ARGS.flags, "-DCMAKE_EXE_LINKER_FLAGS=" + ARGS.flags)
+        run("cmake", "--build", examples)
+        client = os.path.join(ARGS.work_dir, "minimal_client_pc")
+        run(ARGS.cxx, "-std=c++20", *flags, os.path.join(ARGS.examples, "minimal_client.cpp"),
+            *pc_flags, "-Wl,-rpath," + os.path.join(self.root, libdir), "-o", client)
+
+        weft = os.path.join(self.root, "usr/bin/weft")
+        server = self.start(weft, "serve", "--host", "127.0.0.1", "--port", "0", "--json")
+        port = json.loads(server.stdout.readline())["port"]
+        server.stdin.write("update greeting 'hello there'\n")
+        server.stdin.flush()
+        self.assertIn("update greeting = hello there", run(client, "127.0.0.1", str(port)))
+        # The client's call reaches the server before it disconnects; ctest's
+        # time limit ends this read should it never come.
+        for line in server.stdout:
+            event = json.loads(line)
+            if event["event"] == "call":
+                self.assertEqual(event["params"], {"attempt": 1, "from": "minimal_client"})
+                break
+
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            free = probe.getsockname()[1]
+        example = self.start(os.path.join(examples, "minimal_server"), str(free))
+        connect = [weft, "connect", "127.0.0.1:%d" % free, "-s", "greeting", "-n", "1", "--json"]
+        for _ in range(int(WAIT / 0.05)):
+            client_run = subprocess.run(connect, stdin=subprocess.DEVNULL, capture_output=True,
+                                        text=True, timeout=WAIT)
+            if client_run.returncode == 0:
+                break
+            time.sleep(0.05)  # the example is still starting
+        events = [json.loads(line) for line in client_run.stdout.splitlines()]
+        self.assertIn("hello from the server", [event.get("value") for event in events],
+                      client_run.stderr)
+        # Enter stops the example server.
+        self.assertIn("subscribe greeting", example.communicate("\n", timeout=WAIT)[0])
+
+        run(*self.dpkg, "--purge", *debs, env=self.dpkg_env)
+        left = [os.path.join(folder, name) for folder, _, names in os.walk(os.path.join(self.root, "usr"))
+                for name in names]
+        self.assertEqual(left, [])
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    for option in ("--cpack", "--build-dir", "--work-dir", "--libdir", "--examples", "--cxx",
+                   "--generator"):
+        parser.add_argument(option, required=True)
+    parser.add_argument("--flags", default="")
+    ARGS, rest = parser.parse_known_args()
+    unittest.main(argv=[sys.argv[0]] + rest)
