@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a fresh machine lacks, and nothing it has.
-#   scripts/setup.sh        what the library and the weft tool need to build
+#   scripts/setup.sh        what the library, the weft tool and the Python
+#                           module need to build
 #   scripts/setup.sh test   that, and what the test suite and fuzzing need;
 #                           tshark (the dissector's tests) and ENet (the
 #                           benchmark's baseline) come from the scripts beside
@@ -11,10 +12,12 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 packages=(
     cmake ninja-build g++ pkg-config
     libcli11-dev                           # the weft tool's argument parser
+    pybind11-dev python3-dev               # the Python module
 )
 if [ "${1:-}" = test ]; then
     packages+=(
         python3                            # the tool, package and dissector tests
+        python3-pytest                     # the Python module's tests
         googletest libgtest-dev libgmock-dev   # test framework sources and headers
         g++-multilib                       # the 32-bit build
         clang libclang-rt-14-dev           # fuzz targets (libFuzzer)

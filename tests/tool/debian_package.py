@@ -71,9 +71,10 @@ class DebianPackageTest(unittest.TestCase):
             "-B", ARGS.work_dir)
         debs = {run("dpkg-deb", "--field", path, "Package").strip(): path
                 for path in glob.glob(os.path.join(ARGS.work_dir, "*.deb"))}
-        self.assertEqual(sorted(debs), ["libweft-dev", "libweft1", "weft-tools"])
+        python = ["python3-weft"] if ARGS.python_module == "1" else []
+        self.assertEqual(sorted(debs), sorted(["libweft-dev", "libweft1", "weft-tools"] + python))
         version = run("dpkg-deb", "--field", debs["libweft1"], "Version").strip()
-        for package in ("libweft-dev", "weft-tools"):
+        for package in ["libweft-dev", "weft-tools"] + python:
             self.assertIn("libweft1 (= %s)" % version,
                           run("dpkg-deb", "--field", debs[package], "Depends"), package)
 
@@ -91,9 +92,20 @@ class DebianPackageTest(unittest.TestCase):
                            "/usr/share/bash-completion/completions/weft",
                            "/usr/share/doc/weft-tools/copyright"],
         }
+        if python:
+            expected["python3-weft"] = ["/usr/share/doc/python3-weft/copyright"]
+            modules = [path for path in owned["python3-weft"]
+                       if path.startswith("/usr/lib/python3/dist-packages/weft.")]
+            self.assertEqual(len(modules), 1, owned["python3-weft"])
         for package, files in expected.items():
             for path in files:
                 self.assertIn(path, owned[package], package)
+        if python and os.path.exists("/usr/bin/python3"):
+            # The module is for Debian's python3, and finds the library beside it.
+            imported = run("/usr/bin/python3", "-c", "import weft; print(weft.__file__)",
+                           env={"PATH": os.environ["PATH"],
+                                "PYTHONPATH": self.root + "/usr/lib/python3/dist-packages"})
+            self.assertEqual(imported.strip(), self.root + modules[0])
         self.assertFalse(os.path.exists(os.path.join(self.root, "usr/include/tavo")))
         with gzip.open(os.path.join(self.root, "usr/share/man/man1/weft.1.gz"), "rt") as man:
             page = man.read()
@@ -159,5 +171,6 @@ if __name__ == "__main__":
                    "--generator"):
         parser.add_argument(option, required=True)
     parser.add_argument("--flags", default="")
+    parser.add_argument("--python-module", default="0", help="1 when the Python module is built")
     ARGS, rest = parser.parse_known_args()
     unittest.main(argv=[sys.argv[0]] + rest)
