@@ -126,7 +126,7 @@ TEST_F(WEFTConnectionTest, ARequestThatFitsGoesWholeAndOneByteMoreIsRefusedWithN
         {"function call", [&](int extra)
          {
              ParameterList params;
-             params.addString("s", std::string(1480 + extra, 'v'));
+             params.addString("s", std::string(1481 + extra, 'v'));
              return m_connection->callFunctionId("f", params);
          }},
     };
