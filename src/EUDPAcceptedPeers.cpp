@@ -22,10 +22,11 @@ void EUDPAcceptedPeers::add(EUDPTransport* transport, const tavo::HostAddress& a
     const auto old = m_entries.find(key);
     if (old != m_entries.end())
     {
-        m_halfOpen -= old->second.halfOpen ? 1 : 0;
+        endHalfOpen(old->second);
         m_keys.erase(old->second.transport);
     }
-    m_entries[key] = Entry{transport, conArg, true};
+    m_entries[key] =
+        Entry{transport, conArg, true, m_halfOpenOrder.insert(m_halfOpenOrder.end(), transport)};
     m_keys[transport] = key;
     ++m_halfOpen;
 }
@@ -47,11 +48,33 @@ void EUDPAcceptedPeers::leaveHalfOpen(EUDPTransport* transport)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = find(transport);
-    if (found != m_entries.end() && found->second.halfOpen)
+    if (found != m_entries.end())
     {
-        found->second.halfOpen = false;
+        endHalfOpen(found->second);
+    }
+}
+
+void EUDPAcceptedPeers::endHalfOpen(Entry& entry)
+{
+    if (entry.halfOpen)
+    {
+        entry.halfOpen = false;
+        m_halfOpenOrder.erase(entry.order);
         --m_halfOpen;
     }
+}
+
+bool EUDPAcceptedPeers::evictOldestHalfOpen(const std::function<void(EUDPTransport&)>& evict)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_halfOpenOrder.empty())
+    {
+        return false;
+    }
+    EUDPTransport* oldest = m_halfOpenOrder.front();
+    endHalfOpen(find(oldest)->second);
+    evict(*oldest);
+    return true;
 }
 
 void EUDPAcceptedPeers::remove(EUDPTransport* transport)
@@ -60,7 +83,7 @@ void EUDPAcceptedPeers::remove(EUDPTransport* transport)
     const auto found = find(transport);
     if (found != m_entries.end())
     {
-        m_halfOpen -= found->second.halfOpen ? 1 : 0;
+        endHalfOpen(found->second);
         m_entries.erase(found);
     }
     m_keys.erase(transport);

@@ -4,6 +4,7 @@
 #include <tavo/Types.h>
 
 #include <functional>
+#include <list>
 #include <map>
 #include <mutex>
 #include <string>
@@ -33,6 +34,9 @@ public:
                      const std::function<void(EUDPTransport&)>& answer);
     // The connection heard from its peer or closed; only the first call counts.
     void leaveHalfOpen(EUDPTransport* transport);
+    // Runs `evict` with the connection that has been half-open longest, under
+    // the lock, and counts it open no more; false when none is half-open.
+    bool evictOldestHalfOpen(const std::function<void(EUDPTransport&)>& evict);
     // The connection is being destroyed.
     void remove(EUDPTransport* transport);
     unsigned int halfOpenCount() const;
@@ -44,14 +48,20 @@ private:
         EUDPTransport* transport;
         uint conArg;
         bool halfOpen;
+        // Its place in m_halfOpenOrder while half-open.
+        std::list<EUDPTransport*>::iterator order;
     };
 
     static Key keyOf(const tavo::HostAddress& address, uint16 port);
     // The entry of `transport`, or end(); caller holds m_mutex.
     std::map<Key, Entry>::iterator find(EUDPTransport* transport);
+    // Counts the entry open no more; caller holds m_mutex.
+    void endHalfOpen(Entry& entry);
 
     mutable std::mutex m_mutex;
     std::map<Key, Entry> m_entries;
     std::map<EUDPTransport*, Key> m_keys;
+    // Half-open connections, oldest first.
+    std::list<EUDPTransport*> m_halfOpenOrder;
     unsigned int m_halfOpen = 0;
 };

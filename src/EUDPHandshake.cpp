@@ -60,14 +60,24 @@ IWEFTTransport* EUDPTransport::accept()
         {
             continue;
         }
-        // Each accepted connection holds two threads and two packet rings
-        // until its peer answers or its dead-peer timer fires.
+        // Each accepted connection holds threads and a socket until its peer
+        // answers or its dead-peer timer fires. At the limit the one silent
+        // longest goes: a flood of CONs then costs a bounded number of
+        // connections, while a real client, which answers within a round
+        // trip, still gets in.
         const unsigned int limit = m_halfOpenLimit;
-        if (limit != EUDP_NO_HALF_OPEN_LIMIT && m_pAcceptedPeers->halfOpenCount() >= limit)
+        if (limit != EUDP_NO_HALF_OPEN_LIMIT && m_pAcceptedPeers->halfOpenCount() >= limit &&
+            m_pAcceptedPeers->evictOldestHalfOpen([](EUDPTransport& oldest)
+                                                  { oldest.disconnect(); }))
         {
-            log(tavo::LOG_LEVEL_WARNING)
-                << "too many half-open connections (ignoring CON)" << std::endl;
-            continue;
+            const auto now = std::chrono::steady_clock::now();
+            if (now >= m_nextHalfOpenLine)
+            {
+                // At most once a second: a flood must not flood the log too.
+                m_nextHalfOpenLine = now + std::chrono::seconds(1);
+                log(tavo::LOG_LEVEL_WARNING)
+                    << "too many half-open connections (closing the oldest)" << std::endl;
+            }
         }
         return acceptConnection(source, sourcePort, conArg);
     }
@@ -80,6 +90,7 @@ EUDPTransport* EUDPTransport::acceptConnection(const tavo::HostAddress& source, 
     // The listener's time-outs, not whatever the standard is by now.
     accepted->m_pTimeouts = std::make_unique<EUDPTimeouts>(*m_pTimeouts);
     accepted->m_pSendWindow->setRetransmitTimeout(m_pTimeouts->retransmit);
+    accepted->m_sendTimeoutMs = m_sendTimeoutMs.load();
     // The peer's first data packet carries the number after its CON's.
     accepted->m_pReceiveWindow->restart(ModuloValue::fromArg(conArg).next());
     accepted->m_modeRequestsHeld = m_holdModeRequests.load();
@@ -189,6 +200,10 @@ bool EUDPTransport::connect(const tavo::HostAddress& address, uint16 port)
     }
     m_sender.start();
     initTimers(m_pTimeouts->connectingKeepAlive);
+    // A sign of life at once: the accepting side counts the connection
+    // half-open until it hears from us, and may close the oldest half-open
+    // one when CONs flood it.
+    sendPacket(EUDP_NOP, 0);
     return true;
 }
 

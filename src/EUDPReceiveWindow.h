@@ -52,6 +52,15 @@ public:
     // The oldest stored packet; only when not empty.
     const EUDPPacket& oldest() { return m_receiveBuffer.front(); }
     void dropOldest() { m_receiveBuffer.pop(); }
+    // Gives the queue's memory back once nothing is stored (a closed
+    // connection's last payload was handed out).
+    void releaseIfEmpty()
+    {
+        if (m_receiveBuffer.isEmpty())
+        {
+            m_receiveBuffer.release();
+        }
+    }
 
 private:
     ModuloValue m_expectedSeq;

@@ -5,13 +5,15 @@
 #include <weft/EUDPTransport.h>
 
 #include "EUDPModes.h"
-#include "EUDPTimeouts.h"
 #include "EUDPReceiveWindow.h"
 #include "EUDPSendWindow.h"
+#include "EUDPTimeouts.h"
 
 #include <weft/IWEFTNegotiationObserver.h>
 
 #include <tavo/UdpSocket.h>
+
+#include <algorithm>
 
 EUDPTransport::EUDPReceiver::EUDPReceiver() : tavo::Thread("eudp-receiver"), m_pOwner(nullptr) {}
 
@@ -92,6 +94,16 @@ void EUDPTransport::receiverThread()
     m_closed = true;
     stopTimers();
     leaveHalfOpen();
+    // Nothing more is sent; stored payloads wait for receiveData, which gives
+    // their memory back after the last one.
+    {
+        tavo::MutexLock lock(m_sendMutex);
+        m_pSendWindow->discard();
+    }
+    {
+        tavo::MutexLock lock(m_receiveMutex);
+        m_pReceiveWindow->releaseIfEmpty();
+    }
     wakeWaiters();
 }
 
@@ -256,8 +268,11 @@ bool EUDPTransport::isNewRequest(EEUDPCommand command, uint arg)
 
 void EUDPTransport::handleWindowRequest(uint arg)
 {
-    // Taken as it comes: 0 and any other value.
-    m_windowSize = static_cast<int>(arg);
+    // 0 is taken as it comes (the peer may hold this side's data back); a
+    // window beyond what the send ring holds is the whole ring, which a
+    // window of 2^31 or more must not turn into a negative one that holds
+    // everything back. The answer carries the request as it came.
+    m_windowSize = static_cast<int>(std::min<uint>(arg, EUDP_RING_CAPACITY - 1));
     m_semSendWork.give();
     sendPacket(EUDP_WAK, arg);
     IWEFTNegotiationObserver* observer = m_pNegotiationObserver;

@@ -130,6 +130,8 @@ bool EUDPTransport::sendData(const uint8* data, uint length)
 bool EUDPTransport::queueData(const uint8* data, uint length, bool waitForRoom)
 {
     bool waited = false;
+    const unsigned int limitMs = m_sendTimeoutMs;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
     m_sendMutex.take();
     for (;;)
     {
@@ -151,7 +153,25 @@ bool EUDPTransport::queueData(const uint8* data, uint length, bool waitForRoom)
             return false;
         }
         m_sendMutex.give();
-        m_semSendSpace.take();
+        if (limitMs == 0)
+        {
+            m_semSendSpace.take();
+        }
+        else if (m_semSendSpace.take(toWaitMs(std::chrono::duration_cast<std::chrono::microseconds>(
+                     deadline - std::chrono::steady_clock::now()))) == tavo::TAKE_OK)
+        {
+            // A slot was freed: the peer is taking data, the wait starts over.
+            deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+        }
+        else
+        {
+            // Nothing taken for the whole time: a peer that stopped reading
+            // must not hold this caller, and whoever waits behind it, for good.
+            log(tavo::LOG_LEVEL_ERROR) << "no room to send for " << limitMs
+                                       << " ms: the peer takes nothing (closing)" << std::endl;
+            disconnect();
+            return false;
+        }
         waited = true;
         m_sendMutex.take();
     }
@@ -181,6 +201,7 @@ int EUDPTransport::receiveData(uint8* buffer, uint size)
                 // The count goes back, so every later call reports the end at
                 // once too.
                 m_semReceived.give();
+                m_pReceiveWindow->releaseIfEmpty();
                 return 0;
             }
             // A count left by the closing of an earlier connection: wait on.

@@ -36,6 +36,16 @@ void EUDPSendWindow::restart(ModuloValue next, ModuloValue acknowledged)
     m_filledAt.reset();
 }
 
+void EUDPSendWindow::discard()
+{
+    while (!m_sendBuffer.isEmpty())
+    {
+        m_sendBuffer.pop();
+    }
+    m_sendBuffer.release();
+    m_fillLeft = 0;
+}
+
 void EUDPSendWindow::acknowledgeConnection(ModuloValue conNumber)
 {
     m_lastAckedSeq = conNumber;

@@ -42,6 +42,10 @@ public:
     void acknowledgeConnection(ModuloValue conNumber);
     void setRetransmitTimeout(Duration timeout) { m_retransmitTimeout = timeout; }
 
+    // The connection ended: whatever is queued is dropped and the queue's
+    // memory given back.
+    void discard();
+
     // ---- real-time sending ----
     // Removes the oldest packet and returns it; its slot stays untouched
     // until the next queue(). Null when nothing is queued.

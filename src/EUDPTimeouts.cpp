@@ -19,7 +19,7 @@ EUDPTimeouts EUDPTimeouts::shortenedBy(int divisor) const
     for (Duration* value :
          {&shorter.connect, &shorter.connectRepeat, &shorter.negotiation,
           &shorter.negotiationRepeat, &shorter.retransmit, &shorter.acceptedKeepAlive,
-          &shorter.connectingKeepAlive, &shorter.deadPeer})
+          &shorter.connectingKeepAlive, &shorter.deadPeer, &shorter.sendStall, &shorter.tcpMessage})
     {
         *value /= divisor;
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <weft/Constants.h>
+
 #include <chrono>
 
 // Every time-out of the EUDP transport, in one place: the values a transport
@@ -28,6 +30,12 @@ struct EUDPTimeouts
     Duration connectingKeepAlive{std::chrono::seconds(1)};
     // Silence after the first unanswered keep-alive after which the peer is dead.
     Duration deadPeer{std::chrono::seconds(10)};
+    // How long a sender may wait for room while the peer acknowledges
+    // nothing before the connection is closed (a transport's own setting
+    // starts from it).
+    Duration sendStall{std::chrono::milliseconds(WEFT_SEND_TIMEOUT_MS)};
+    // TCP: a message that has begun must arrive whole within this time.
+    Duration tcpMessage{std::chrono::milliseconds(TCP_MESSAGE_TIMEOUT_MS)};
 
     // Every value divided by `divisor` (tests: the same protocol, faster).
     EUDPTimeouts shortenedBy(int divisor) const;

@@ -29,6 +29,8 @@ EUDPTransport::EUDPTransport(const tavo::HostAddress& peer, uint16 port)
       m_timersInitialised(false), m_pLog(weftLogOutput()), m_pAliveCallback(nullptr),
       m_conArg(NO_CON)
 {
+    m_sendTimeoutMs = static_cast<unsigned int>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(m_pTimeouts->sendStall).count());
     m_pSocket = newEudpSocket();
     m_sender.m_pOwner = this;
     m_receiver.m_pOwner = this;
@@ -131,6 +133,11 @@ void EUDPTransport::setStrictPeer(bool strict)
 void EUDPTransport::setHalfOpenLimit(unsigned int limit)
 {
     m_halfOpenLimit = limit;
+}
+
+void EUDPTransport::setSendTimeout(unsigned int timeoutMs)
+{
+    m_sendTimeoutMs = timeoutMs;
 }
 
 void EUDPTransport::setNegotiationObserver(IWEFTNegotiationObserver* observer)

@@ -1,22 +1,43 @@
 #include <weft/TCPTransport.h>
 
 #include "ByteOrder.h"
+#include "EUDPTimeouts.h"
+#include "WeftLog.h"
 
 #include <weft/Constants.h>
 
 #include <tavo/Assert.h>
 #include <tavo/TcpSocket.h>
 
-TCPTransport::TCPTransport() : m_pSocket(new tavo::TcpSocket()), m_closed(false)
-{
-    m_pSocket->setNoDelay(true);
-}
+#include <algorithm>
 
-TCPTransport::TCPTransport(tavo::TcpSocket* socket) : m_pSocket(socket), m_closed(false)
+TCPTransport::TCPTransport() : TCPTransport(new tavo::TcpSocket()) {}
+
+TCPTransport::TCPTransport(tavo::TcpSocket* socket)
+    : m_pSocket(socket), m_closed(false),
+      m_sendTimeoutMs(static_cast<unsigned int>(
+          std::chrono::duration_cast<std::chrono::milliseconds>(EUDPTimeouts::standard().sendStall)
+              .count())),
+      m_messageTimeout(EUDPTimeouts::standard().tcpMessage)
 {
     if (m_pSocket != nullptr)
     {
-        m_pSocket->setNoDelay(true);
+        prepareSocket();
+    }
+}
+
+void TCPTransport::prepareSocket()
+{
+    m_pSocket->setNoDelay(true);
+    m_pSocket->setSendTimeout(m_sendTimeoutMs);
+}
+
+void TCPTransport::setSendTimeout(unsigned int timeoutMs)
+{
+    m_sendTimeoutMs = timeoutMs;
+    if (m_pSocket != nullptr)
+    {
+        m_pSocket->setSendTimeout(timeoutMs);
     }
 }
 
@@ -79,7 +100,7 @@ bool TCPTransport::connect(const tavo::HostAddress& address, uint16 port)
     {
         delete m_pSocket;
         m_pSocket = new tavo::TcpSocket();
-        m_pSocket->setNoDelay(true);
+        prepareSocket();
         m_closed = false;
     }
     return m_pSocket->connect(address, port);
@@ -108,15 +129,49 @@ bool TCPTransport::sendData(const uint8* data, uint length)
     // Prefix and body leave in one write, so a message is never split between
     // two system calls and concurrent senders cannot interleave their bytes.
     std::lock_guard<std::mutex> lock(m_sendMutex);
-    return m_pSocket->send(prefix, TCP_LENGTH_PREFIX_SIZE, data, static_cast<int>(length)) == total;
+    if (m_pSocket->send(prefix, TCP_LENGTH_PREFIX_SIZE, data, static_cast<int>(length)) == total)
+    {
+        return true;
+    }
+    // A peer that stopped reading, or a broken stream: part of the message
+    // may be out, so the stream is no longer whole. Closing it ends the
+    // receive loop, which reports the connection down.
+    disconnect();
+    return false;
 }
 
-int TCPTransport::receiveFully(uint8* buffer, uint size)
+int TCPTransport::receiveFully(uint8* buffer, uint size, MessageClock& clock)
 {
     uint received = 0;
     while (received < size)
     {
-        const int result = m_pSocket->receive(buffer + received, static_cast<int>(size - received));
+        // A message that has begun must end in time: a peer that trickles
+        // it would otherwise hold this thread for good. The wait for the
+        // first byte of the next message has no limit.
+        int result = 0;
+        if (!clock.started)
+        {
+            result = m_pSocket->receive(buffer + received, static_cast<int>(size - received));
+            clock.started = true;
+            clock.deadline = std::chrono::steady_clock::now() + m_messageTimeout;
+        }
+        else
+        {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+                clock.deadline - std::chrono::steady_clock::now());
+            result =
+                m_pSocket->receive(buffer + received, static_cast<int>(size - received),
+                                   static_cast<unsigned int>(std::max<long long>(left.count(), 0)));
+        }
+        if (result == tavo::TcpSocket::RECEIVE_TIMED_OUT)
+        {
+            weftLog(tavo::LOG_LEVEL_WARNING)
+                << "WEFT: closing a TCP connection whose message did not arrive whole within "
+                << std::chrono::duration_cast<std::chrono::milliseconds>(m_messageTimeout).count()
+                << " ms" << std::endl;
+            disconnect();
+            return 0;
+        }
         if (result <= 0)
         {
             return result;
@@ -137,8 +192,9 @@ int TCPTransport::receiveData(uint8* buffer, uint size)
             return pending;
         }
         // The prefix is read whole even when its two bytes arrive apart.
+        MessageClock clock;
         uint8 prefix[TCP_LENGTH_PREFIX_SIZE];
-        const int prefixResult = receiveFully(prefix, TCP_LENGTH_PREFIX_SIZE);
+        const int prefixResult = receiveFully(prefix, TCP_LENGTH_PREFIX_SIZE, clock);
         if (prefixResult <= 0)
         {
             return prefixResult;
@@ -148,7 +204,7 @@ int TCPTransport::receiveData(uint8* buffer, uint size)
         {
             return -1;
         }
-        const int bodyResult = receiveFully(buffer, length);
+        const int bodyResult = receiveFully(buffer, length, clock);
         if (length > 0 && bodyResult <= 0)
         {
             // The partial message is dropped; the next prefix read reports the

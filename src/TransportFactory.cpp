@@ -32,6 +32,18 @@ void TransportFactory::setStrictPeer(IWEFTTransport& transport, bool strict)
     }
 }
 
+void TransportFactory::setSendTimeout(IWEFTTransport& transport, unsigned int timeoutMs)
+{
+    if (EUDPTransport* eudp = dynamic_cast<EUDPTransport*>(&transport))
+    {
+        eudp->setSendTimeout(timeoutMs);
+    }
+    else if (TCPTransport* tcp = dynamic_cast<TCPTransport*>(&transport))
+    {
+        tcp->setSendTimeout(timeoutMs);
+    }
+}
+
 void TransportFactory::setNegotiationObserver(IWEFTTransport& transport,
                                               IWEFTNegotiationObserver* observer)
 {

@@ -11,9 +11,9 @@ class IWEFTNegotiationObserver;
 struct TransportOptions
 {
     // Ignore datagrams that do not come from the peer.
-    bool strictPeer = false;
+    bool strictPeer = true;
     // Listening: at most this many accepted connections half-open; 0 sets none.
-    unsigned int halfOpenLimit = EUDP_NO_HALF_OPEN_LIMIT;
+    unsigned int halfOpenLimit = EUDP_DEFAULT_HALF_OPEN_LIMIT;
     // Listening: accepted connections hold their peer's mode requests until
     // releaseHeldModeRequests.
     bool holdModeRequests = false;
@@ -28,6 +28,8 @@ public:
     static IWEFTTransport* create(ETransport kind, const TransportOptions& options = {});
     // Switches strict peer on or off for a transport made already.
     static void setStrictPeer(IWEFTTransport& transport, bool strict);
+    // How long a send may wait while the peer takes nothing; 0: no limit.
+    static void setSendTimeout(IWEFTTransport& transport, unsigned int timeoutMs);
     static void setNegotiationObserver(IWEFTTransport& transport,
                                        IWEFTNegotiationObserver* observer);
     // Answers the mode request an accepted transport held, if any, and stops holding.

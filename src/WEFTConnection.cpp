@@ -87,6 +87,7 @@ WEFTConnection::~WEFTConnection()
         }
         m_pThread->shutdown(-1);
     }
+    leaveListener();
     delete m_pTransport;
     m_pTransport = nullptr;
     delete m_pThread;
@@ -122,11 +123,24 @@ bool WEFTConnection::start()
 
 void WEFTConnection::disconnect()
 {
-    tavo::Thread::mssleep(WEFT_DISCONNECT_DELAY_MS);
+    // The pause lets requests sent just before leave first; a connection
+    // whose transport has ended has nothing left to send.
+    if (!m_ended)
+    {
+        tavo::Thread::mssleep(WEFT_DISCONNECT_DELAY_MS);
+    }
     m_pTransport->disconnect();
     if (m_pThread != nullptr)
     {
         m_pThread->shutdown(-1);
+    }
+}
+
+void WEFTConnection::leaveListener()
+{
+    if (m_countedByListener.exchange(false) && m_pListenerCount)
+    {
+        --*m_pListenerCount;
     }
 }
 
@@ -175,6 +189,11 @@ void WEFTConnection::allowReceiveMode(bool realtime, bool reliable)
 void WEFTConnection::setStrictPeer(bool strict)
 {
     TransportFactory::setStrictPeer(*m_pTransport, strict);
+}
+
+void WEFTConnection::setSendTimeout(unsigned int timeoutMs)
+{
+    TransportFactory::setSendTimeout(*m_pTransport, timeoutMs);
 }
 
 void WEFTConnection::setNegotiationObserver(IWEFTNegotiationObserver* observer)
@@ -277,6 +296,8 @@ void WEFTConnection::run()
         const int received = m_pTransport->receiveData(packet.getBuffer(), WEFT_MAX_PACKET_SIZE);
         if (received < 1)
         {
+            m_ended = true;
+            leaveListener();
             updateStatus(CONN_STATUS_DISCONNECTED);
             return;
         }

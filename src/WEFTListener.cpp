@@ -42,7 +42,8 @@ bool RunThread::shutdownCallback()
 WEFTListener::WEFTListener(ETransport transport)
     : m_eTransport(transport), m_pTransport(nullptr), m_port(0), m_pConnector(nullptr),
       m_bRunning(false), m_pThread(nullptr), m_listenState(LISTEN_PENDING),
-      m_halfOpenLimit(EUDP_NO_HALF_OPEN_LIMIT), m_strictPeer(false)
+      m_halfOpenLimit(EUDP_DEFAULT_HALF_OPEN_LIMIT), m_strictPeer(true),
+      m_pConnectionCount(std::make_shared<std::atomic<unsigned int>>(0u))
 {
 }
 
@@ -121,7 +122,20 @@ void WEFTListener::run()
                 << "WEFT: failed to accept incoming connection" << std::endl;
             return;
         }
+        const unsigned int limit = m_maxConnections;
+        if (limit != WEFT_NO_CONNECTION_LIMIT && *m_pConnectionCount >= limit)
+        {
+            weftLog(tavo::LOG_LEVEL_WARNING)
+                << "WEFT: refusing a connection: " << limit
+                << " connections already (the listener's limit)" << std::endl;
+            accepted->disconnect();
+            delete accepted;
+            continue;
+        }
         WEFTConnection* connection = new WEFTConnection(accepted);
+        ++*m_pConnectionCount;
+        connection->m_pListenerCount = m_pConnectionCount;
+        connection->m_countedByListener = true;
         m_pConnector->onConnection(connection);
         connection->start();
         connection->updateStatus(CONN_STATUS_CONNECTED);
@@ -160,6 +174,11 @@ bool WEFTListener::waitForListen(unsigned int timeoutMs)
 void WEFTListener::setHalfOpenLimit(unsigned int limit)
 {
     m_halfOpenLimit = limit;
+}
+
+void WEFTListener::setMaxConnections(unsigned int limit)
+{
+    m_maxConnections = limit;
 }
 
 void WEFTListener::setStrictPeer(bool strict)

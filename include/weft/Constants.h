@@ -18,12 +18,23 @@ constexpr unsigned int PARAM_LIST_MAX_ENTRIES = 255;
 // before leave first.
 constexpr unsigned int WEFT_DISCONNECT_DELAY_MS = 10;
 
+// How long a send may wait while the peer takes nothing, before the
+// connection is closed: a peer that stops reading must not hold up the
+// sender's other work for longer.
+constexpr unsigned int WEFT_SEND_TIMEOUT_MS = 5000;
+// A listener's connection limit of 0 sets none.
+constexpr unsigned int WEFT_NO_CONNECTION_LIMIT = 0;
+
 // ---- TCP ----
 // Pending connections the kernel keeps for a listener.
 constexpr int TCP_LISTEN_BACKLOG = 5;
 // The length prefix is two little-endian bytes.
 constexpr unsigned int TCP_LENGTH_PREFIX_SIZE = 2;
 constexpr unsigned int TCP_MAX_MESSAGE_SIZE = 65535;
+// A message that has begun must arrive whole within this time, in
+// milliseconds: a peer that trickles bytes would otherwise hold a receive
+// thread without limit. Idle connections have no limit.
+constexpr unsigned int TCP_MESSAGE_TIMEOUT_MS = 10000;
 
 // ---- EUDP ----
 constexpr uint8 EUDP_VERSION = 1;
@@ -60,6 +71,11 @@ constexpr unsigned int EUDP_RETRANSMIT_TIMEOUT_MS = 500;
 constexpr int EUDP_SOCKET_RECEIVE_BUFFER = 2 * 1024 * 1024;
 // A listener's half-open limit of 0 sets none: every CON is answered.
 constexpr unsigned int EUDP_NO_HALF_OPEN_LIMIT = 0;
+// Half-open connections a listener allows at first: each holds threads and
+// a socket until its peer answers or its dead-peer timer fires, so a flood of
+// CONs must not make them without bound; a real burst of clients completes
+// its handshakes in milliseconds.
+constexpr unsigned int EUDP_DEFAULT_HALF_OPEN_LIMIT = 64;
 
 // ---- the weft command-line tool ----
 // Port that weft serve listens on and weft connect dials when none is given;

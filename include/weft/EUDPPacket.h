@@ -8,16 +8,16 @@
 // EUDP commands; on the wire each travels as its three-letter name.
 enum EEUDPCommand : int
 {
-    EUDP_NOP = 0, // keep-alive answer, a sign of life
-    EUDP_ACK = 1, // acknowledges a CON or a data packet
-    EUDP_NAK = 2, // a gap: asks again from the number in arg
-    EUDP_CON = 3, // connection request
-    EUDP_DIS = 4, // disconnection
-    EUDP_CMD = 5, // data packet
-    EUDP_MOD = 6, // mode request
-    EUDP_MAK = 7, // mode answer
-    EUDP_WIN = 8, // window request
-    EUDP_WAK = 9, // window answer
+    EUDP_NOP = 0,      // keep-alive answer, a sign of life
+    EUDP_ACK = 1,      // acknowledges a CON or a data packet
+    EUDP_NAK = 2,      // a gap: asks again from the number in arg
+    EUDP_CON = 3,      // connection request
+    EUDP_DIS = 4,      // disconnection
+    EUDP_CMD = 5,      // data packet
+    EUDP_MOD = 6,      // mode request
+    EUDP_MAK = 7,      // mode answer
+    EUDP_WIN = 8,      // window request
+    EUDP_WAK = 9,      // window answer
     EUDP_UNKNOWN = 10, // letters that name no command; never sent
 };
 

@@ -79,20 +79,28 @@ public:
     // Answers the newest held mode request, if any, and stops holding.
     void releaseModeRequests();
 
+    // How long sendData may wait for room while the peer acknowledges
+    // nothing (0: without limit; WEFT_SEND_TIMEOUT_MS at first). When the
+    // time passes the connection is closed, with a DIS, and the send fails.
+    void setSendTimeout(unsigned int timeoutMs);
+
     // Tells `observer` (not owned; null for none) of the peer's mode and
     // window requests, on the receiver thread.
     void setNegotiationObserver(IWEFTNegotiationObserver* observer);
 
-    // Protection against strangers; both are off by default, which leaves
-    // every datagram and every CON handled as it arrives.
+    // Protection against strangers, both on by default.
     // Strict peer: a connected transport ignores datagrams whose source
     // address or port is not its peer's; while connecting, the answer is
     // taken only from the address connected to. On a listening transport the
-    // setting passes to every transport it accepts from then on.
+    // setting passes to every transport it accepts from then on. A peer that
+    // sends from the socket it connected with, as every peer does, sees no
+    // difference; off, anyone who can reach the port can disturb or close
+    // the connection.
     void setStrictPeer(bool strict);
     // On a listening transport: at most `limit` accepted connections may be
-    // half-open (nothing heard from their peer since the ACK); further CONs
-    // are ignored until one completes or closes. 0 sets no limit.
+    // half-open (nothing heard from their peer since the ACK); a CON beyond
+    // it closes the one half-open longest. 0 sets no limit;
+    // EUDP_DEFAULT_HALF_OPEN_LIMIT at first.
     void setHalfOpenLimit(unsigned int limit);
 
 private:
@@ -246,13 +254,17 @@ private:
     bool m_modeRequestsHeld = false;
     bool m_hasHeldModeRequest = false;
     uint m_heldModeRequest = 0;
-    std::atomic<bool> m_strictPeer{false};
-    std::atomic<unsigned int> m_halfOpenLimit{EUDP_NO_HALF_OPEN_LIMIT};
+    std::atomic<bool> m_strictPeer{true};
+    std::atomic<unsigned int> m_halfOpenLimit{EUDP_DEFAULT_HALF_OPEN_LIMIT};
     // The connections a listening transport accepted, shared with them.
     std::shared_ptr<EUDPAcceptedPeers> m_pAcceptedPeers;
+    // Listening transport (accept's thread): when the half-open line may be
+    // written again.
+    std::chrono::steady_clock::time_point m_nextHalfOpenLine;
     // Accepted transport: still counted as half-open in m_pAcceptedPeers.
     std::atomic<bool> m_halfOpen{false};
     std::atomic<IWEFTNegotiationObserver*> m_pNegotiationObserver{nullptr};
+    std::atomic<unsigned int> m_sendTimeoutMs{WEFT_SEND_TIMEOUT_MS};
     // The latest request reported, so that its repeats are not; under
     // m_modeHoldMutex (the receiver and the thread releasing held requests).
     EEUDPCommand m_lastReported = EUDP_UNKNOWN;

@@ -4,6 +4,7 @@
 #include <weft/IWEFTTransport.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 
 namespace tavo
@@ -43,13 +44,30 @@ public:
     uint16 getPeerPort() const override;
     uint16 getLocalPort() const override;
 
+    // How long a send may wait while the peer reads nothing (0: without
+    // limit; WEFT_SEND_TIMEOUT_MS at first). When the time passes the
+    // connection is closed and the send fails.
+    void setSendTimeout(unsigned int timeoutMs);
+
 private:
+    // When the message being read began: its bytes must all come within
+    // the message time of its first one.
+    struct MessageClock
+    {
+        bool started = false;
+        std::chrono::steady_clock::time_point deadline;
+    };
     // Reads exactly `size` bytes; the last receive result when the stream
-    // ends or fails first.
-    int receiveFully(uint8* buffer, uint size);
+    // ends or fails first, 0 when the message took too long (the connection
+    // is closed then).
+    int receiveFully(uint8* buffer, uint size, MessageClock& clock);
+    void prepareSocket();
 
     tavo::TcpSocket* m_pSocket;
     std::atomic<bool> m_closed;
+    std::atomic<unsigned int> m_sendTimeoutMs;
+    // Fixed at construction (TCP_MESSAGE_TIMEOUT_MS in production).
+    std::chrono::microseconds m_messageTimeout;
     // Keeps whole messages together when several threads send at once.
     std::mutex m_sendMutex;
 };

@@ -2,8 +2,8 @@
 
 #include <weft/ConnStatus.h>
 #include <weft/Export.h>
-#include <weft/Init.h>
 #include <weft/IWEFTTransport.h>
+#include <weft/Init.h>
 #include <weft/ParameterList.h>
 #include <weft/ParameterValue.h>
 #include <weft/WEFTPacket.h>
@@ -11,6 +11,7 @@
 #include <tavo/Thread.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 
 namespace tavo
@@ -72,9 +73,15 @@ public:
     void allowSendMode(bool realtime, bool reliable);
     void allowReceiveMode(bool realtime, bool reliable);
     // EUDP only: ignore datagrams that do not come from the peer (see
-    // EUDPTransport::setStrictPeer); off by default. A client sets it before
-    // connect, so that the answer to its request is checked too.
+    // EUDPTransport::setStrictPeer); on by default. A client changes it
+    // before connect, so that the answer to its request is judged by it too.
     void setStrictPeer(bool strict);
+    // How long a request may wait while the peer takes nothing, in
+    // milliseconds (0: without limit; WEFT_SEND_TIMEOUT_MS at first). When
+    // the time passes the connection is closed and reported down, and the
+    // request returns false: one stalled peer cannot hold up a server's
+    // other clients for longer.
+    void setSendTimeout(unsigned int timeoutMs);
     // Tells `observer` (not owned; null for none) of the peer's mode and
     // window requests; a server sets it in onConnection, before the first
     // request is answered.
@@ -97,6 +104,10 @@ public:
     void run();
 
 private:
+    friend class WEFTListener;
+
+    // Gives the connection's place back to the listener that counted it.
+    void leaveListener();
     // Builds and sends one request; refused whole, with one log line, when it
     // does not fit in a message.
     bool sendRequest(EWEFTCommand command, const std::string& name, const ParameterValue* value,
@@ -110,4 +121,10 @@ private:
     std::atomic<IWEFTServer*> m_pServer;
     tavo::LogOutput* m_pLog;
     RunThreadC* m_pThread;
+    // The receive loop has ended: the transport is closed.
+    std::atomic<bool> m_ended{false};
+    // The live connections of the listener that accepted this one, which
+    // counts it until its receive loop ends; may outlive the listener.
+    std::shared_ptr<std::atomic<unsigned int>> m_pListenerCount;
+    std::atomic<bool> m_countedByListener{false};
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <weft/ConnStatus.h>
+#include <weft/Constants.h>
 #include <weft/Export.h>
 #include <weft/IWEFTConnector.h>
 #include <weft/IWEFTTransport.h>
@@ -9,6 +10,7 @@
 #include <tavo/Thread.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 
 class WEFTListener;
@@ -52,12 +54,17 @@ public:
     // The bound local port (useful after listening on port 0); 0 until bound.
     unsigned short getLocalPort() const;
 
-    // Protection of an EUDP listener against strangers, both off by default
+    // Protection of an EUDP listener against strangers, both on by default
     // (see EUDPTransport). The listener thread applies them to the listening
     // transport it creates, so they take effect at the next listen; a TCP
     // listener ignores them.
     void setHalfOpenLimit(unsigned int limit);
     void setStrictPeer(bool strict);
+    // At most `limit` connections of this listener alive at once (0: no
+    // limit, the default); a connection counts from its hand-over until its
+    // receive loop ends. Over the limit, a new connection is closed at once
+    // and never handed over.
+    void setMaxConnections(unsigned int limit);
 
 private:
     ETransport m_eTransport;
@@ -73,4 +80,7 @@ private:
     // Stored for the listener thread, which creates the transport.
     std::atomic<unsigned int> m_halfOpenLimit;
     std::atomic<bool> m_strictPeer;
+    std::atomic<unsigned int> m_maxConnections{WEFT_NO_CONNECTION_LIMIT};
+    // Connections handed over and still running, shared with them.
+    std::shared_ptr<std::atomic<unsigned int>> m_pConnectionCount;
 };

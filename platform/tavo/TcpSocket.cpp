@@ -3,12 +3,15 @@
 #include "../SocketAddress.h"
 
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <thread>
 
 namespace tavo
@@ -76,6 +79,16 @@ bool TcpSocket::setNoDelay(bool on)
     const int value = on ? 1 : 0;
     return use.valid() &&
            ::setsockopt(use.fd(), IPPROTO_TCP, TCP_NODELAY, &value, sizeof(value)) == 0;
+}
+
+bool TcpSocket::setSendTimeout(unsigned int timeoutMs)
+{
+    SocketUse use(m_descriptor);
+    timeval limit{};
+    limit.tv_sec = static_cast<time_t>(timeoutMs / 1000);
+    limit.tv_usec = static_cast<suseconds_t>((timeoutMs % 1000) * 1000);
+    return use.valid() &&
+           ::setsockopt(use.fd(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) == 0;
 }
 
 bool TcpSocket::connect(const HostAddress& address, uint16 port)
@@ -240,6 +253,41 @@ int TcpSocket::receive(uint8* buffer, int length)
         return -1;
     }
     return static_cast<int>(result);
+}
+
+int TcpSocket::receive(uint8* buffer, int length, unsigned int timeoutMs)
+{
+    {
+        SocketUse use(m_descriptor);
+        if (!use.valid())
+        {
+            return -1;
+        }
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        for (;;)
+        {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            pollfd wait{use.fd(), POLLIN, 0};
+            const int ready =
+                ::poll(&wait, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
+            if (ready > 0)
+            {
+                break;
+            }
+            if (ready == 0)
+            {
+                return RECEIVE_TIMED_OUT;
+            }
+            if (errno != EINTR)
+            {
+                return -1;
+            }
+        }
+    }
+    // Data, an end of stream or a close is there: this does not block.
+    return receive(buffer, length);
 }
 
 bool TcpSocket::getPeerName(HostAddress& address, uint16& port) const

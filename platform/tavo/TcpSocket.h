@@ -23,6 +23,10 @@ public:
 
     // With true, small writes leave at once instead of being coalesced.
     bool setNoDelay(bool on);
+    // How long one send may wait for room in the kernel's buffer (0: without
+    // limit): a peer that stops reading then makes send fail instead of
+    // blocking its caller for good.
+    bool setSendTimeout(unsigned int timeoutMs);
 
     bool connect(const HostAddress& address, uint16 port);
     // Binds to a local address and port (port 0: any free port). The address
@@ -44,6 +48,10 @@ public:
     // `length`), 0 when the peer has closed the stream, negative on error or
     // after close().
     int receive(uint8* buffer, int length);
+    // The same, waiting at most `timeoutMs` for data: RECEIVE_TIMED_OUT when
+    // none came.
+    int receive(uint8* buffer, int length, unsigned int timeoutMs);
+    static constexpr int RECEIVE_TIMED_OUT = -2;
 
     // The peer's address and port; left as they were when unknown.
     bool getPeerName(HostAddress& address, uint16& port) const;

@@ -1,5 +1,6 @@
 #include "ServeCommand.h"
 
+#include "AddressFilter.h"
 #include "Choice.h"
 #include "Common.h"
 #include "Input.h"
@@ -17,6 +18,8 @@
 #include <weft/WEFTListener.h>
 
 #include <CLI/CLI.hpp>
+
+#include <malloc.h>
 
 #include <map>
 #include <memory>
@@ -82,7 +85,8 @@ public:
 class Server : public IWEFTConnector
 {
 public:
-    Server(const ServeOptions& options, Printer& printer) : m_options(options), m_printer(printer)
+    Server(const ServeOptions& options, const AddressFilter& allowed, Printer& printer)
+        : m_options(options), m_allowed(allowed), m_printer(printer)
     {
     }
 
@@ -103,6 +107,20 @@ public:
             allowed(m_options.allowReceive, realtime, reliable);
             connection->allowReceiveMode(realtime, reliable);
         }
+        if (!m_allowed.allows(connection->getPeerAddress()))
+        {
+            // Closed before it starts: its receive loop ends at once and the
+            // session goes with the other ended ones.
+            m_printer.event("client " + std::to_string(session->m_id) + " from " + session->m_peer +
+                                " refused (not in --allow)",
+                            JsonObject()
+                                .addString("event", "refused")
+                                .addInt("client", session->m_id)
+                                .addString("peer", session->m_peer));
+            connection->disconnect();
+            m_sessions.push_back(std::move(session));
+            return;
+        }
         m_printer.event("client " + std::to_string(session->m_id) + " connected from " +
                             session->m_peer,
                         JsonObject()
@@ -117,6 +135,19 @@ public:
     void subscribe(Session& session, const std::string& name)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        if (session.m_subscriptions.count(name) == 0 &&
+            session.m_subscriptions.size() >= m_options.maxSubscriptions)
+        {
+            m_printer.event(prefix(session) + "subscribe " + quoted(name) + " refused (" +
+                                std::to_string(m_options.maxSubscriptions) +
+                                " subscriptions already)",
+                            JsonObject()
+                                .addString("event", "subscribe")
+                                .addInt("client", session.m_id)
+                                .addString("name", name)
+                                .addBool("refused", true));
+            return;
+        }
         session.m_subscriptions.insert(name);
         JsonObject json;
         json.addString("event", "subscribe").addInt("client", session.m_id).addString("name", name);
@@ -310,6 +341,13 @@ public:
         {
             session->m_connection->disconnect();
         }
+        if (!ended.empty())
+        {
+            ended.clear();
+            // What a client took (its subscriptions, its connection's
+            // buffers) goes back to the system, not only to the heap.
+            ::malloc_trim(0);
+        }
     }
 
 private:
@@ -319,6 +357,7 @@ private:
     }
 
     const ServeOptions& m_options;
+    const AddressFilter& m_allowed;
     Printer& m_printer;
     std::mutex m_mutex;
     int m_lastId = 0;
@@ -418,7 +457,21 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
     addChoice<ETransport>(*serve, "-t,--transport", options.transport,
                           {{"tcp", TRANSPORT_TCP}, {"eudp", TRANSPORT_EUDP}}, "transport")
         ->default_str("tcp");
-    serve->add_option("-H,--host", options.host, "address to listen on")->capture_default_str();
+    serve
+        ->add_option("-H,--host", options.host,
+                     "address to listen on; 0.0.0.0 for every address of this host")
+        ->capture_default_str();
+    serve->add_option("--allow", options.allowFrom,
+                      "take clients only from these networks, comma-separated CIDR "
+                      "(10.0.0.0/8,192.168.1.7,fd00::/8)");
+    serve
+        ->add_option("--max-clients", options.maxClients,
+                     "at most this many clients at once; more are closed at once (0: no limit)")
+        ->capture_default_str();
+    serve
+        ->add_option("--max-subscriptions", options.maxSubscriptions,
+                     "items one client may subscribe to at once; more are refused")
+        ->capture_default_str();
     options.port = WEFT_TOOL_DEFAULT_PORT;
     addPortOption(*serve, "-p,--port", options.port, "port to listen on; 0 picks a free one")
         ->default_str(std::to_string(WEFT_TOOL_DEFAULT_PORT));
@@ -434,7 +487,11 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
     addTimestampsFlag(*serve, options.timestamps);
     serve->footer(std::string(COMMANDS_HELP) + R"(
 
-The first line says where the server listens: "listening on tcp 0.0.0.0:7420"
+The server listens on loopback (127.0.0.1) unless --host says otherwise, so
+only programs on this host reach it; --host 0.0.0.0 opens it to the network,
+and --allow narrows who may then connect.
+
+The first line says where the server listens: "listening on tcp 127.0.0.1:7420"
 (with --json: {"event":"listening",...}). Then one line per connection,
 subscription, call, EUDP mode or window request (granted or refused) and
 disconnection.
@@ -458,6 +515,12 @@ examples:
 
 std::string checkServeOptions(const ServeOptions& options)
 {
+    AddressFilter filter;
+    std::string error;
+    if (!filter.parse(options.allowFrom, error))
+    {
+        return "--allow: " + error;
+    }
     if ((options.allowSend != ALLOW_BOTH || options.allowReceive != ALLOW_BOTH) &&
         options.transport != TRANSPORT_EUDP)
     {
@@ -469,8 +532,12 @@ std::string checkServeOptions(const ServeOptions& options)
 int runServe(const ServeOptions& options)
 {
     Printer printer(options.json, options.timestamps);
-    Server server(options, printer);
+    AddressFilter allowed;
+    std::string error;
+    allowed.parse(options.allowFrom, error); // checked with the arguments
+    Server server(options, allowed, printer);
     WEFTListener listener(options.transport);
+    listener.setMaxConnections(options.maxClients);
     bool listening = false;
     {
         BusyScope busy("", EXIT_FAILED);
@@ -486,13 +553,21 @@ int runServe(const ServeOptions& options)
         return EXIT_FAILED;
     }
     const unsigned short port = listener.getLocalPort();
+    const bool loopbackOnly =
+        options.host.rfind("127.", 0) == 0 || options.host == "::1" || options.host == "localhost";
     printer.event(std::string("listening on ") + transportName(options.transport) + " " +
                       options.host + ":" + std::to_string(port),
                   JsonObject()
                       .addString("event", "listening")
                       .addString("transport", transportName(options.transport))
                       .addString("host", options.host)
-                      .addInt("port", port));
+                      .addInt("port", port)
+                      .addBool("loopback", loopbackOnly));
+    if (loopbackOnly && !options.json)
+    {
+        printer.line("only programs on this host can connect; --host 0.0.0.0 opens the server "
+                     "to the network");
+    }
 
     InputLoop input(Wakeup::instance(), InputLoop::stdinUsable());
     for (bool running = true; running;)

@@ -25,7 +25,16 @@ enum EAllowModes
 struct ServeOptions
 {
     ETransport transport = TRANSPORT_TCP;
-    std::string host = "0.0.0.0";
+    // Loopback unless told otherwise: a server reachable from the whole
+    // network is a choice, not a default.
+    std::string host = "127.0.0.1";
+    // Networks whose clients are taken (CIDR list); empty: everyone who can reach the port.
+    std::string allowFrom;
+    // 0: no limit.
+    unsigned int maxClients = 0;
+    // Items one client may subscribe to at once; a flood of subscriptions
+    // must not grow the server without bound.
+    unsigned int maxSubscriptions = 10000;
     unsigned short port = 0;
     EAllowModes allowSend = ALLOW_BOTH;
     EAllowModes allowReceive = ALLOW_BOTH;
