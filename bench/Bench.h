@@ -29,7 +29,7 @@ struct Options
     int lossRounds = 200;
     int lossMessages = 5000;
     int scaleTcp = 1000;
-    int scaleEudp = 200;
+    int scaleEudp = 1000;
     // Runs only the scenarios whose name contains this text (empty: all).
     std::string only;
     // Runs only the subjects whose name contains this text (empty: all);

@@ -119,7 +119,7 @@ int main(int argc, char** argv)
         usage();
         return 2;
     }
-    raiseDescriptorLimit(2 * options.scaleTcp + 256);
+    raiseDescriptorLimit(2 * std::max(options.scaleTcp, options.scaleEudp) + 256);
     bench::setSubjectFilter(options.subject);
     weftInit();
     LogCounts logs;

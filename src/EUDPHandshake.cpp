@@ -89,7 +89,8 @@ EUDPTransport* EUDPTransport::acceptConnection(const tavo::HostAddress& source, 
     EUDPTransport* accepted = new EUDPTransport(source, port);
     // The listener's time-outs, not whatever the standard is by now.
     accepted->m_pTimeouts = std::make_unique<EUDPTimeouts>(*m_pTimeouts);
-    accepted->m_pSendWindow->setRetransmitTimeout(m_pTimeouts->retransmit);
+    accepted->m_pSendWindow = std::make_unique<EUDPSendWindow>(
+        EUDP_RING_CAPACITY, m_pTimeouts->retransmit, m_pTimeouts->retransmitFloor);
     accepted->m_sendTimeoutMs = m_sendTimeoutMs.load();
     // The peer's first data packet carries the number after its CON's.
     accepted->m_pReceiveWindow->restart(ModuloValue::fromArg(conArg).next());

@@ -35,59 +35,24 @@ void EUDPTransport::receiverThread()
     uint16 sourcePort = 0;
     while (!m_closed)
     {
-        const int received = m_pSocket->receiveFrom(
+        int received = m_pSocket->receiveFrom(
             packet.getBuffer(), static_cast<int>(EUDP_MAX_PACKET_SIZE), source, sourcePort);
-        if (received < 1)
+        // What else has arrived meanwhile is handled in the same turn and
+        // answered once: one cumulative ACK for the burst, one wake-up of the
+        // reader for all it stored.
+        for (unsigned int burst = 0; received >= 1; ++burst)
         {
-            break;
+            handleDatagram(packet, static_cast<uint>(received), source, sourcePort);
+            if (m_closed || burst + 1 >= EUDP_RECEIVE_BURST)
+            {
+                break;
+            }
+            received = m_pSocket->tryReceiveFrom(
+                packet.getBuffer(), static_cast<int>(EUDP_MAX_PACKET_SIZE), source, sourcePort);
         }
-        if (m_strictPeer && isStranger(source, sourcePort))
+        endBurst();
+        if (received < 1 && received != tavo::UdpSocket::NOTHING_PENDING)
         {
-            log(tavo::LOG_LEVEL_DEBUG) << "ignoring a datagram from " << source.getAddressString()
-                                       << ":" << sourcePort << " (not the peer)" << std::endl;
-            continue;
-        }
-        if (!packet.validatePacket(static_cast<uint>(received)))
-        {
-            log(tavo::LOG_LEVEL_WARNING) << "dropping invalid packet" << std::endl;
-            continue;
-        }
-        leaveHalfOpen();
-        resetTimers();
-        const uint arg = packet.getArg();
-        switch (packet.getCommand())
-        {
-        case EUDP_NOP:
-            break;
-        case EUDP_ACK:
-            handleAck(arg, sourcePort);
-            break;
-        case EUDP_NAK:
-            processNak(ModuloValue::fromArg(arg).getValue());
-            break;
-        case EUDP_DIS:
-            handleDisconnect();
-            break;
-        case EUDP_CMD:
-            handleData(packet);
-            break;
-        case EUDP_MOD:
-            handleModeRequest(arg);
-            break;
-        case EUDP_MAK:
-            m_modeAnswer = arg;
-            m_semModeAck.give();
-            break;
-        case EUDP_WIN:
-            handleWindowRequest(arg);
-            break;
-        case EUDP_WAK:
-            m_windowAnswer = arg;
-            m_semWindowAck.give();
-            break;
-        case EUDP_CON:
-        case EUDP_UNKNOWN:
-            log(tavo::LOG_LEVEL_WARNING) << "unknown/unexpected command (ignoring)" << std::endl;
             break;
         }
     }
@@ -105,6 +70,77 @@ void EUDPTransport::receiverThread()
         m_pReceiveWindow->releaseIfEmpty();
     }
     wakeWaiters();
+}
+
+void EUDPTransport::handleDatagram(EUDPPacket& packet, uint length, const tavo::HostAddress& source,
+                                   uint16 sourcePort)
+{
+    if (m_strictPeer && isStranger(source, sourcePort))
+    {
+        log(tavo::LOG_LEVEL_DEBUG) << "ignoring a datagram from " << source.getAddressString()
+                                   << ":" << sourcePort << " (not the peer)" << std::endl;
+        return;
+    }
+    if (!packet.validatePacket(length))
+    {
+        log(tavo::LOG_LEVEL_WARNING) << "dropping invalid packet" << std::endl;
+        return;
+    }
+    leaveHalfOpen();
+    resetTimers();
+    const uint arg = packet.getArg();
+    switch (packet.getCommand())
+    {
+    case EUDP_NOP:
+        break;
+    case EUDP_ACK:
+        handleAck(arg, sourcePort);
+        break;
+    case EUDP_NAK:
+        processNak(ModuloValue::fromArg(arg).getValue());
+        break;
+    case EUDP_DIS:
+        handleDisconnect();
+        break;
+    case EUDP_CMD:
+        handleData(packet);
+        break;
+    case EUDP_MOD:
+        handleModeRequest(arg);
+        break;
+    case EUDP_MAK:
+        m_modeAnswer = arg;
+        m_semModeAck.give();
+        break;
+    case EUDP_WIN:
+        handleWindowRequest(arg);
+        break;
+    case EUDP_WAK:
+        m_windowAnswer = arg;
+        m_semWindowAck.give();
+        break;
+    case EUDP_CON:
+    case EUDP_UNKNOWN:
+        log(tavo::LOG_LEVEL_WARNING) << "unknown/unexpected command (ignoring)" << std::endl;
+        break;
+    }
+}
+
+void EUDPTransport::endBurst()
+{
+    if (m_burstAck)
+    {
+        // Acknowledges every packet up to it: a sender counts ACKs as
+        // cumulative, so the ones before it add nothing.
+        sendPacket(EUDP_ACK, *m_burstAck);
+        m_burstAck.reset();
+    }
+    m_burstNak.reset();
+    if (m_burstStored > 0)
+    {
+        m_semReceived.give(m_burstStored);
+        m_burstStored = 0;
+    }
 }
 
 void EUDPTransport::handleAck(uint arg, uint16 sourcePort)
@@ -133,18 +169,22 @@ void EUDPTransport::handleAck(uint arg, uint16 sourcePort)
 
 void EUDPTransport::processAck(int seq)
 {
-    EUDPSendWindow::AckResult result{false, 0};
+    bool giveSpace = false;
     {
         tavo::MutexLock lock(m_sendMutex);
-        result = m_pSendWindow->onAck(ModuloValue(seq), std::chrono::steady_clock::now());
+        const auto now = std::chrono::steady_clock::now();
+        const EUDPSendWindow::AckResult result = m_pSendWindow->onAck(ModuloValue(seq), now);
+        if (!result.accepted)
+        {
+            return;
+        }
+        // The window moved: what it lets out goes from this thread, at once.
+        flushSendable(now);
+        giveSpace = result.freed > 0 && m_spaceWaiters > 0;
     }
-    if (result.freed > 0)
+    if (giveSpace)
     {
         m_semSendSpace.give();
-    }
-    if (result.accepted)
-    {
-        m_semSendWork.give();
     }
 }
 
@@ -153,7 +193,12 @@ void EUDPTransport::processNak(int seq)
     EUDPSendWindow::ENakResult result = EUDPSendWindow::NAK_IMPOSSIBLE;
     {
         tavo::MutexLock lock(m_sendMutex);
-        result = m_pSendWindow->onNak(ModuloValue(seq), std::chrono::steady_clock::now());
+        const auto now = std::chrono::steady_clock::now();
+        result = m_pSendWindow->onNak(ModuloValue(seq), now);
+        if (result == EUDPSendWindow::NAK_RESEND || result == EUDPSendWindow::NAK_FILL)
+        {
+            flushSendable(now);
+        }
     }
     switch (result)
     {
@@ -161,14 +206,14 @@ void EUDPTransport::processNak(int seq)
         log(tavo::LOG_LEVEL_DEBUG) << "peer waits for packets sent before reliable sending "
                                       "began: sending empty ones in their place"
                                    << std::endl;
-        [[fallthrough]];
+        break;
     case EUDPSendWindow::NAK_RESEND:
-        m_semSendWork.give();
         break;
     case EUDPSendWindow::NAK_ACKED:
         log(tavo::LOG_LEVEL_WARNING)
             << "Received a NAK for a packet that had already been ACKed (ignoring)" << std::endl;
         break;
+    case EUDPSendWindow::NAK_REPEATED:
     case EUDPSendWindow::NAK_FILLING:
     case EUDPSendWindow::NAK_IMPOSSIBLE:
         break;
@@ -203,13 +248,34 @@ void EUDPTransport::handleData(const EUDPPacket& packet)
     case EUDPReceiveWindow::ARRIVAL_AHEAD:
         break;
     }
-    if (verdict.answer != EUDP_UNKNOWN)
+    switch (verdict.answer)
     {
+    case EUDP_UNKNOWN:
+        break;
+    case EUDP_ACK:
+        if (verdict.arrival != EUDPReceiveWindow::ARRIVAL_DUPLICATE)
+        {
+            // In order: answered at the end of the burst, for all of it.
+            m_burstAck = verdict.answerArg;
+            break;
+        }
         sendPacket(verdict.answer, verdict.answerArg);
+        break;
+    case EUDP_NAK:
+        // Every packet after a gap asks for the same number: once a burst.
+        if (!m_burstNak || *m_burstNak != verdict.answerArg)
+        {
+            m_burstNak = verdict.answerArg;
+            sendPacket(verdict.answer, verdict.answerArg);
+        }
+        break;
+    default:
+        sendPacket(verdict.answer, verdict.answerArg);
+        break;
     }
     if (verdict.stored)
     {
-        m_semReceived.give();
+        ++m_burstStored;
     }
 }
 
@@ -273,7 +339,11 @@ void EUDPTransport::handleWindowRequest(uint arg)
     // window of 2^31 or more must not turn into a negative one that holds
     // everything back. The answer carries the request as it came.
     m_windowSize = static_cast<int>(std::min<uint>(arg, EUDP_RING_CAPACITY - 1));
-    m_semSendWork.give();
+    {
+        // A larger window lets out what waited.
+        tavo::MutexLock lock(m_sendMutex);
+        flushSendable(std::chrono::steady_clock::now());
+    }
     sendPacket(EUDP_WAK, arg);
     IWEFTNegotiationObserver* observer = m_pNegotiationObserver;
     if (observer == nullptr)

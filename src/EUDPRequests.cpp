@@ -82,6 +82,8 @@ bool EUDPTransport::requestMode(EConnMode mode, bool sendDirection)
 
 void EUDPTransport::changeSendMode(EConnMode mode)
 {
+    bool wakeSender = false;
+    bool giveSpace = false;
     {
         tavo::MutexLock lock(m_sendMutex);
         const EConnMode previous = m_sendMode.exchange(mode);
@@ -89,8 +91,17 @@ void EUDPTransport::changeSendMode(EConnMode mode)
         {
             m_pSendWindow->startReliable();
         }
+        const bool freed = flushSendable(std::chrono::steady_clock::now());
+        afterQueued(freed, wakeSender, giveSpace);
     }
-    m_semSendWork.give();
+    if (wakeSender)
+    {
+        m_semSendWork.give();
+    }
+    if (giveSpace)
+    {
+        m_semSendSpace.give();
+    }
 }
 
 bool EUDPTransport::setWindowSize(uint size)
@@ -152,7 +163,9 @@ bool EUDPTransport::queueData(const uint8* data, uint length, bool waitForRoom)
             m_sendMutex.give();
             return false;
         }
+        ++m_spaceWaiters;
         m_sendMutex.give();
+        bool room = true;
         if (limitMs == 0)
         {
             m_semSendSpace.take();
@@ -165,6 +178,13 @@ bool EUDPTransport::queueData(const uint8* data, uint length, bool waitForRoom)
         }
         else
         {
+            room = false;
+        }
+        m_sendMutex.take();
+        --m_spaceWaiters;
+        if (!room && m_pSendWindow->isFull() && !m_closed)
+        {
+            m_sendMutex.give();
             // Nothing taken for the whole time: a peer that stopped reading
             // must not hold this caller, and whoever waits behind it, for good.
             log(tavo::LOG_LEVEL_ERROR) << "no room to send for " << limitMs
@@ -173,15 +193,22 @@ bool EUDPTransport::queueData(const uint8* data, uint length, bool waitForRoom)
             return false;
         }
         waited = true;
-        m_sendMutex.take();
     }
     m_pSendWindow->queue(data, length);
-    const bool roomLeft = !m_pSendWindow->isFull();
-    m_sendMutex.give();
-    m_semSendWork.give();
+    // Sent from this thread when it may go now: no hand-over to the sender.
+    const bool freed = flushSendable(std::chrono::steady_clock::now());
+    bool wakeSender = false;
+    bool giveSpace = false;
+    afterQueued(freed, wakeSender, giveSpace);
     // The wake-up this call consumed may stand for several freed slots: pass
     // it on to the next caller waiting for room.
-    if (waited && roomLeft)
+    giveSpace = giveSpace || (waited && !m_pSendWindow->isFull() && m_spaceWaiters > 0);
+    m_sendMutex.give();
+    if (wakeSender)
+    {
+        m_semSendWork.give();
+    }
+    if (giveSpace)
     {
         m_semSendSpace.give();
     }

@@ -4,11 +4,18 @@
 
 #include <algorithm>
 
-EUDPSendWindow::EUDPSendWindow(uint capacity, Duration retransmitTimeout)
-    : m_sendBuffer(capacity), m_nextSendSeq(0), m_lastSentSeq(-1), m_lastAckedSeq(-1),
-      m_inFlight(0), m_reliableFrom(0), m_fillNext(0), m_fillLeft(0), m_filledFrom(-1),
-      m_filler(EUDP_CMD), m_retransmitTimeout(retransmitTimeout)
+EUDPSendWindow::EUDPSendWindow(uint capacity, Duration retransmitTimeout, Duration retransmitFloor)
+    : m_sendBuffer(capacity), m_sentTimes(capacity), m_nextSendSeq(0), m_lastSentSeq(-1),
+      m_lastAckedSeq(-1), m_inFlight(0), m_reliableFrom(0), m_fillNext(0), m_fillLeft(0),
+      m_filledFrom(-1), m_filler(EUDP_CMD), m_roundTrip(retransmitFloor, retransmitTimeout),
+      m_lastNak(-1)
 {
+}
+
+void EUDPSendWindow::popOldest()
+{
+    m_sendBuffer.pop();
+    m_sentTimes.pop();
 }
 
 void EUDPSendWindow::queue(const uint8* data, uint length)
@@ -19,13 +26,14 @@ void EUDPSendWindow::queue(const uint8* data, uint length)
     m_nextSendSeq.increment();
     packet.setData(data, length);
     m_sendBuffer.push(packet);
+    m_sentTimes.push(Sent());
 }
 
 void EUDPSendWindow::restart(ModuloValue next, ModuloValue acknowledged)
 {
     while (!m_sendBuffer.isEmpty())
     {
-        m_sendBuffer.pop();
+        popOldest();
     }
     m_nextSendSeq = next;
     m_lastAckedSeq = acknowledged;
@@ -40,9 +48,10 @@ void EUDPSendWindow::discard()
 {
     while (!m_sendBuffer.isEmpty())
     {
-        m_sendBuffer.pop();
+        popOldest();
     }
     m_sendBuffer.release();
+    m_sentTimes.release();
     m_fillLeft = 0;
 }
 
@@ -59,7 +68,7 @@ const EUDPPacket* EUDPSendWindow::takeOldest()
         return nullptr;
     }
     const EUDPPacket* oldest = &m_sendBuffer.front();
-    m_sendBuffer.pop();
+    popOldest();
     return oldest;
 }
 
@@ -96,6 +105,9 @@ const EUDPPacket* EUDPSendWindow::nextReliable(int window, TimePoint now)
         return nullptr;
     }
     const EUDPPacket& packet = m_sendBuffer.at(index);
+    Sent& sent = m_sentTimes.at(index);
+    sent.at = now;
+    ++sent.times;
     ++m_inFlight;
     m_lastSentSeq = ModuloValue::fromArg(packet.getArg());
     m_lastActivity = now;
@@ -115,10 +127,20 @@ std::optional<EUDPSendWindow::TimePoint> EUDPSendWindow::retransmitDue() const
     {
         return std::nullopt;
     }
-    return m_lastActivity + m_retransmitTimeout;
+    // Measured from the packet waited for longest, so that a loss is
+    // repeated in time even while newer packets keep going out; from the
+    // latest activity while nothing has gone out (a window of 0).
+    const bool oldestSent = !m_sendBuffer.isEmpty() && m_sentTimes.front().times > 0;
+    return (oldestSent ? m_sentTimes.front().at : m_lastActivity) + m_roundTrip.timeout();
 }
 
 void EUDPSendWindow::goBack(TimePoint now)
+{
+    m_roundTrip.timedOut();
+    rewind(now);
+}
+
+void EUDPSendWindow::rewind(TimePoint now)
 {
     m_lastSentSeq = m_lastAckedSeq;
     m_inFlight = 0;
@@ -143,10 +165,19 @@ EUDPSendWindow::AckResult EUDPSendWindow::onAck(ModuloValue seq, TimePoint now)
     while (!m_sendBuffer.isEmpty() &&
            !ModuloValue::fromArg(m_sendBuffer.front().getArg()).isAfter(m_lastAckedSeq))
     {
-        m_sendBuffer.pop();
+        const Sent& sent = m_sentTimes.front();
+        // Only the acknowledged packet itself, and only if it went out once,
+        // measures the round trip: an earlier one's time includes waiting.
+        if (m_sendBuffer.front().getArg() == static_cast<uint>(seq.getValue()) && sent.times == 1 &&
+            now >= sent.at)
+        {
+            m_roundTrip.sample(std::chrono::duration_cast<Duration>(now - sent.at));
+        }
+        popOldest();
         --m_inFlight;
         ++freed;
     }
+    m_roundTrip.progressed();
     m_lastActivity = now;
     return AckResult{true, freed};
 }
@@ -159,6 +190,16 @@ EUDPSendWindow::ENakResult EUDPSendWindow::onNak(ModuloValue seq, TimePoint now)
         {
             return NAK_IMPOSSIBLE;
         }
+        // Every packet that arrives after the gap asks for the same number:
+        // those already on their way when sending started again at it ask
+        // for nothing new.
+        const auto roundTrip = m_roundTrip.smoothed();
+        if (roundTrip && m_lastNak.getValue() == seq.getValue() && now < m_lastNakAt + *roundTrip)
+        {
+            return NAK_REPEATED;
+        }
+        m_lastNak = seq;
+        m_lastNakAt = now;
         // The next pass starts again at `seq` itself.
         m_lastSentSeq = seq.previous();
         m_inFlight = 0;
@@ -174,7 +215,7 @@ EUDPSendWindow::ENakResult EUDPSendWindow::onNak(ModuloValue seq, TimePoint now)
         return NAK_ACKED;
     }
     if (m_filledAt && m_filledFrom.getValue() == seq.getValue() &&
-        now < *m_filledAt + m_retransmitTimeout)
+        now < *m_filledAt + m_roundTrip.timeout())
     {
         return NAK_FILLING;
     }
@@ -184,6 +225,6 @@ EUDPSendWindow::ENakResult EUDPSendWindow::onNak(ModuloValue seq, TimePoint now)
     m_filledAt = now;
     // The packets after the gap were dropped by the peer: they follow the
     // fillers at once.
-    goBack(now);
+    rewind(now);
     return NAK_FILL;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "EUDPRoundTrip.h"
+
 #include <weft/EUDPPacket.h>
 #include <weft/ModuloValue.h>
 #include <weft/RingBuffer.h>
@@ -21,7 +23,11 @@ public:
     using TimePoint = std::chrono::steady_clock::time_point;
     using Duration = std::chrono::microseconds;
 
-    EUDPSendWindow(uint capacity, Duration retransmitTimeout);
+    // `retransmitTimeout` is the longest wait for an acknowledgement, and the
+    // wait before the first round trip is measured; the measured round trip
+    // makes it shorter, never below `retransmitFloor`.
+    EUDPSendWindow(uint capacity, Duration retransmitTimeout,
+                   Duration retransmitFloor = std::chrono::milliseconds(10));
     EUDPSendWindow(const EUDPSendWindow&) = delete;
     EUDPSendWindow& operator=(const EUDPSendWindow&) = delete;
 
@@ -40,7 +46,8 @@ public:
 
     // The connection ACK: the peer has the CON's number.
     void acknowledgeConnection(ModuloValue conNumber);
-    void setRetransmitTimeout(Duration timeout) { m_retransmitTimeout = timeout; }
+    void setRetransmitTimeout(Duration timeout) { m_roundTrip.setCeiling(timeout); }
+    const EUDPRoundTrip& roundTrip() const { return m_roundTrip; }
 
     // The connection ended: whatever is queued is dropped and the queue's
     // memory given back.
@@ -59,9 +66,11 @@ public:
     // packet not yet sent in this pass while the window has room. Null when
     // nothing may go now.
     const EUDPPacket* nextReliable(int window, TimePoint now);
-    // When to go back if nothing is heard: set while anything is queued.
+    // When to go back if nothing is heard: the oldest unacknowledged
+    // packet's transmission plus the time-out; set while anything is queued.
     std::optional<TimePoint> retransmitDue() const;
-    // Everything after the last acknowledged packet is sent again.
+    // The time-out passed: everything after the last acknowledged packet is
+    // sent again.
     void goBack(TimePoint now);
 
     // ---- acknowledgements (from the receiver thread) ----
@@ -76,6 +85,7 @@ public:
     enum ENakResult
     {
         NAK_RESEND,    // sending starts again at `seq`
+        NAK_REPEATED,  // sending started again at `seq` less than a round trip ago
         NAK_FILL,      // the peer waits for numbers no longer held: fillers owed
         NAK_FILLING,   // a fill for that number is on its way already
         NAK_ACKED,     // `seq` was acknowledged already: ignored
@@ -89,12 +99,25 @@ public:
     int inFlight() const { return m_inFlight; }
 
 private:
+    // When a queued packet last went out, and how often it did.
+    struct Sent
+    {
+        TimePoint at{};
+        unsigned int times = 0;
+    };
+
+    // Drops the oldest packet and its times.
+    void popOldest();
+    // Everything after the last acknowledged packet goes again (no back-off).
+    void rewind(TimePoint now);
     // True for a number this side has queued: before m_nextSendSeq, within
     // half the number space.
     bool wasQueued(ModuloValue seq) const;
     uint firstUnsentIndex() const;
 
     RingBuffer<EUDPPacket> m_sendBuffer;
+    // In step with m_sendBuffer.
+    RingBuffer<Sent> m_sentTimes;
     ModuloValue m_nextSendSeq;
     ModuloValue m_lastSentSeq;
     ModuloValue m_lastAckedSeq;
@@ -115,7 +138,11 @@ private:
     ModuloValue m_filledFrom;
     std::optional<TimePoint> m_filledAt;
     EUDPPacket m_filler;
-    Duration m_retransmitTimeout;
+    EUDPRoundTrip m_roundTrip;
+    // The latest NAK that started sending again, so that the NAKs of packets
+    // already on their way when it did do not start it again.
+    ModuloValue m_lastNak;
+    TimePoint m_lastNakAt;
     // The latest transmission, acknowledgement or go-back.
     TimePoint m_lastActivity;
 };

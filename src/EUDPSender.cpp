@@ -1,6 +1,9 @@
-// The sender thread: puts queued data packets on the wire, once each in
-// real-time mode, within the window and again until acknowledged in reliable
-// mode. What to send and when to go back is the send window's decision.
+// Putting data packets on the wire. Whoever changes what may go sends it at
+// once, under the send lock: the caller of sendData when the window has room
+// (or, real-time, always), the receiver thread when an acknowledgement opens
+// the window, the timer thread's keep-alive. The sender thread only keeps the
+// time: it goes back and repeats when acknowledgements stop coming, and
+// sleeps without a deadline while nothing waits for one.
 
 #include <weft/EUDPTransport.h>
 
@@ -26,12 +29,9 @@ void EUDPTransport::senderThread()
     std::optional<std::chrono::steady_clock::time_point> wakeAt;
     while (!m_closed)
     {
-        if (sendPass(wakeAt))
-        {
-            continue;
-        }
-        // Woken early by new data, an acknowledgement, a change of mode or
-        // window, or the end; each is looked at again in the next pass.
+        sendPass(wakeAt);
+        // Woken early by new data that needs the clock, a change of mode, or
+        // the end; each is looked at again in the next pass.
         if (!wakeAt)
         {
             m_semSendWork.take();
@@ -46,40 +46,63 @@ void EUDPTransport::senderThread()
     }
 }
 
-bool EUDPTransport::sendPass(std::optional<std::chrono::steady_clock::time_point>& wakeAt)
+void EUDPTransport::sendPass(std::optional<std::chrono::steady_clock::time_point>& wakeAt)
 {
     tavo::MutexLock lock(m_sendMutex);
+    const auto now = std::chrono::steady_clock::now();
     wakeAt.reset();
+    if (m_sendMode == CONN_MODE_RELIABLE)
+    {
+        const auto due = m_pSendWindow->retransmitDue();
+        if (due && now >= *due)
+        {
+            // Nothing heard for a while: everything unacknowledged goes again.
+            m_pSendWindow->goBack(now);
+        }
+    }
+    flushSendable(now);
+    if (m_sendMode == CONN_MODE_RELIABLE)
+    {
+        wakeAt = m_pSendWindow->retransmitDue();
+    }
+    // Without a deadline the thread sleeps until a sender of new data needs
+    // the clock again and wakes it.
+    m_senderIdle = !wakeAt;
+}
+
+bool EUDPTransport::flushSendable(std::chrono::steady_clock::time_point now)
+{
+    bool freed = false;
     if (m_sendMode != CONN_MODE_RELIABLE)
     {
-        // The whole queue in one locked pass; each slot is read after its pop,
-        // still under the lock, so no writer can reuse it yet.
-        bool freed = false;
+        // The slot is read after its pop, still under the lock, so no writer
+        // can reuse it yet.
         while (const EUDPPacket* packet = m_pSendWindow->takeOldest())
         {
             sendDatagram(*packet);
             freed = true;
         }
-        if (freed)
+    }
+    else
+    {
+        while (const EUDPPacket* packet = m_pSendWindow->nextReliable(m_windowSize, now))
         {
-            m_semSendSpace.give();
+            sendDatagram(*packet);
         }
-        return false;
     }
-    const auto now = std::chrono::steady_clock::now();
-    const auto due = m_pSendWindow->retransmitDue();
-    if (due && now >= *due)
+    return freed;
+}
+
+void EUDPTransport::afterQueued(bool freed, bool& wakeSender, bool& giveSpace)
+{
+    // Caller holds m_sendMutex. A reliable packet now waits for its
+    // acknowledgement: a sleeping sender thread must start keeping time.
+    wakeSender = m_senderIdle && m_sendMode == CONN_MODE_RELIABLE && !m_pSendWindow->isEmpty();
+    if (wakeSender)
     {
-        // Nothing heard for a while: everything unacknowledged goes again.
-        m_pSendWindow->goBack(now);
+        m_senderIdle = false;
     }
-    if (const EUDPPacket* packet = m_pSendWindow->nextReliable(m_windowSize, now))
-    {
-        sendDatagram(*packet);
-        return true;
-    }
-    wakeAt = m_pSendWindow->retransmitDue();
-    return false;
+    giveSpace = freed && m_spaceWaiters > 0;
 }
 
 void EUDPTransport::sendDatagram(const EUDPPacket& packet)

@@ -18,8 +18,9 @@ EUDPTimeouts EUDPTimeouts::shortenedBy(int divisor) const
     EUDPTimeouts shorter = *this;
     for (Duration* value :
          {&shorter.connect, &shorter.connectRepeat, &shorter.negotiation,
-          &shorter.negotiationRepeat, &shorter.retransmit, &shorter.acceptedKeepAlive,
-          &shorter.connectingKeepAlive, &shorter.deadPeer, &shorter.sendStall, &shorter.tcpMessage})
+          &shorter.negotiationRepeat, &shorter.retransmit, &shorter.retransmitFloor,
+          &shorter.acceptedKeepAlive, &shorter.connectingKeepAlive, &shorter.deadPeer,
+          &shorter.sendStall, &shorter.tcpMessage})
     {
         *value /= divisor;
     }

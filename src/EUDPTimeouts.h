@@ -21,8 +21,12 @@ struct EUDPTimeouts
     Duration negotiation{std::chrono::seconds(10)};
     // How often such a request is sent again while it waits.
     Duration negotiationRepeat{std::chrono::milliseconds(500)};
-    // Silence from the peer after which a reliable sender goes back and repeats.
+    // Silence from the peer after which a reliable sender goes back and
+    // repeats, at the longest and before the round trip is measured.
     Duration retransmit{std::chrono::milliseconds(500)};
+    // The shortest such silence, however short the round trip: below it the
+    // ordinary jitter of a busy host would be taken for loss.
+    Duration retransmitFloor{std::chrono::milliseconds(10)};
     // Idle time before a keep-alive: an accepted transport speaks first, so
     // that the connecting side hears from it early. While the peer stays
     // silent, a keep-alive goes out again after each such period.

@@ -74,6 +74,8 @@ void EUDPTransport::onAliveTimer()
 
 void EUDPTransport::queueKeepAlive()
 {
+    bool wakeSender = false;
+    bool giveSpace = false;
     {
         tavo::MutexLock lock(m_sendMutex);
         // A reliable sender with packets queued repeats them until they are
@@ -85,6 +87,15 @@ void EUDPTransport::queueKeepAlive()
             return;
         }
         m_pSendWindow->queue(nullptr, 0);
+        const bool freed = flushSendable(std::chrono::steady_clock::now());
+        afterQueued(freed, wakeSender, giveSpace);
     }
-    m_semSendWork.give();
+    if (wakeSender)
+    {
+        m_semSendWork.give();
+    }
+    if (giveSpace)
+    {
+        m_semSendSpace.give();
+    }
 }

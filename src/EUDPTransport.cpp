@@ -21,7 +21,8 @@ EUDPTransport::EUDPTransport() : EUDPTransport(tavo::HostAddress(), 0) {}
 EUDPTransport::EUDPTransport(const tavo::HostAddress& peer, uint16 port)
     : m_pSocket(nullptr), m_peerAddress(peer), m_peerPort(port), m_logPort(port),
       m_pTimeouts(std::make_unique<EUDPTimeouts>(EUDPTimeouts::standard())),
-      m_pSendWindow(std::make_unique<EUDPSendWindow>(EUDP_RING_CAPACITY, m_pTimeouts->retransmit)),
+      m_pSendWindow(std::make_unique<EUDPSendWindow>(EUDP_RING_CAPACITY, m_pTimeouts->retransmit,
+                                                     m_pTimeouts->retransmitFloor)),
       m_pReceiveWindow(std::make_unique<EUDPReceiveWindow>(EUDP_RING_CAPACITY)), m_windowAnswer(0),
       m_modeAnswer(0), m_semReceived(0), m_allowSendRealtime(true), m_allowSendReliable(true),
       m_allowReceiveRealtime(true), m_allowReceiveReliable(true), m_sendMode(CONN_MODE_REALTIME),

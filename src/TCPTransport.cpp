@@ -32,6 +32,11 @@ void TCPTransport::prepareSocket()
     m_pSocket->setSendTimeout(m_sendTimeoutMs);
 }
 
+void TCPTransport::setListenBacklog(int backlog)
+{
+    m_listenBacklog = backlog;
+}
+
 void TCPTransport::setSendTimeout(unsigned int timeoutMs)
 {
     m_sendTimeoutMs = timeoutMs;
@@ -65,7 +70,7 @@ bool TCPTransport::listen(const tavo::HostAddress& address, uint16 port)
     {
         return false;
     }
-    return m_pSocket->listen(TCP_LISTEN_BACKLOG);
+    return m_pSocket->listen(m_listenBacklog);
 }
 
 IWEFTTransport* TCPTransport::accept()

@@ -18,7 +18,11 @@ IWEFTTransport* TransportFactory::create(ETransport kind, const TransportOptions
         return eudp;
     }
     case TRANSPORT_TCP:
-        return new TCPTransport();
+    {
+        TCPTransport* tcp = new TCPTransport();
+        tcp->setListenBacklog(options.listenBacklog);
+        return tcp;
+    }
     }
     TAVO_ASSERT_TEXT(false, "unknown ETransport");
     return nullptr;

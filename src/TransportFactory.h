@@ -17,6 +17,8 @@ struct TransportOptions
     // Listening: accepted connections hold their peer's mode requests until
     // releaseHeldModeRequests.
     bool holdModeRequests = false;
+    // Listening TCP: connections the kernel may hold waiting for accept.
+    int listenBacklog = TCP_LISTEN_BACKLOG;
 };
 
 // The one place that knows the concrete transports: the protocol layer

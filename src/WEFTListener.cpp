@@ -91,6 +91,7 @@ void WEFTListener::run()
     TransportOptions options;
     options.strictPeer = m_strictPeer;
     options.halfOpenLimit = m_halfOpenLimit;
+    options.listenBacklog = m_listenBacklog;
     // Mode requests of an accepted client wait until onConnection has set the
     // connection's policy and the connection is started.
     options.holdModeRequests = true;
@@ -179,6 +180,11 @@ void WEFTListener::setHalfOpenLimit(unsigned int limit)
 void WEFTListener::setMaxConnections(unsigned int limit)
 {
     m_maxConnections = limit;
+}
+
+void WEFTListener::setListenBacklog(int backlog)
+{
+    m_listenBacklog = backlog;
 }
 
 void WEFTListener::setStrictPeer(bool strict)

@@ -26,8 +26,11 @@ constexpr unsigned int WEFT_SEND_TIMEOUT_MS = 5000;
 constexpr unsigned int WEFT_NO_CONNECTION_LIMIT = 0;
 
 // ---- TCP ----
-// Pending connections the kernel keeps for a listener.
-constexpr int TCP_LISTEN_BACKLOG = 5;
+// Pending connections the kernel keeps for a listener, unless the listener
+// is told otherwise: a burst of clients connecting at once must not find the
+// queue full, or the kernel drops their SYNs and they retry a second later.
+// The kernel caps it at its own limit (net.core.somaxconn).
+constexpr int TCP_LISTEN_BACKLOG = 4096;
 // The length prefix is two little-endian bytes.
 constexpr unsigned int TCP_LENGTH_PREFIX_SIZE = 2;
 constexpr unsigned int TCP_MAX_MESSAGE_SIZE = 65535;
@@ -69,6 +72,10 @@ constexpr unsigned int EUDP_RETRANSMIT_TIMEOUT_MS = 500;
 // datagrams, so a sender with a large window is not cut short by the
 // socket (the system's limit, net.core.rmem_max, may cap it).
 constexpr int EUDP_SOCKET_RECEIVE_BUFFER = 2 * 1024 * 1024;
+// Datagrams the receiver takes in one turn when they queue up: each turn
+// ends with one cumulative acknowledgement, so a burst of a window's worth is
+// answered once rather than packet by packet.
+constexpr unsigned int EUDP_RECEIVE_BURST = 64;
 // A listener's half-open limit of 0 sets none: every CON is answered.
 constexpr unsigned int EUDP_NO_HALF_OPEN_LIMIT = 0;
 // Half-open connections a listener allows at first: each holds threads and

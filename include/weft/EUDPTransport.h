@@ -161,15 +161,25 @@ private:
     // sendData with the choice not to wait for room.
     bool queueData(const uint8* data, uint length, bool waitForRoom);
 
-    // ---- sender thread (EUDPSender.cpp) ----
+    // ---- sending (EUDPSender.cpp): the sender thread and the sends of others ----
     void senderThread();
-    // One pass; false when the sender should sleep until `wakeAt` (or, when
+    // One pass of the sender thread; it then sleeps until `wakeAt` (or, when
     // unset, until woken).
-    bool sendPass(std::optional<std::chrono::steady_clock::time_point>& wakeAt);
+    void sendPass(std::optional<std::chrono::steady_clock::time_point>& wakeAt);
+    // Puts on the wire whatever may go now; caller holds m_sendMutex. True
+    // when real-time sending freed slots.
+    bool flushSendable(std::chrono::steady_clock::time_point now);
+    // After queuing or freeing under m_sendMutex: whether the sender thread
+    // must be woken to keep time, and whether a caller waiting for room must.
+    void afterQueued(bool freed, bool& wakeSender, bool& giveSpace);
     void sendDatagram(const EUDPPacket& packet);
 
     // ---- receiver thread (EUDPReceiver.cpp), one handler per command ----
     void receiverThread();
+    void handleDatagram(EUDPPacket& packet, uint length, const tavo::HostAddress& source,
+                        uint16 sourcePort);
+    // Sends what a burst of datagrams left to answer and wakes the reader.
+    void endBurst();
     void handleAck(uint arg, uint16 sourcePort);
     void processAck(int seq);
     void processNak(int seq);
@@ -265,6 +275,15 @@ private:
     std::atomic<bool> m_halfOpen{false};
     std::atomic<IWEFTNegotiationObserver*> m_pNegotiationObserver{nullptr};
     std::atomic<unsigned int> m_sendTimeoutMs{WEFT_SEND_TIMEOUT_MS};
+    // Under m_sendMutex: the sender thread sleeps without a deadline, and how
+    // many callers wait for room in the send ring.
+    bool m_senderIdle = false;
+    int m_spaceWaiters = 0;
+    // Receiver thread only: what the current burst of datagrams leaves to
+    // answer, and how many payloads it stored.
+    std::optional<uint> m_burstAck;
+    std::optional<uint> m_burstNak;
+    unsigned int m_burstStored = 0;
     // The latest request reported, so that its repeats are not; under
     // m_modeHoldMutex (the receiver and the thread releasing held requests).
     EEUDPCommand m_lastReported = EUDP_UNKNOWN;

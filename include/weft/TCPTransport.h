@@ -1,5 +1,6 @@
 #pragma once
 
+#include <weft/Constants.h>
 #include <weft/Export.h>
 #include <weft/IWEFTTransport.h>
 
@@ -48,6 +49,9 @@ public:
     // limit; WEFT_SEND_TIMEOUT_MS at first). When the time passes the
     // connection is closed and the send fails.
     void setSendTimeout(unsigned int timeoutMs);
+    // Connections the kernel may hold waiting for accept (TCP_LISTEN_BACKLOG
+    // at first); takes effect at the next listen.
+    void setListenBacklog(int backlog);
 
 private:
     // When the message being read began: its bytes must all come within
@@ -66,6 +70,7 @@ private:
     tavo::TcpSocket* m_pSocket;
     std::atomic<bool> m_closed;
     std::atomic<unsigned int> m_sendTimeoutMs;
+    std::atomic<int> m_listenBacklog{TCP_LISTEN_BACKLOG};
     // Fixed at construction (TCP_MESSAGE_TIMEOUT_MS in production).
     std::chrono::microseconds m_messageTimeout;
     // Keeps whole messages together when several threads send at once.

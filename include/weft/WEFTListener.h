@@ -65,6 +65,9 @@ public:
     // receive loop ends. Over the limit, a new connection is closed at once
     // and never handed over.
     void setMaxConnections(unsigned int limit);
+    // TCP: connections the kernel may hold waiting for accept
+    // (TCP_LISTEN_BACKLOG by default); takes effect at the next listen.
+    void setListenBacklog(int backlog);
 
 private:
     ETransport m_eTransport;
@@ -81,6 +84,7 @@ private:
     std::atomic<unsigned int> m_halfOpenLimit;
     std::atomic<bool> m_strictPeer;
     std::atomic<unsigned int> m_maxConnections{WEFT_NO_CONNECTION_LIMIT};
+    std::atomic<int> m_listenBacklog{TCP_LISTEN_BACKLOG};
     // Connections handed over and still running, shared with them.
     std::shared_ptr<std::atomic<unsigned int>> m_pConnectionCount;
 };

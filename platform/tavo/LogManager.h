@@ -23,7 +23,7 @@ enum ELogLevel
     LOG_LEVEL_ERROR = 2,   // a message that cannot be built or read, failed operations
     LOG_LEVEL_WARNING = 3, // received data that is dropped
     LOG_LEVEL_INFO = 4,
-    LOG_LEVEL_DEBUG = 5,   // refused sends, duplicates, full buffers
+    LOG_LEVEL_DEBUG = 5, // refused sends, duplicates, full buffers
     LOG_LEVEL_TRACE = 6,
 };
 
@@ -31,8 +31,7 @@ class LogManager;
 
 // Receives every written line: the output's name, the level and the text
 // without its line end. Called under the manager's lock, one line at a time.
-typedef std::function<void(const std::string& output, int level, const std::string& line)>
-    LogSink;
+typedef std::function<void(const std::string& output, int level, const std::string& line)> LogSink;
 
 // A named log output. level() returns a stream for one line; the line is
 // written when the stream is flushed (std::endl). Each thread has its own

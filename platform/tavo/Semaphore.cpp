@@ -61,11 +61,27 @@ CountingSemaphore::CountingSemaphore(unsigned int initialCount) : m_count(initia
 
 void CountingSemaphore::give()
 {
+    give(1);
+}
+
+void CountingSemaphore::give(unsigned int count)
+{
+    if (count == 0)
+    {
+        return;
+    }
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_count;
+        m_count += count;
     }
-    m_cond.notify_one();
+    if (count == 1)
+    {
+        m_cond.notify_one();
+    }
+    else
+    {
+        m_cond.notify_all();
+    }
 }
 
 int CountingSemaphore::take()

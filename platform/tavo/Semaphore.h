@@ -46,6 +46,8 @@ public:
     CountingSemaphore& operator=(const CountingSemaphore&) = delete;
 
     void give();
+    // `count` gives at once.
+    void give(unsigned int count);
     int take();
     int take(unsigned int timeoutMs);
     unsigned int getCount();

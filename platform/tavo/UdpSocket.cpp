@@ -69,6 +69,16 @@ int UdpSocket::sendTo(const uint8* data, int length, const HostAddress& address,
 
 int UdpSocket::receiveFrom(uint8* buffer, int length, HostAddress& address, uint16& port)
 {
+    return receive(buffer, length, address, port, 0);
+}
+
+int UdpSocket::tryReceiveFrom(uint8* buffer, int length, HostAddress& address, uint16& port)
+{
+    return receive(buffer, length, address, port, MSG_DONTWAIT);
+}
+
+int UdpSocket::receive(uint8* buffer, int length, HostAddress& address, uint16& port, int flags)
+{
     if (length <= 0)
     {
         return -1;
@@ -82,9 +92,8 @@ int UdpSocket::receiveFrom(uint8* buffer, int length, HostAddress& address, uint
     {
         sockaddr_in source{};
         socklen_t sourceLength = sizeof(source);
-        const ssize_t result =
-            ::recvfrom(use.fd(), buffer, static_cast<std::size_t>(length), 0,
-                       reinterpret_cast<sockaddr*>(&source), &sourceLength);
+        const ssize_t result = ::recvfrom(use.fd(), buffer, static_cast<std::size_t>(length), flags,
+                                          reinterpret_cast<sockaddr*>(&source), &sourceLength);
         if (m_descriptor.isClosed())
         {
             return -1;
@@ -93,6 +102,10 @@ int UdpSocket::receiveFrom(uint8* buffer, int length, HostAddress& address, uint
         {
             fromSocketAddress(source, address, port);
             return static_cast<int>(result);
+        }
+        if (result < 0 && (flags & MSG_DONTWAIT) != 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        {
+            return NOTHING_PENDING;
         }
         if (result < 0 && !isTransientReceiveError(errno))
         {
@@ -110,8 +123,7 @@ uint16 UdpSocket::getLocalPort() const
 bool UdpSocket::setReceiveBufferSize(int bytes)
 {
     SocketUse use(m_descriptor);
-    return use.valid() &&
-           ::setsockopt(use.fd(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)) == 0;
+    return use.valid() && ::setsockopt(use.fd(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)) == 0;
 }
 
 } // namespace tavo

@@ -30,6 +30,9 @@ public:
     // the socket is closed or has failed. Empty datagrams carry nothing and
     // are skipped, so 0 never stands for one.
     int receiveFrom(uint8* buffer, int length, HostAddress& address, uint16& port);
+    // The same without waiting: NOTHING_PENDING when no datagram is there.
+    int tryReceiveFrom(uint8* buffer, int length, HostAddress& address, uint16& port);
+    static constexpr int NOTHING_PENDING = -2;
 
     // The local port; 0 while the socket is unbound.
     uint16 getLocalPort() const;
@@ -38,6 +41,7 @@ public:
     bool setReceiveBufferSize(int bytes);
 
 private:
+    int receive(uint8* buffer, int length, HostAddress& address, uint16& port, int flags);
     mutable SocketDescriptor m_descriptor;
 };
 

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+
+// How long a reliable sender waits for an acknowledgement before it goes
+// back and repeats: the measured round trip plus four times its variation,
+// within a floor and a ceiling. The ceiling is also the time-out before the
+// first measurement. Only packets sent once are measured (a repeated packet's
+// acknowledgement may answer either copy). Two time-outs in a row keep the
+// time-out as it is, so that a lost tail is repeated soon; further ones
+// double it up to the ceiling, so that a vanished peer is not flooded.
+class EUDPRoundTrip
+{
+public:
+    using Duration = std::chrono::microseconds;
+
+    EUDPRoundTrip(Duration floor, Duration ceiling);
+
+    // A round trip measured on a packet sent once.
+    void sample(Duration roundTrip);
+    // The time-out in force now.
+    Duration timeout() const;
+    // The sender went back after a time-out.
+    void timedOut();
+    // An acknowledgement moved things on: the back-off ends.
+    void progressed();
+    // The smoothed round trip; unset before the first sample.
+    std::optional<Duration> smoothed() const { return m_smoothed; }
+    void setCeiling(Duration ceiling) { m_ceiling = ceiling; }
+
+private:
+    Duration m_floor;
+    Duration m_ceiling;
+    std::optional<Duration> m_smoothed;
+    Duration m_variation{0};
+    // Time-outs since the last progress.
+    int m_timeouts = 0;
+};
