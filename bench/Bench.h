@@ -141,6 +141,8 @@ double processCpuUs();
 // Context switches of the whole process so far, voluntary or not: each
 // thread hand-off that puts a thread to sleep shows up here.
 double contextSwitches();
+// Allocations the whole process has made so far (operator new).
+double allocations();
 double elapsedUs(Clock::time_point from, Clock::time_point to);
 
 // Fields of /proc/self/status.

@@ -34,7 +34,8 @@ void runThroughput(const Options& options, std::vector<Scenario>& out)
                             {"mb_per_s", "MB/s", "", true},
                             {"lost", "lost", "", false},
                             {"cpu_us_per_msg", "CPU/msg", "µs", true},
-                            {"switches_per_msg", "context switches/msg", "", true}};
+                            {"switches_per_msg", "context switches/msg", "", true},
+                            {"allocs_per_msg", "allocations/msg", "", true}};
         scenario.repetitions = options.repetitions;
         scenario.subjects.push_back(
             subject("plain TCP blaster", "", [&] { return tcpBlast(messages, size); }));

@@ -302,6 +302,7 @@ RunResult weftPush(WeftPair& pair, int messages, int messageSize, bool mustDeliv
     char digits[16];
     const double cpuBefore = processCpuUs();
     const double switchesBefore = contextSwitches();
+    const double allocationsBefore = allocations();
     const Clock::time_point start = Clock::now();
     for (int i = 0; i < messages; ++i)
     {
@@ -337,6 +338,10 @@ RunResult weftPush(WeftPair& pair, int messages, int messageSize, bool mustDeliv
     const int received = client.updates();
     const double seconds = elapsedUs(start, client.lastUpdate()) / 1e6;
     result.figures = pushFigures(messages, received, messageSize, seconds, cpuUs, switches);
+    // Both ends are in this process: the count covers a message's way out and
+    // its way in, the application's own value included.
+    result.figures["allocs_per_msg"] =
+        received > 0 ? (allocations() - allocationsBefore) / received : 0;
     if (client.outOfOrder() > 0)
     {
         result.ok = false;

@@ -103,7 +103,6 @@ EUDPTransport* EUDPTransport::acceptConnection(const tavo::HostAddress& source, 
     // Sent from the new transport's own socket: the connection gets its own port.
     accepted->sendPacket(EUDP_ACK, conArg);
     accepted->m_receiver.start();
-    accepted->m_sender.start();
     accepted->initTimers(m_pTimeouts->acceptedKeepAlive);
     return accepted;
 }
@@ -134,6 +133,8 @@ void EUDPTransport::renewForConnect()
         const ModuloValue next = m_pSendWindow->nextNumber();
         m_pSendWindow->restart(next, next.previous());
         m_sendMode = CONN_MODE_REALTIME;
+        // Ended above, if it ran.
+        m_senderStarted = false;
     }
     {
         tavo::MutexLock lock(m_receiveMutex);
@@ -199,7 +200,6 @@ bool EUDPTransport::connect(const tavo::HostAddress& address, uint16 port)
                                    << port << " (wrong ACK)" << std::endl;
         return false;
     }
-    m_sender.start();
     initTimers(m_pTimeouts->connectingKeepAlive);
     // A sign of life at once: the accepting side counts the connection
     // half-open until it hears from us, and may close the oldest half-open

@@ -126,7 +126,7 @@ void EUDPTransport::handleDatagram(EUDPPacket& packet, uint length, const tavo::
     }
 }
 
-void EUDPTransport::endBurst()
+void EUDPTransport::sendBurstAck()
 {
     if (m_burstAck)
     {
@@ -135,6 +135,18 @@ void EUDPTransport::endBurst()
         sendPacket(EUDP_ACK, *m_burstAck);
         m_burstAck.reset();
     }
+}
+
+void EUDPTransport::answer(EEUDPCommand command, uint arg)
+{
+    // Answers leave in the order of what they answer.
+    sendBurstAck();
+    sendPacket(command, arg);
+}
+
+void EUDPTransport::endBurst()
+{
+    sendBurstAck();
     m_burstNak.reset();
     if (m_burstStored > 0)
     {
@@ -161,6 +173,7 @@ void EUDPTransport::handleAck(uint arg, uint16 sourcePort)
     {
         // A second connection answered a repeat of our CON (a server that
         // makes one per CON): it is told to go, so it does not linger.
+        sendBurstAck();
         sendPacket(EUDP_DIS, 0, sourcePort);
         return;
     }
@@ -222,6 +235,8 @@ void EUDPTransport::processNak(int seq)
 
 void EUDPTransport::handleDisconnect()
 {
+    // What came before the DIS is answered while the socket is still open.
+    endBurst();
     m_closed = true;
     stopTimers();
     m_pSocket->close();
@@ -259,18 +274,18 @@ void EUDPTransport::handleData(const EUDPPacket& packet)
             m_burstAck = verdict.answerArg;
             break;
         }
-        sendPacket(verdict.answer, verdict.answerArg);
+        answer(verdict.answer, verdict.answerArg);
         break;
     case EUDP_NAK:
         // Every packet after a gap asks for the same number: once a burst.
         if (!m_burstNak || *m_burstNak != verdict.answerArg)
         {
             m_burstNak = verdict.answerArg;
-            sendPacket(verdict.answer, verdict.answerArg);
+            answer(verdict.answer, verdict.answerArg);
         }
         break;
     default:
-        sendPacket(verdict.answer, verdict.answerArg);
+        answer(verdict.answer, verdict.answerArg);
         break;
     }
     if (verdict.stored)
@@ -281,6 +296,8 @@ void EUDPTransport::handleData(const EUDPPacket& packet)
 
 void EUDPTransport::handleModeRequest(uint arg)
 {
+    // The answer, if any, follows the acknowledgements of what came before.
+    sendBurstAck();
     std::lock_guard<std::mutex> hold(m_modeHoldMutex);
     if (m_modeRequestsHeld)
     {
@@ -344,7 +361,7 @@ void EUDPTransport::handleWindowRequest(uint arg)
         tavo::MutexLock lock(m_sendMutex);
         flushSendable(std::chrono::steady_clock::now());
     }
-    sendPacket(EUDP_WAK, arg);
+    answer(EUDP_WAK, arg);
     IWEFTNegotiationObserver* observer = m_pNegotiationObserver;
     if (observer == nullptr)
     {

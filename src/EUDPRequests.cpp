@@ -90,6 +90,7 @@ void EUDPTransport::changeSendMode(EConnMode mode)
         if (mode == CONN_MODE_RELIABLE && previous != CONN_MODE_RELIABLE)
         {
             m_pSendWindow->startReliable();
+            startSender();
         }
         const bool freed = flushSendable(std::chrono::steady_clock::now());
         afterQueued(freed, wakeSender, giveSpace);

@@ -7,8 +7,7 @@
 EUDPSendWindow::EUDPSendWindow(uint capacity, Duration retransmitTimeout, Duration retransmitFloor)
     : m_sendBuffer(capacity), m_sentTimes(capacity), m_nextSendSeq(0), m_lastSentSeq(-1),
       m_lastAckedSeq(-1), m_inFlight(0), m_reliableFrom(0), m_fillNext(0), m_fillLeft(0),
-      m_filledFrom(-1), m_filler(EUDP_CMD), m_roundTrip(retransmitFloor, retransmitTimeout),
-      m_lastNak(-1)
+      m_filler(EUDP_CMD), m_roundTrip(retransmitFloor, retransmitTimeout), m_lastNak(-1)
 {
 }
 
@@ -214,14 +213,15 @@ EUDPSendWindow::ENakResult EUDPSendWindow::onNak(ModuloValue seq, TimePoint now)
     {
         return NAK_ACKED;
     }
-    if (m_filledAt && m_filledFrom.getValue() == seq.getValue() &&
-        now < *m_filledAt + m_roundTrip.timeout())
+    // One fill a round of waiting, of one burst: a NAK must not make this
+    // side send more than a window's worth, whoever sent it, and the NAKs of
+    // packets already on their way ask for nothing new.
+    if (m_filledAt && now < *m_filledAt + m_roundTrip.timeout())
     {
         return NAK_FILLING;
     }
     m_fillNext = seq;
-    m_fillLeft = std::min(static_cast<uint>(owed), m_sendBuffer.capacity());
-    m_filledFrom = seq;
+    m_fillLeft = std::min(static_cast<uint>(owed), EUDP_FILL_BURST);
     m_filledAt = now;
     // The packets after the gap were dropped by the peer: they follow the
     // fillers at once.

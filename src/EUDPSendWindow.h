@@ -135,7 +135,6 @@ private:
     uint m_fillLeft;
     // The latest fill, so that the NAKs of packets already on their way do
     // not start it again.
-    ModuloValue m_filledFrom;
     std::optional<TimePoint> m_filledAt;
     EUDPPacket m_filler;
     EUDPRoundTrip m_roundTrip;

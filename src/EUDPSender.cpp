@@ -24,6 +24,17 @@ void EUDPTransport::EUDPSender::run()
     }
 }
 
+void EUDPTransport::startSender()
+{
+    // Only reliable sending needs a clock of its own: real-time packets go
+    // out with the call that makes them. Caller holds m_sendMutex, so two
+    // mode changes cannot both start it.
+    if (!m_senderStarted && !m_closed)
+    {
+        m_senderStarted = m_sender.start();
+    }
+}
+
 void EUDPTransport::senderThread()
 {
     std::optional<std::chrono::steady_clock::time_point> wakeAt;

@@ -76,6 +76,9 @@ constexpr int EUDP_SOCKET_RECEIVE_BUFFER = 2 * 1024 * 1024;
 // ends with one cumulative acknowledgement, so a burst of a window's worth is
 // answered once rather than packet by packet.
 constexpr unsigned int EUDP_RECEIVE_BURST = 64;
+// Empty packets sent at most for one NAK of numbers sent before reliable
+// sending began: a larger gap is closed a burst at a time.
+constexpr unsigned int EUDP_FILL_BURST = 64;
 // A listener's half-open limit of 0 sets none: every CON is answered.
 constexpr unsigned int EUDP_NO_HALF_OPEN_LIMIT = 0;
 // Half-open connections a listener allows at first: each holds threads and

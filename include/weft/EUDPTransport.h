@@ -162,6 +162,9 @@ private:
     bool queueData(const uint8* data, uint length, bool waitForRoom);
 
     // ---- sending (EUDPSender.cpp): the sender thread and the sends of others ----
+    // Starts the sender thread when reliable sending first needs it; caller
+    // holds m_sendMutex.
+    void startSender();
     void senderThread();
     // One pass of the sender thread; it then sleeps until `wakeAt` (or, when
     // unset, until woken).
@@ -180,6 +183,10 @@ private:
                         uint16 sourcePort);
     // Sends what a burst of datagrams left to answer and wakes the reader.
     void endBurst();
+    // The burst's pending acknowledgement, if any.
+    void sendBurstAck();
+    // An answer sent at once, after the acknowledgements it follows.
+    void answer(EEUDPCommand command, uint arg);
     void handleAck(uint arg, uint16 sourcePort);
     void processAck(int seq);
     void processNak(int seq);
@@ -278,6 +285,7 @@ private:
     // Under m_sendMutex: the sender thread sleeps without a deadline, and how
     // many callers wait for room in the send ring.
     bool m_senderIdle = false;
+    bool m_senderStarted = false;
     int m_spaceWaiters = 0;
     // Receiver thread only: what the current burst of datagrams leaves to
     // answer, and how many payloads it stored.
