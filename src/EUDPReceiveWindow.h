@@ -5,6 +5,8 @@
 #include <weft/ModuloValue.h>
 #include <weft/RingBuffer.h>
 
+#include <memory>
+
 // The receiving half of the protocol, without sockets or threads: what an
 // arriving data packet's number means against the number expected, what to
 // answer, and the queue of payloads waiting for the application. The
@@ -30,17 +32,20 @@ public:
         // EUDP_UNKNOWN when nothing is answered.
         EEUDPCommand answer;
         uint answerArg;
-        // The payload was queued for the application.
-        bool stored;
+        // Payloads queued for the application: this packet's and, in
+        // reliable mode, those held after the gap it closes.
+        unsigned int stored;
     };
 
     explicit EUDPReceiveWindow(uint capacity);
     EUDPReceiveWindow(const EUDPReceiveWindow&) = delete;
     EUDPReceiveWindow& operator=(const EUDPReceiveWindow&) = delete;
 
-    // Judges one data packet in the given receive mode: reliable takes only
-    // the number expected; every other mode takes anything newer, skipping
-    // gaps. Empty packets (keep-alives) advance the number but are not stored.
+    // Judges one data packet in the given receive mode: reliable delivers
+    // only in order (a packet after a gap is NAKed, and held until the gap is
+    // filled, so that only the missing packets need to come again); every
+    // other mode takes anything newer, skipping gaps. Empty packets
+    // (keep-alives) advance the number but are not stored.
     Verdict receive(const EUDPPacket& packet, EConnMode mode);
 
     ModuloValue expected() const { return m_expectedSeq; }
@@ -63,6 +68,23 @@ public:
     }
 
 private:
+    // One packet after a gap, in the slot of its number.
+    struct Held
+    {
+        bool held = false;
+        EUDPPacket packet;
+    };
+
+    // Takes the packet expected, and after it those held that follow on;
+    // returns how many payloads it stored.
+    unsigned int deliverInOrder(const EUDPPacket& packet);
+    void take(const EUDPPacket& packet, unsigned int& stored);
+    void hold(const ModuloValue& seq, const EUDPPacket& packet);
+    void dropHeld();
+
     ModuloValue m_expectedSeq;
     RingBuffer<EUDPPacket> m_receiveBuffer;
+    // Made at the first gap; EUDP_REORDER_SLOTS of them.
+    std::unique_ptr<Held[]> m_pHeld;
+    unsigned int m_heldCount = 0;
 };

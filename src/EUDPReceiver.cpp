@@ -226,7 +226,6 @@ void EUDPTransport::processNak(int seq)
         log(tavo::LOG_LEVEL_WARNING)
             << "Received a NAK for a packet that had already been ACKed (ignoring)" << std::endl;
         break;
-    case EUDPSendWindow::NAK_REPEATED:
     case EUDPSendWindow::NAK_FILLING:
     case EUDPSendWindow::NAK_IMPOSSIBLE:
         break;
@@ -257,8 +256,6 @@ void EUDPTransport::handleData(const EUDPPacket& packet)
         log(tavo::LOG_LEVEL_DEBUG) << "receive buffer is full (dropping packet)" << std::endl;
         break;
     case EUDPReceiveWindow::ARRIVAL_GAP:
-        log(tavo::LOG_LEVEL_WARNING) << verdict.distance << " packets lost" << std::endl;
-        break;
     case EUDPReceiveWindow::ARRIVAL_IN_ORDER:
     case EUDPReceiveWindow::ARRIVAL_AHEAD:
         break;
@@ -275,11 +272,19 @@ void EUDPTransport::handleData(const EUDPPacket& packet)
             break;
         }
         answer(verdict.answer, verdict.answerArg);
+        if (mode == CONN_MODE_RELIABLE)
+        {
+            // A copy means the sender went back, most likely for a lost
+            // acknowledgement: the burst ends with one for everything taken,
+            // so that it does not go on repeating packet after packet.
+            m_burstAck = static_cast<uint>(m_pReceiveWindow->expected().previous().getValue());
+        }
         break;
     case EUDP_NAK:
         // Every packet after a gap asks for the same number: once a burst.
         if (!m_burstNak || *m_burstNak != verdict.answerArg)
         {
+            log(tavo::LOG_LEVEL_WARNING) << verdict.distance << " packets lost" << std::endl;
             m_burstNak = verdict.answerArg;
             answer(verdict.answer, verdict.answerArg);
         }
@@ -288,10 +293,7 @@ void EUDPTransport::handleData(const EUDPPacket& packet)
         answer(verdict.answer, verdict.answerArg);
         break;
     }
-    if (verdict.stored)
-    {
-        ++m_burstStored;
-    }
+    m_burstStored += verdict.stored;
 }
 
 void EUDPTransport::handleModeRequest(uint arg)

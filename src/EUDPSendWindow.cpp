@@ -7,7 +7,7 @@
 EUDPSendWindow::EUDPSendWindow(uint capacity, Duration retransmitTimeout, Duration retransmitFloor)
     : m_sendBuffer(capacity), m_sentTimes(capacity), m_nextSendSeq(0), m_lastSentSeq(-1),
       m_lastAckedSeq(-1), m_inFlight(0), m_reliableFrom(0), m_fillNext(0), m_fillLeft(0),
-      m_filler(EUDP_CMD), m_roundTrip(retransmitFloor, retransmitTimeout), m_lastNak(-1)
+      m_filler(EUDP_CMD), m_roundTrip(retransmitFloor, retransmitTimeout)
 {
 }
 
@@ -39,6 +39,7 @@ void EUDPSendWindow::restart(ModuloValue next, ModuloValue acknowledged)
     m_lastSentSeq = acknowledged;
     m_reliableFrom = next;
     m_inFlight = 0;
+    m_recoveryBudget = UNLIMITED;
     m_fillLeft = 0;
     m_filledAt.reset();
 }
@@ -78,6 +79,7 @@ void EUDPSendWindow::startReliable()
     m_lastSentSeq = m_reliableFrom.previous();
     m_lastAckedSeq = m_lastSentSeq;
     m_inFlight = 0;
+    m_recoveryBudget = UNLIMITED;
     m_fillLeft = 0;
     m_filledAt.reset();
 }
@@ -94,7 +96,7 @@ const EUDPPacket* EUDPSendWindow::nextReliable(int window, TimePoint now)
         m_lastActivity = now;
         return &m_filler;
     }
-    if (m_sendBuffer.isEmpty() || window <= m_inFlight)
+    if (m_sendBuffer.isEmpty() || window <= m_inFlight || m_recoveryBudget == 0)
     {
         return nullptr;
     }
@@ -102,6 +104,10 @@ const EUDPPacket* EUDPSendWindow::nextReliable(int window, TimePoint now)
     if (index >= m_sendBuffer.size())
     {
         return nullptr;
+    }
+    if (m_recoveryBudget > 0)
+    {
+        --m_recoveryBudget;
     }
     const EUDPPacket& packet = m_sendBuffer.at(index);
     Sent& sent = m_sentTimes.at(index);
@@ -137,12 +143,15 @@ void EUDPSendWindow::goBack(TimePoint now)
 {
     m_roundTrip.timedOut();
     rewind(now);
+    // The oldest first, alone, as after a NAK.
+    m_recoveryBudget = 1;
 }
 
 void EUDPSendWindow::rewind(TimePoint now)
 {
     m_lastSentSeq = m_lastAckedSeq;
     m_inFlight = 0;
+    m_recoveryBudget = UNLIMITED;
     m_lastActivity = now;
 }
 
@@ -177,6 +186,7 @@ EUDPSendWindow::AckResult EUDPSendWindow::onAck(ModuloValue seq, TimePoint now)
         ++freed;
     }
     m_roundTrip.progressed();
+    m_recoveryBudget = UNLIMITED;
     m_lastActivity = now;
     return AckResult{true, freed};
 }
@@ -189,19 +199,14 @@ EUDPSendWindow::ENakResult EUDPSendWindow::onNak(ModuloValue seq, TimePoint now)
         {
             return NAK_IMPOSSIBLE;
         }
-        // Every packet that arrives after the gap asks for the same number:
-        // those already on their way when sending started again at it ask
-        // for nothing new.
-        const auto roundTrip = m_roundTrip.smoothed();
-        if (roundTrip && m_lastNak.getValue() == seq.getValue() && now < m_lastNakAt + *roundTrip)
-        {
-            return NAK_REPEATED;
-        }
-        m_lastNak = seq;
-        m_lastNakAt = now;
-        // The next pass starts again at `seq` itself.
+        // The next pass starts again at `seq` itself, with that one packet
+        // only until an acknowledgement comes: a receiver that kept what
+        // followed the gap then acknowledges all of it at once, and one that
+        // did not asks for the rest with its ACK. Repeating the whole window
+        // at once would mostly send copies.
         m_lastSentSeq = seq.previous();
         m_inFlight = 0;
+        m_recoveryBudget = 1;
         m_lastActivity = now;
         return NAK_RESEND;
     }

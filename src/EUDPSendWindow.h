@@ -85,7 +85,6 @@ public:
     enum ENakResult
     {
         NAK_RESEND,    // sending starts again at `seq`
-        NAK_REPEATED,  // sending started again at `seq` less than a round trip ago
         NAK_FILL,      // the peer waits for numbers no longer held: fillers owed
         NAK_FILLING,   // a fill for that number is on its way already
         NAK_ACKED,     // `seq` was acknowledged already: ignored
@@ -138,10 +137,10 @@ private:
     std::optional<TimePoint> m_filledAt;
     EUDPPacket m_filler;
     EUDPRoundTrip m_roundTrip;
-    // The latest NAK that started sending again, so that the NAKs of packets
-    // already on their way when it did do not start it again.
-    ModuloValue m_lastNak;
-    TimePoint m_lastNakAt;
+    // After a NAK or a time-out: how many packets may go before the next
+    // acknowledgement (UNLIMITED otherwise).
+    static constexpr int UNLIMITED = -1;
+    int m_recoveryBudget = UNLIMITED;
     // The latest transmission, acknowledgement or go-back.
     TimePoint m_lastActivity;
 };

@@ -26,7 +26,7 @@ struct EUDPTimeouts
     Duration retransmit{std::chrono::milliseconds(500)};
     // The shortest such silence, however short the round trip: below it the
     // ordinary jitter of a busy host would be taken for loss.
-    Duration retransmitFloor{std::chrono::milliseconds(10)};
+    Duration retransmitFloor{std::chrono::milliseconds(2)};
     // Idle time before a keep-alive: an accepted transport speaks first, so
     // that the connecting side hears from it early. While the peer stays
     // silent, a keep-alive goes out again after each such period.

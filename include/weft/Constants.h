@@ -76,6 +76,10 @@ constexpr int EUDP_SOCKET_RECEIVE_BUFFER = 2 * 1024 * 1024;
 // ends with one cumulative acknowledgement, so a burst of a window's worth is
 // answered once rather than packet by packet.
 constexpr unsigned int EUDP_RECEIVE_BURST = 64;
+// Packets a reliable receiver holds after a gap until the gap is filled, so
+// that a sender that repeats only the missing packet is not made to repeat
+// everything after it too (beyond these, later packets are dropped).
+constexpr unsigned int EUDP_REORDER_SLOTS = 64;
 // Empty packets sent at most for one NAK of numbers sent before reliable
 // sending began: a larger gap is closed a burst at a time.
 constexpr unsigned int EUDP_FILL_BURST = 64;
