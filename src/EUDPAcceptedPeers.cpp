@@ -13,20 +13,26 @@ EUDPAcceptedPeers::find(EUDPTransport* transport)
 }
 
 void EUDPAcceptedPeers::add(EUDPTransport* transport, const tavo::HostAddress& address, uint16 port,
-                            uint conArg)
+                            uint conArg, const std::function<void(EUDPTransport&)>& evict)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     const Key key = keyOf(address, port);
     // A client that connects again from the same port takes the place of its
-    // old connection here; the old one ends by itself.
+    // old connection here; an old one that never completed goes, so that
+    // CONs from one port cannot pile up connections past the limit.
     const auto old = m_entries.find(key);
     if (old != m_entries.end())
     {
-        endHalfOpen(old->second);
+        if (old->second.halfOpen)
+        {
+            endHalfOpen(old->second);
+            evict(*old->second.transport);
+        }
         m_keys.erase(old->second.transport);
     }
     m_entries[key] =
-        Entry{transport, conArg, true, m_halfOpenOrder.insert(m_halfOpenOrder.end(), transport)};
+        Entry{transport, conArg, true, m_halfOpenOrder.insert(m_halfOpenOrder.end(), transport),
+              std::chrono::steady_clock::now()};
     m_keys[transport] = key;
     ++m_halfOpen;
 }
@@ -64,7 +70,8 @@ void EUDPAcceptedPeers::endHalfOpen(Entry& entry)
     }
 }
 
-bool EUDPAcceptedPeers::evictOldestHalfOpen(const std::function<void(EUDPTransport&)>& evict)
+bool EUDPAcceptedPeers::evictOldestHalfOpen(std::chrono::steady_clock::duration grace,
+                                            const std::function<void(EUDPTransport&)>& evict)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_halfOpenOrder.empty())
@@ -72,7 +79,12 @@ bool EUDPAcceptedPeers::evictOldestHalfOpen(const std::function<void(EUDPTranspo
         return false;
     }
     EUDPTransport* oldest = m_halfOpenOrder.front();
-    endHalfOpen(find(oldest)->second);
+    Entry& entry = find(oldest)->second;
+    if (std::chrono::steady_clock::now() < entry.since + grace)
+    {
+        return false;
+    }
+    endHalfOpen(entry);
     evict(*oldest);
     return true;
 }

@@ -3,6 +3,7 @@
 #include <tavo/HostAddress.h>
 #include <tavo/Types.h>
 
+#include <chrono>
 #include <functional>
 #include <list>
 #include <map>
@@ -25,8 +26,11 @@ public:
     EUDPAcceptedPeers& operator=(const EUDPAcceptedPeers&) = delete;
 
     // A new connection for the peer at `address`:`port` whose CON carried
-    // `conArg`; it counts as half-open until it leaves.
-    void add(EUDPTransport* transport, const tavo::HostAddress& address, uint16 port, uint conArg);
+    // `conArg`; it counts as half-open until it leaves. A connection made
+    // for an earlier CON from there that is still half-open is handed to
+    // `evict` (under the lock): one source cannot hold more than one.
+    void add(EUDPTransport* transport, const tavo::HostAddress& address, uint16 port, uint conArg,
+             const std::function<void(EUDPTransport&)>& evict);
     // Runs `answer` with the connection made for that peer and CON, under
     // the lock that keeps it from being destroyed meanwhile; false when there
     // is none.
@@ -35,8 +39,11 @@ public:
     // The connection heard from its peer or closed; only the first call counts.
     void leaveHalfOpen(EUDPTransport* transport);
     // Runs `evict` with the connection that has been half-open longest, under
-    // the lock, and counts it open no more; false when none is half-open.
-    bool evictOldestHalfOpen(const std::function<void(EUDPTransport&)>& evict);
+    // the lock, and counts it open no more; false when none is half-open or
+    // the oldest is younger than `grace` (it may be a real client whose
+    // first datagram is still on its way).
+    bool evictOldestHalfOpen(std::chrono::steady_clock::duration grace,
+                             const std::function<void(EUDPTransport&)>& evict);
     // The connection is being destroyed.
     void remove(EUDPTransport* transport);
     unsigned int halfOpenCount() const;
@@ -50,6 +57,7 @@ private:
         bool halfOpen;
         // Its place in m_halfOpenOrder while half-open.
         std::list<EUDPTransport*>::iterator order;
+        std::chrono::steady_clock::time_point since;
     };
 
     static Key keyOf(const tavo::HostAddress& address, uint16 port);

@@ -62,21 +62,27 @@ IWEFTTransport* EUDPTransport::accept()
         }
         // Each accepted connection holds threads and a socket until its peer
         // answers or its dead-peer timer fires. At the limit the one silent
-        // longest goes: a flood of CONs then costs a bounded number of
-        // connections, while a real client, which answers within a round
-        // trip, still gets in.
+        // longest goes, once it has had a moment to hear from its peer: a
+        // flood of CONs then costs a bounded number of connections, made at
+        // a bounded rate, while a real client, which answers within a round
+        // trip, still gets in (repeating its CON when it found no room).
         const unsigned int limit = m_halfOpenLimit;
-        if (limit != EUDP_NO_HALF_OPEN_LIMIT && m_pAcceptedPeers->halfOpenCount() >= limit &&
-            m_pAcceptedPeers->evictOldestHalfOpen([](EUDPTransport& oldest)
-                                                  { oldest.disconnect(); }))
+        if (limit != EUDP_NO_HALF_OPEN_LIMIT && m_pAcceptedPeers->halfOpenCount() >= limit)
         {
+            const bool evicted = m_pAcceptedPeers->evictOldestHalfOpen(
+                m_pTimeouts->halfOpenGrace, [](EUDPTransport& oldest) { oldest.disconnect(); });
             const auto now = std::chrono::steady_clock::now();
             if (now >= m_nextHalfOpenLine)
             {
                 // At most once a second: a flood must not flood the log too.
                 m_nextHalfOpenLine = now + std::chrono::seconds(1);
                 log(tavo::LOG_LEVEL_WARNING)
-                    << "too many half-open connections (closing the oldest)" << std::endl;
+                    << "too many half-open connections ("
+                    << (evicted ? "closing the oldest" : "ignoring CON") << ")" << std::endl;
+            }
+            if (!evicted)
+            {
+                continue;
             }
         }
         return acceptConnection(source, sourcePort, conArg);
@@ -99,7 +105,8 @@ EUDPTransport* EUDPTransport::acceptConnection(const tavo::HostAddress& source, 
     // Counted as half-open until its peer is heard from or it closes.
     accepted->m_pAcceptedPeers = m_pAcceptedPeers;
     accepted->m_halfOpen = true;
-    m_pAcceptedPeers->add(accepted, source, port, conArg);
+    m_pAcceptedPeers->add(accepted, source, port, conArg,
+                          [](EUDPTransport& old) { old.disconnect(); });
     // Sent from the new transport's own socket: the connection gets its own port.
     accepted->sendPacket(EUDP_ACK, conArg);
     accepted->m_receiver.start();
@@ -159,6 +166,7 @@ bool EUDPTransport::connect(const tavo::HostAddress& address, uint16 port)
         first = static_cast<uint>(m_pSendWindow->nextNumber().getValue());
     }
     m_conArg = first;
+    m_strayAck = false;
     // The first send binds the socket to a local port, which names the log
     // lines from then on; the receiver starts once there is a port to read.
     sendPacket(EUDP_CON, first, port);
@@ -178,8 +186,10 @@ bool EUDPTransport::connect(const tavo::HostAddress& address, uint16 port)
             // Disconnected meanwhile: nothing failed.
             return false;
         }
-        log(tavo::LOG_LEVEL_ERROR) << "failed to connect to " << address.getAddressString() << ":"
-                                   << port << " (timeout)" << std::endl;
+        // Only answers to another CON came: say so, they explain the wait.
+        log(tavo::LOG_LEVEL_ERROR)
+            << "failed to connect to " << address.getAddressString() << ":" << port
+            << (m_strayAck ? " (wrong ACK)" : " (timeout)") << std::endl;
         return false;
     }
     bool rightAck = false;

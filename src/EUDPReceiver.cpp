@@ -160,6 +160,13 @@ void EUDPTransport::handleAck(uint arg, uint16 sourcePort)
     const ModuloValue seq = ModuloValue::fromArg(arg);
     if (m_peerPort == 0)
     {
+        if (arg != m_conArg)
+        {
+            // Not the answer to our CON: an answer to an earlier CON from a
+            // socket that had this port before. The right one may yet come.
+            m_strayAck = true;
+            return;
+        }
         // The answer to our CON, from the accepted transport's new port.
         {
             tavo::MutexLock lock(m_sendMutex);

@@ -34,6 +34,11 @@ struct EUDPTimeouts
     Duration connectingKeepAlive{std::chrono::seconds(1)};
     // Silence after the first unanswered keep-alive after which the peer is dead.
     Duration deadPeer{std::chrono::seconds(10)};
+    // How long a half-open connection is safe from being closed to make room
+    // for a new one: long enough for a real client's first datagram to be
+    // read on a busy host, short enough that a flood turns over its places
+    // without waiting for their dead-peer timers.
+    Duration halfOpenGrace{std::chrono::milliseconds(20)};
     // How long a sender may wait for room while the peer acknowledges
     // nothing before the connection is closed (a transport's own setting
     // starts from it).

@@ -263,6 +263,9 @@ private:
     // carries it: numbers stay below 65535).
     static constexpr uint NO_CON = 0xFFFFFFFFu;
     std::atomic<uint> m_conArg;
+    // An ACK for another number came while connecting (reported if the
+    // connect fails).
+    std::atomic<bool> m_strayAck{false};
     // Listening transport: whether accepted transports start holding.
     std::atomic<bool> m_holdModeRequests{false};
     // Accepted transport: the hold and the newest held request, under the mutex,

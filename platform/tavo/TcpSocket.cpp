@@ -83,12 +83,8 @@ bool TcpSocket::setNoDelay(bool on)
 
 bool TcpSocket::setSendTimeout(unsigned int timeoutMs)
 {
-    SocketUse use(m_descriptor);
-    timeval limit{};
-    limit.tv_sec = static_cast<time_t>(timeoutMs / 1000);
-    limit.tv_usec = static_cast<suseconds_t>((timeoutMs % 1000) * 1000);
-    return use.valid() &&
-           ::setsockopt(use.fd(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) == 0;
+    m_sendTimeoutMs = timeoutMs;
+    return true;
 }
 
 bool TcpSocket::connect(const HostAddress& address, uint16 port)
@@ -200,18 +196,37 @@ int TcpSocket::send(const uint8* first, int firstLength, const uint8* second, in
     iovec* pending = parts;
     int pendingCount = secondLength > 0 ? 2 : 1;
     const int total = firstLength + secondLength;
+    // The limit is for the whole call, not for each write: a peer that takes
+    // a few bytes now and then must not stretch it.
+    const unsigned int timeoutMs = m_sendTimeoutMs;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     int sent = 0;
     while (sent < total)
     {
         msghdr message{};
         message.msg_iov = pending;
         message.msg_iovlen = static_cast<std::size_t>(pendingCount);
-        const ssize_t result = ::sendmsg(use.fd(), &message, MSG_NOSIGNAL);
+        const ssize_t result =
+            ::sendmsg(use.fd(), &message, MSG_NOSIGNAL | (timeoutMs > 0 ? MSG_DONTWAIT : 0));
         if (result < 0)
         {
             if (errno == EINTR)
             {
                 continue;
+            }
+            if (timeoutMs > 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+            {
+                const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+                    deadline - std::chrono::steady_clock::now());
+                pollfd wait{use.fd(), POLLOUT, 0};
+                if (left.count() > 0 && ::poll(&wait, 1, static_cast<int>(left.count())) >= 0)
+                {
+                    continue;
+                }
+                if (left.count() > 0 && errno == EINTR)
+                {
+                    continue;
+                }
             }
             return -1;
         }

@@ -5,6 +5,8 @@
 #include <tavo/SocketDescriptor.h>
 #include <tavo/Types.h>
 
+#include <atomic>
+
 namespace tavo
 {
 
@@ -23,9 +25,9 @@ public:
 
     // With true, small writes leave at once instead of being coalesced.
     bool setNoDelay(bool on);
-    // How long one send may wait for room in the kernel's buffer (0: without
-    // limit): a peer that stops reading then makes send fail instead of
-    // blocking its caller for good.
+    // How long one send call may take while it waits for room in the
+    // kernel's buffer (0: without limit): a peer that stops reading then
+    // makes send fail instead of blocking its caller for good.
     bool setSendTimeout(unsigned int timeoutMs);
 
     bool connect(const HostAddress& address, uint16 port);
@@ -59,6 +61,7 @@ public:
 
 private:
     mutable SocketDescriptor m_descriptor;
+    std::atomic<unsigned int> m_sendTimeoutMs{0};
 };
 
 } // namespace tavo

@@ -6,6 +6,7 @@
 #include "Input.h"
 #include "MessageSize.h"
 #include "Options.h"
+#include "Outbox.h"
 #include "Printer.h"
 #include "Signals.h"
 #include "ValueSyntax.h"
@@ -72,6 +73,8 @@ public:
     Server& m_server;
     const int m_id;
     const std::unique_ptr<WEFTConnection> m_connection;
+    // Declared after the connection, so that its thread ends first.
+    std::unique_ptr<Outbox> m_outbox;
     const std::string m_peer =
         m_connection->getPeerAddress() + ":" + std::to_string(m_connection->getPeerPort());
     // Guarded by the server's mutex.
@@ -94,6 +97,16 @@ public:
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         auto session = std::make_unique<Session>(*this, ++m_lastId, connection);
+        Session* pSession = session.get();
+        session->m_outbox = std::make_unique<Outbox>(
+            *connection,
+            [this, pSession]
+            {
+                m_printer.event(
+                    prefix(*pSession) + "reads too slowly (" + std::to_string(Outbox::LIMIT) +
+                        " messages waiting): disconnected",
+                    JsonObject().addString("event", "too-slow").addInt("client", pSession->m_id));
+            });
         connection->setServer(session.get());
         connection->setNegotiationObserver(session.get());
         // Before the connection starts, so the client's first request meets
@@ -130,7 +143,7 @@ public:
         m_sessions.push_back(std::move(session));
     }
 
-    // Answers with the item's value when there is one. Sends happen under the
+    // Answers with the item's value when there is one. Queued under the
     // lock, so a subscriber never gets an older value after a newer one.
     void subscribe(Session& session, const std::string& name)
     {
@@ -155,7 +168,7 @@ public:
         const auto value = m_values.find(name);
         if (value != m_values.end())
         {
-            const bool sent = session.m_connection->updateState(name, value->second);
+            const bool sent = session.m_outbox->push(false, name, value->second);
             json.addBool("answered", sent).addTypedValue(value->second);
             text += sent ? " (answered with " + valueText(value->second) + ")"
                          : " (could not send its value)";
@@ -274,9 +287,9 @@ public:
             {
                 continue;
             }
-            const bool ok = trigger ? session->m_connection->trigger(name, value)
-                                    : session->m_connection->updateState(name, value);
-            sent += ok ? 1 : 0;
+            // Queued: each client's own thread sends, so a slow one holds up
+            // no one else.
+            sent += session->m_outbox->push(trigger, name, value) ? 1 : 0;
         }
         m_printer.event(std::string(kind) + " " + quoted(name) + " " + valueText(value) +
                             " sent to " + std::to_string(sent) +
