@@ -505,18 +505,25 @@ class Client:
 
 def try_connect(weft, port, transport, timeout=10.0):
     """A fresh `weft connect` that subscribes to "probe" and waits for its
-    value: (succeeded, seconds taken)."""
+    value: (succeeded, seconds taken, its last words when it failed)."""
     started = time.monotonic()
     process = spawn([weft, "connect", f"{LOOPBACK}:{port}", "-t", transport, "-s", "probe",
-                     "-n", "1", "--timeout", f"{timeout}s", "-qqq"],
-                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                    stderr=subprocess.DEVNULL)
+                     "-n", "1", "--timeout", f"{timeout}s", "--json", "-vv"],
+                    stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                    stderr=subprocess.PIPE)
     try:
-        code = process.wait(timeout + 5)
+        out, err = process.communicate(timeout=timeout + 5)
     except subprocess.TimeoutExpired:
         end_process(process)
-        code = None
-    return code == 0, time.monotonic() - started
+        out, err = b"", b"(killed)"
+    seconds = time.monotonic() - started
+    if process.returncode == 0:
+        return True, seconds, ""
+    events = [line for line in out.decode(errors="replace").splitlines()
+              if '"event"' in line]
+    said = " / ".join(err.decode(errors="replace").strip().splitlines()[-6:])
+    return False, seconds, f"exit {process.returncode} after {seconds:.2f} s: {said} " \
+        f"{' '.join(e[:60] for e in events[-2:])}"
 
 
 class ConnectChecks:
@@ -546,13 +553,15 @@ class ConnectChecks:
         results = self.finish()
         if not results:
             return "no connect tried"
-        ok = sum(1 for done, _ in results if done)
-        slowest = max(seconds for _, seconds in results)
-        return f"{ok}/{len(results)} connects ok (slowest {slowest:.2f} s)"
+        ok = sum(1 for done, _, _ in results if done)
+        slowest = max(seconds for _, seconds, _ in results)
+        failures = [why for done, _, why in results if not done]
+        return f"{ok}/{len(results)} connects ok (slowest {slowest:.2f} s)" + \
+            (f" [failed: {'; '.join(failures)}]" if failures else "")
 
     def all_ok(self):
         results = self.finish()
-        return all(done for done, _ in results)
+        return all(done for done, _, _ in results)
 
 
 class Sampler(threading.Thread):
@@ -1506,9 +1515,12 @@ def eudp_dead_client(ctx):
            (f"{gone_b:.1f} s after the kill" if gone_b else "NEVER")
 
 
-def con_flood(ctx, total, rate=None, keep_open=2000, connects_at=(), outstanding=1500):
+def con_flood(ctx, total, rate=None, keep_open=4000, connects_at=(), outstanding=1500):
     """CONs from `total` distinct source ports; returns (sent, seconds). Paced
-    by `rate` per second, or by how fast the server announces connections."""
+    by `rate` per second, or kept at most `outstanding` CONs ahead of the
+    connections the server announces. The last `keep_open` sockets stay open,
+    so that no real client is given a port whose CON still waits in the
+    server's queue (its ACK would reach that client)."""
     server = ctx.server
     ring = []
     sent = 0
@@ -1544,7 +1556,8 @@ def con_flood(ctx, total, rate=None, keep_open=2000, connects_at=(), outstanding
 def eudp_con_flood(ctx):
     server = ctx.server
     base = server.count(lambda e: e.get("event") == "connected")
-    sent, seconds = con_flood(ctx, 10000, connects_at=(2000, 5000, 8000))
+    sent, seconds = con_flood(ctx, 10000, connects_at=(2000, 5000, 8000),
+                              outstanding=ctx.args.con_backlog or 10 ** 9)
     ctx.connects.finish()
     accepted = server.count(lambda e: e.get("event") == "connected") - base - \
         len(ctx.connects.results)
@@ -1937,8 +1950,12 @@ def main():
     parser.add_argument("--json-out", help="write every result to this file as JSON")
     parser.add_argument("--list", action="store_true", help="list the rows and exit")
     parser.add_argument("--seed", type=int, default=None, help="seed for the random bytes")
-    parser.add_argument("--slow-reader-s", type=float, default=20.0,
-                        help="how long the slow reader and the slow acknowledger stay (20)")
+    parser.add_argument("--slow-reader-s", type=float, default=12.0,
+                        help="how long the slow reader and the slow acknowledger stay (12; "
+                        "the console falls behind by as much)")
+    parser.add_argument("--con-backlog", type=int, default=1500,
+                        help="CONs the 10,000-CON flood keeps ahead of the server (1500; "
+                        "0: as fast as the script sends, most then dropped by the kernel)")
     args = parser.parse_args()
     if args.list:
         for spec in ROWS:
