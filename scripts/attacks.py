@@ -362,10 +362,6 @@ class Server:
         with self.cond:
             return sum(1 for event in self.events if predicate(event))
 
-    def mark(self):
-        with self.cond:
-            return len(self.events)
-
     def client_of(self, local_port, timeout=5):
         """The server's client number for a peer connected from `local_port`."""
         event = self.wait_event(lambda e: e.get("event") == "connected"
@@ -861,6 +857,20 @@ def tcp_read_update(sock, name, timeout):
     return None
 
 
+def settled_count(server, predicate, quiet=0.5, timeout=10):
+    """The number of matching events once no new one came for `quiet` seconds:
+    the server announces connections after it has read their CONs."""
+    count = server.count(predicate)
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        time.sleep(quiet)
+        now = server.count(predicate)
+        if now == count:
+            break
+        count = now
+    return count
+
+
 def wait_until(predicate, timeout, step=0.05):
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
@@ -896,6 +906,8 @@ class Context:
         self.checks = []
         self.findings = []
         self.after_wait = 2.0
+        # Run after the sample 2 s after the attack; what it returns ends the line.
+        self.later = None
 
     def check(self, ok, text):
         self.checks.append((bool(ok), text))
@@ -914,7 +926,6 @@ class Context:
 
 def session_ports_after(server, before, timeout=5):
     """The server's UDP ports that were not there in `before`."""
-    found = set()
     wait_until(lambda: bool(udp_ports(server.pid) - before - {server.port}), timeout)
     found = udp_ports(server.pid) - before - {server.port}
     return found
@@ -1430,7 +1441,7 @@ def eudp_strangers(ctx):
     burst_from = 100000
     for value in range(burst_from, burst_from + 200):
         server.send(f"update probe {value}")
-    got = ctx.client.wait_value(burst_from + 199, 10)
+    ctx.client.wait_value(burst_from + 199, 10)
     with ctx.client.cond:
         seen = {v for v, _ in ctx.client.values}
     burst = sum(1 for v in range(burst_from, burst_from + 200) if v in seen)
@@ -1453,7 +1464,6 @@ def eudp_strangers(ctx):
     ctx.check(own == list(range(200)), "the peer's own WIN 2^31 and ACK 20000 lose nothing")
     peer.close()
     other.close()
-    del got
     return f"after a stranger's {len(forged)} datagrams: {burst}/200 delivered, forged " \
            f"update seen: {-1 in seen}, intruder requests: {intruders}, client dropped: " \
            f"{ctx.client.dropped()}; peer's own WIN 2^31 (WAK {wak}) and ACK 20000: " \
@@ -1559,7 +1569,7 @@ def eudp_con_flood(ctx):
     sent, seconds = con_flood(ctx, 10000, connects_at=(2000, 5000, 8000),
                               outstanding=ctx.args.con_backlog or 10 ** 9)
     ctx.connects.finish()
-    accepted = server.count(lambda e: e.get("event") == "connected") - base - \
+    accepted = settled_count(server, lambda e: e.get("event") == "connected") - base - \
         len(ctx.connects.results)
     summary = ctx.connects.summary()
     ctx.check(ctx.connects.all_ok(), "a real weft connect -t eudp succeeds during the flood")
@@ -1587,17 +1597,21 @@ def eudp_con_one_port(ctx):
     guarded = False
     number = random.randrange(65535)
     while sent < 3000 and time.monotonic() - started < 20:
-        for _ in range(50):
+        for _ in range(25):
             number = (number + 1) % 65535
             sock.sendto(eudp_packet(b"CON", number), (LOOPBACK, server.port))
             sent += 1
         if sent == 500:
             ctx.connects.start_one()
+        # No further ahead of the server than a few connections, so that the
+        # guard stops the growth, not only the sending.
+        while sent - (server.count(lambda e: e.get("event") == "connected") - base) > 50 \
+                and time.monotonic() - started < 20:
+            time.sleep(0.01)
         status = server.sample()
         if status and status[1] >= THREAD_GUARD:
             guarded = True
             break
-        time.sleep(0.02)
     seconds = time.monotonic() - started
     peak = server.sample()
     ctx.connects.finish()
@@ -1610,6 +1624,16 @@ def eudp_con_one_port(ctx):
     ctx.note("accepted", accepted)
     ctx.note("open_at_end", open_sessions)
     ctx.note("guard_hit", guarded)
+    flood_end = time.monotonic()
+
+    def released():
+        gone = wait_until(lambda: server.open_sessions() <= 1, DEAD_PEER + 10, step=0.2)
+        status = server.sample()
+        took = time.monotonic() - flood_end
+        ctx.note("released_after_s", round(took, 1) if gone else None)
+        return (f"all gone {took:.1f} s after the flood" if gone else "NOT gone") + \
+            (f" (threads {status[1]}, {status[0]:.0f} MB)" if status else "")
+    ctx.later = released
     if open_sessions > HALF_OPEN_LIMIT:
         ctx.finding(f"{open_sessions} connections from one source port, beyond the half-open "
                     f"limit of {HALF_OPEN_LIMIT}, each until its dead-peer timer")
@@ -1871,6 +1895,8 @@ def run_row(spec, args, workdir):
         attack_s = time.monotonic() - started
         time.sleep(ctx.after_wait)
         after = server.sample()
+        if ctx.later:
+            detail += "; " + ctx.later()
         sampler.stop()
         peak = sampler.peak()
         prober.stop()
