@@ -15,8 +15,10 @@ delay from the console to the client) and what the attack itself measured.
     scripts/attacks.py --list
 
 Only the standard library; Linux only (it reads /proc). Every process the
-script starts is ended before it exits, whatever happens; limits are only
-ever set on the server it starts, never on the machine or this shell.
+script starts is ended before it exits, whatever happens. The only limits it
+changes are its own soft open-file limit and that of the one server a row
+starts under 1,024 files; never the machine's or the shell's. docs/security.md
+has the results and what they mean.
 """
 
 import argparse
