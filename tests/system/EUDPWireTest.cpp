@@ -497,6 +497,9 @@ TEST_F(EUDPTransportTest, EachRefusalWritesItsLineAtItsLevel)
         return con.from;
     };
     uint16 client = 0;
+    // The listening port reads only while an accept waits.
+    std::unique_ptr<IWEFTTransport> accepted;
+    std::thread acceptor([&] { accepted.reset(m_listener->accept()); });
     const struct
     {
         std::function<void()> refuse;
@@ -556,6 +559,8 @@ TEST_F(EUDPTransportTest, EachRefusalWritesItsLineAtItsLevel)
         EXPECT_TRUE(log().waitFor(expected, 10s)) << expected;
         EXPECT_EQ(log().levelOf(expected), c.level) << expected;
     }
+    RawPeer().send(m_listenPort, packet("CON", 0));
+    acceptor.join();
 }
 
 TEST_F(EUDPTransportTest, DestroyingOrClosingATransportInAnyStateEndsItsWaitsAndSendsNothing)

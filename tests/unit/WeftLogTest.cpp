@@ -72,137 +72,92 @@ void loopReceives(const Bytes& message)
 TEST_F(WeftLogTest, EachRefusalWritesItsLineAtItsLevel)
 {
     const std::string big(1488, 'v');
-    const struct
+    const auto refusedSends = [](WEFTConnection& c)
     {
-        std::function<void()> refuse;
-        std::vector<std::string> lines; // in order, all at `level`...
-        int level;
-        std::string thenLine = ""; // ...then this one at `thenLevel`
-        int thenLevel = 0;
-    } cases[] = {
+        return c.subscribe("a") || c.unsubscribe("a") || c.trigger("a", ParameterValue(1)) ||
+               c.updateState("a", ParameterValue(1)) || c.callFunctionId("a", ParameterList());
+    };
+    const auto unencodable = [](WEFTConnection& c)
+    { return c.trigger("t", ParameterValue(std::string("a\0b", 3))); };
+    const std::pair<std::function<void()>, std::vector<std::string>> cases[] = {
         {[] { EUDPPacket(EUDP_CMD).setData(Bytes(1493).data(), 1493); },
-         {"WEFT/EUDP: packet length (1493) exceeds max length (1492)"},
-         2},
+         {"2 WEFT/EUDP: packet length (1493) exceeds max length (1492)"}},
         {[] {
              eudpReceived({2, 'C', 'M', 'D', 0, 0, 0, 0});
          },
-         {"WEFT/EUDP: packet validation failed: wrong version"},
-         3},
+         {"3 WEFT/EUDP: packet validation failed: wrong version"}},
         {[] {
              eudpReceived({1, 'C', 'M', 'D', 0, 0, 0});
          },
-         {"WEFT/EUDP: packet validation failed: header too short"},
-         3},
+         {"3 WEFT/EUDP: packet validation failed: header too short"}},
         {[] {
              eudpReceived({1, 'c', 'm', 'd', 0, 0, 0, 0});
          },
-         {"WEFT/EUDP: packet validation failed: unknown command"},
-         3},
+         {"3 WEFT/EUDP: packet validation failed: unknown command"}},
         {[] {
              weftRead({2, 'T', 0, 0}, false);
          },
-         {"WEFT: packet validation failed: wrong version"},
-         3},
+         {"3 WEFT: packet validation failed: wrong version"}},
         {[] {
              weftRead({1, 'T', 0}, false);
          },
-         {"WEFT: packet validation failed: header too short"},
-         3},
+         {"3 WEFT: packet validation failed: header too short"}},
         {[] {
              weftRead({1, 'T', 5, 0, 't', 0}, false);
          },
-         {"WEFT: packet validation failed: wrong packet size"},
-         3},
+         {"3 WEFT: packet validation failed: wrong packet size"}},
         {[] {
              weftRead({1, 'T', 1, 0, 't'}, false);
          },
-         {"WEFT: unterminated string in packet"},
-         2},
+         {"2 WEFT: unterminated string in packet"}},
         {[] {
              weftRead({1, 'T', 3, 0, 't', 0, 'I'}, false);
          },
-         {"WEFT: failed to parse parameter value"},
-         2},
+         {"2 WEFT: failed to parse parameter value"}},
         {[] {
              weftRead({1, 'F', 3, 0, 'f', 0, 1}, true);
          },
-         {"WEFT: failed to parse parameter list"},
-         2},
+         {"2 WEFT: failed to parse parameter list"}},
         {[&] { WEFTPacket(WEFT_CMD_TRIGGER).appendString(big); },
-         {"WEFT: WEFT packet length (1489) exceeds max length (1488)"},
-         2},
+         {"2 WEFT: WEFT packet length (1489) exceeds max length (1488)"}},
         {[&] { sendOn(false, [&](WEFTConnection& c) { return c.subscribe(big); }); },
-         {"WEFT: subscribe not sent: it needs 1489 bytes, a message carries at most 1488 (1 too "
-          "many)"},
-         2},
-        {[]
-         {
-             sendOn(false, [](WEFTConnection& c)
-                    { return c.trigger("t", ParameterValue(std::string("a\0b", 3))); });
-         },
-         {"WEFT: trigger not sent: it cannot be encoded"},
-         2},
-        {[]
-         {
-             sendOn(true,
-                    [](WEFTConnection& c)
-                    {
-                        return c.subscribe("a") || c.unsubscribe("a") ||
-                               c.trigger("a", ParameterValue(1)) ||
-                               c.updateState("a", ParameterValue(1)) ||
-                               c.callFunctionId("a", ParameterList());
-                    });
-         },
-         {"WEFT: failed to send subscribe cmd", "WEFT: failed to send unsubscribe cmd",
-          "WEFT: failed to send trigger", "WEFT: failed to send state update",
-          "WEFT: failed to send FID cmd"},
-         5},
+         {"2 WEFT: subscribe not sent: it needs 1489 bytes, a message carries at most 1488 (1 "
+          "too many)"}},
+        {[&] { sendOn(false, unencodable); }, {"2 WEFT: trigger not sent: it cannot be encoded"}},
+        {[&] { sendOn(true, refusedSends); },
+         {"5 WEFT: failed to send subscribe cmd", "5 WEFT: failed to send unsubscribe cmd",
+          "5 WEFT: failed to send trigger", "5 WEFT: failed to send state update",
+          "5 WEFT: failed to send FID cmd"}},
         {[] {
-             loopReceives({1, 'T', 0, 0});
+             loopReceives({1, 'T'});
          },
-         {"WEFT: packet validation failed: header too short"},
-         3,
-         "WEFT: discarding invalid packet",
-         3},
+         {"3 WEFT: packet validation failed: header too short",
+          "3 WEFT: discarding invalid packet"}},
         {[] {
              loopReceives({1, 'S', 2, 0, 'x', 0});
          },
-         {"WEFT: received unexpected subscribe cmd (no server available)"},
-         3},
+         {"3 WEFT: received unexpected subscribe cmd (no server available)"}},
         {[] {
              loopReceives({1, 'X', 2, 0, 'x', 0});
          },
-         {"WEFT: received unexpected unsubscribe cmd (no server available)"},
-         3},
+         {"3 WEFT: received unexpected unsubscribe cmd (no server available)"}},
         {[] {
              loopReceives({1, 'F', 3, 0, 'f', 0, 0});
          },
-         {"WEFT: received unexpected FID cmd (no server available)"},
-         3},
+         {"3 WEFT: received unexpected FID cmd (no server available)"}},
         {[] {
              loopReceives({1, 'T', 3, 0, 't', 0, 'N'});
          },
-         {"WEFT: received unexpected trigger cmd (no client available)"},
-         3},
+         {"3 WEFT: received unexpected trigger cmd (no client available)"}},
         {[] {
              loopReceives({1, 'U', 3, 0, 'u', 0, 'N'});
          },
-         {"WEFT: received unexpected update state cmd (no client available)"},
-         3},
+         {"3 WEFT: received unexpected update state cmd (no client available)"}},
     };
-    for (const auto& c : cases)
+    for (const auto& [refuse, expected] : cases)
     {
         log().clear();
-        c.refuse();
-        std::vector<std::string> expected;
-        for (const std::string& line : c.lines)
-        {
-            expected.push_back(std::to_string(c.level) + " " + line);
-        }
-        if (!c.thenLine.empty())
-        {
-            expected.push_back(std::to_string(c.thenLevel) + " " + c.thenLine);
-        }
+        refuse();
         std::vector<std::string> logged;
         for (const LogCapture::Line& line : log().lines())
         {
