@@ -23,7 +23,6 @@ namespace
 using namespace std::chrono_literals;
 constexpr auto WAIT = 5000ms;
 constexpr auto C2S = RelayDirection::ClientToServer;
-constexpr auto S2C = RelayDirection::ServerToClient;
 
 struct Datagram
 {
