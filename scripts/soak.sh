@@ -43,46 +43,62 @@ soak() {
     pids+=($!)
     exec {serve_in}>"$work/serve.in"
     local port
-    port=$(wait_line "$work/serve.out" 'port [0-9]+' | grep -oE 'port [0-9]+' | cut -d' ' -f2)
+    port=$(wait_line "$work/serve.out" '^listening on' | grep -oE '[0-9]+$')
     local target=127.0.0.1:$port modes=()
     if [ "$transport" = eudp ]; then
         "$weft" relay -t eudp --listen 127.0.0.1:0 --to "$target" --drop 5% --dup 2% \
             --reorder 2% --seed 1 >"$work/relay.out" 2>&1 &
         pids+=($!)
-        target=127.0.0.1:$(wait_line "$work/relay.out" '^relaying' |
-            grep -oE '127\.0\.0\.1:[0-9]+ ->' | cut -d: -f2 | cut -d' ' -f1)
+        target=$(wait_line "$work/relay.out" '^relaying' | grep -oE '127\.0\.0\.1:[0-9]+' | head -1)
         modes=(--send-mode reliable --receive-mode reliable --window 32)
     fi
-    local client
+    local client fds=() clientpids=()
     for client in $(seq "$clients"); do
-        # The calls go out from stdin; the client ends after every update.
-        seq 0 $((messages - 1)) | sed "s/.*/call tick$client seq=&/" |
-            "$weft" connect "$target" -t "$transport" "${modes[@]}" -s n --count "$messages" \
+        # The calls, then whatever comes down the client's pipe: the client
+        # ends at the end of its input, once the script has seen everything
+        # arrive (an ending client drops what is still unacknowledged).
+        mkfifo "$work/client$client.in"
+        { seq 0 $((messages - 1)) | sed "s/.*/call tick$client seq=&/"; cat "$work/client$client.in"; } |
+            "$weft" connect "$target" -t "$transport" "${modes[@]}" -s n \
                 >"$work/client$client.out" 2>"$work/client$client.err" &
-        pids+=($!)
+        clientpids+=($!)
+        exec {fd}>"$work/client$client.in"
+        fds+=("$fd")
     done
-    wait_line "$work/serve.out" "subscribed.*n|subscribe.*\"n\"" >/dev/null
     # Every client subscribed before the first update.
     for _ in $(seq 300); do
-        [ "$(grep -cE 'subscribe.*"n"' "$work/serve.out")" -ge "$clients" ] && break
+        [ "$(grep -cE '^client [0-9]+ subscribe "n"$' "$work/serve.out")" -ge "$clients" ] && break
         sleep 0.1
     done
     seq 0 $((messages - 1)) | sed 's/.*/update n &/' >&"$serve_in"
+    # Until every message has arrived, or ten minutes.
+    local deadline=$((SECONDS + 600))
+    while [ $SECONDS -lt $deadline ]; do
+        [ "$(grep -cE '^client [0-9]+ call "tick' "$work/serve.out")" -ge $((clients * messages)) ] &&
+            [ "$(cat "$work/"client*.out | grep -cE '^update "n" ')" -ge $((clients * messages)) ] &&
+            break
+        sleep 0.5
+    done
     local failed=0
     for client in $(seq "$clients"); do
-        if ! wait "${pids[$((${#pids[@]} - clients + client - 1))]}"; then
-            echo "client $client failed:" && tail -5 "$work/client$client.err"
-            failed=1
-        fi
         # Updates of n, numbered 0 to N-1, once each and in order.
-        if ! diff -q <(grep -oE 'n = [0-9]+|"n" [0-9]+|n [0-9]+$' "$work/client$client.out" |
+        if ! diff -q <(grep -E '^update "n" [0-9]+$' "$work/client$client.out" |
             grep -oE '[0-9]+$') <(seq 0 $((messages - 1))) >/dev/null; then
             echo "client $client: updates lost, repeated or out of order" && failed=1
         fi
         # Its calls, in order, at the server.
-        if ! diff -q <(grep -E "tick$client\b" "$work/serve.out" | grep -oE 'seq *[=:] *[0-9]+' |
+        if ! diff -q <(grep -E "^client [0-9]+ call \"tick$client\" seq=" "$work/serve.out" |
             grep -oE '[0-9]+$') <(seq 0 $((messages - 1))) >/dev/null; then
             echo "client $client: calls lost, repeated or out of order" && failed=1
+        fi
+    done
+    for fd in "${fds[@]}"; do
+        exec {fd}>&-
+    done
+    for client in $(seq "$clients"); do
+        if ! wait "${clientpids[$((client - 1))]}"; then
+            echo "client $client failed:" && tail -5 "$work/client$client.err"
+            failed=1
         fi
     done
     exec {serve_in}>&-
