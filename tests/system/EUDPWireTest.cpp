@@ -183,16 +183,6 @@ protected:
         }
     }
 
-    // One datagram for each check that refuses it: version, length, command.
-    static void sendInvalid(RawPeer& raw, uint16 port)
-    {
-        for (const Bytes& invalid : {Bytes{2, 'C', 'M', 'D', 1, 0, 0, 0},
-                                     Bytes{1, 'C', 'M', 'D', 1, 0, 0}, packet("cmd", 1)})
-        {
-            raw.send(port, invalid);
-        }
-    }
-
     static std::string line(uint16 port, const std::string& text)
     {
         return "WEFT/EUDP[" + std::to_string(port) + "]: " + text;
