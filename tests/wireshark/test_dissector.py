@@ -12,6 +12,7 @@ import argparse
 import atexit
 import json
 import os
+import random
 import shutil
 import struct
 import subprocess
@@ -26,6 +27,7 @@ DISSECTOR = os.environ.get("WEFT_DISSECTOR", os.path.join(ROOT, "tools", "wiresh
 TSHARK = shutil.which("tshark")
 TEXT2PCAP = shutil.which("text2pcap")
 MERGECAP = shutil.which("mergecap")
+EDITCAP = shutil.which("editcap")
 ERROR, WARN, NOTE = "8388608", "6291456", "4194304"  # expert severities
 CLIENT, SERVER = "I", "O"  # text2pcap directions: client->server, server->client
 # tshark runs with an empty home folder, so that an installed copy of the
@@ -358,6 +360,62 @@ class EudpTest(DissectorCase):
         self.assertField(frames[1], "udp.srcport", ["41234"])
         no_port = self.decode(merged, ["eudp.summary"], prefs=["eudp.udp_port:0"])
         self.assertEqual(no_port[0]["eudp.summary"], ["EUDP CON seq=0"])
+
+
+class FuzzTest(DissectorCase):
+    """Random and mutated byte vectors never raise a Lua error."""
+
+    SEED = int(os.environ.get("WEFT_FUZZ_SEED", "20241123"))
+    SEEDS = [m for m, *_ in WeftMessageTest.CASES if m]
+
+    def mutate(self, rng, data):
+        data = bytearray(data)
+        for _ in range(rng.randint(1, 4)):
+            action = rng.randrange(4)
+            if action == 0 and data:
+                data[rng.randrange(len(data))] = rng.randrange(256)
+            elif action == 1 and data:
+                del data[rng.randrange(len(data)):]
+            elif action == 2:
+                data.insert(rng.randrange(len(data) + 1), rng.choice([0, 1, 0x49, 0x53, 0x42, 0x46, 0xFF]))
+            else:
+                data[2:4] = struct.pack("<H", rng.randrange(0, 40))
+        return bytes(data)
+
+    def random_weft(self, rng):
+        if rng.random() < 0.2:
+            return bytes(rng.randrange(256) for _ in range(rng.randrange(1, 40)))
+        return self.mutate(rng, rng.choice(self.SEEDS))
+
+    def test_random_vectors_decode_without_lua_errors(self):
+        rng = random.Random(self.SEED)
+        names = ["NOP", "ACK", "NAK", "CON", "DIS", "CMD", "MOD", "MAK", "WIN", "WAK", "cmd", "ZZZ"]
+        datagrams = []
+        for _ in range(300):
+            kind = rng.randrange(3)
+            if kind == 0:
+                datagrams.append(bytes(rng.randrange(256) for _ in range(rng.randrange(1, 24))))
+            else:
+                arg = bytes(rng.choice(b"TRDX\x00\xff") for _ in range(4))
+                payload = self.random_weft(rng) if kind == 2 else b""
+                datagrams.append(datagram(rng.choice(names), arg, payload))
+        messages = [m for m in (self.random_weft(rng) for _ in range(300)) if m]
+        segments = [framed(m) for m in messages]
+        loose = [bytes(rng.randrange(256) for _ in range(rng.randrange(1, 12))) for _ in range(100)]
+
+        udp = self.decode(self.capture(datagrams, "-u", name="u.pcapng"), ["eudp.summary", "weft.summary"])
+        self.assertEqual(len(udp), len(datagrams))
+        self.assertTrue(all("eudp.summary" in f for f in udp), "seed %d" % self.SEED)
+        tcp = self.decode(self.capture(segments, name="t.pcapng"), ["weft.summary"])
+        self.assertEqual(sum(len(f.get("weft.summary", [])) for f in tcp), len(messages), "seed %d" % self.SEED)
+        self.decode(self.capture(loose, ports=(40000, 7777), name="h.pcapng"))
+        for name in ("u.pcapng", "t.pcapng"):  # as if captured with a short snapshot length
+            subprocess.run([EDITCAP, "-s", "60", os.path.join(self.dir, name), os.path.join(self.dir, "cut-" + name)],
+                           check=True)
+        for name in ("u.pcapng", "t.pcapng", "h.pcapng", "cut-u.pcapng", "cut-t.pcapng"):
+            out, err = run_tshark(os.path.join(self.dir, name), ["-V", "-2"])
+            self.assertNotIn("Lua Error", out + err, "%s, seed %d" % (name, self.SEED))
+            self.assertNotIn("[Malformed Packet", out, "%s, seed %d" % (name, self.SEED))
 
 
 def main():
