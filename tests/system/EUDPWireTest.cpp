@@ -419,6 +419,8 @@ TEST_F(EUDPTransportTest, ModeAndWindowRequestsAreAnsweredRefusedOrAskedWithoutS
     EXPECT_EQ(Peer::sendMode(*server), CONN_MODE_RELIABLE);
     EXPECT_EQ(answersTo("QDDD"), Bytes{});
     EXPECT_EQ(answersTo("DDDD"), packet("MAK", modes("DRDR")));
+    server->allowReceiveMode(false, false); // refused: the policy stays as it was
+    EXPECT_EQ(answersTo("DDTD"), packet("MAK", modes("DRTT")));
 
     // Answers nobody waits for, or meant for other requests, are passed
     // over; the request is repeated until its own answer comes.

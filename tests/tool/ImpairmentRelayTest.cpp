@@ -229,4 +229,71 @@ TEST(ImpairmentRelayTest, DuplicatesAndReordersFollowTheirRatesRepeatably)
     EXPECT_EQ(runs[0], runs[1]);
 }
 
+TEST(ImpairmentRelayTest, DelayKeepsOrderAndAHeldDatagramLeavesAloneAfterItsHold)
+{
+    Path path(4);
+    path.relay.setImpairment(C2S, Impairment{.delay = 3ms});
+    path.pump(0, 50);
+    path.settle(); // so that the held one cannot overtake them
+    path.relay.setImpairment(C2S, Impairment{.reorderRate = 1.0, .reorderHold = 1ms});
+    path.pump(50, 1);
+    path.settle();
+    EXPECT_EQ(path.arrived, numbers(0, 51));
+    EXPECT_EQ(path.relay.getCounts(C2S).delayed, 50u);
+    EXPECT_EQ(path.relay.getCounts(C2S).reordered, 1u);
+}
+
+TEST(ImpairmentRelayTest, StopDiscardsQueuedDatagramsAndEndsCleanly)
+{
+    Path path(7);
+    path.relay.setImpairment(Impairment{.delay = 1h});
+    path.pump(0, 3);
+    EXPECT_EQ(path.relay.getCounts(C2S).delayed, 3u);
+    path.relay.stop();
+    path.relay.stop();
+    EXPECT_EQ(path.relay.getCounts(C2S).forwarded, 0u);
+
+    // Destroyed without stop, with a datagram queued and a session open.
+    ImpairmentRelay unstopped(path.server.port(), 8);
+    unstopped.setImpairment(Impairment{.delay = 1h});
+    path.client.send(unstopped.getPort(), "queued");
+    EXPECT_TRUE(eventually([&] { return unstopped.getCounts(C2S).delayed == 1; }, WAIT));
+}
+
 } // namespace
+
+TEST(ImpairmentRelayTest, ATakenPortIsRefusedAndAnIdleSessionIsForgottenAndReopened)
+{
+    Peer taken;
+    RelayOptions options;
+    options.listen.port = taken.port();
+    ImpairmentRelay refused(options);
+    EXPECT_FALSE(refused.isOpen());
+    EXPECT_NE(refused.getError().find(std::to_string(taken.port())), std::string::npos)
+        << refused.getError();
+
+    Peer client;
+    Peer server;
+    std::mutex mutex;
+    std::vector<std::string> events;
+    options.listen.port = 0;
+    options.target.port = server.port();
+    options.idleTimeout = 40ms;
+    options.onEvent = [&](const RelayEvent& event)
+    {
+        const char* kinds[] = {"opened", "closed", "datagram"};
+        std::lock_guard<std::mutex> lock(mutex);
+        events.push_back(kinds[event.kind] + std::to_string(event.session));
+    };
+    ImpairmentRelay relay(options);
+    ASSERT_TRUE(relay.isOpen()) << relay.getError();
+    client.send(relay.getPort(), "first");
+    EXPECT_EQ(server.receive().bytes, "first");
+    ASSERT_TRUE(eventually([&] { return relay.getSessionCount() == 0; }, WAIT));
+    client.send(relay.getPort(), "again");
+    EXPECT_EQ(server.receive().bytes, "again");
+    relay.stop();
+    const std::vector<std::string> expected{"opened1", "datagram1", "closed1", "opened2",
+                                            "datagram2"};
+    EXPECT_EQ(events, expected);
+}

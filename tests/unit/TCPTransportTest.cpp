@@ -75,6 +75,34 @@ protected:
     uint16 m_port = 0;
 };
 
+TEST_F(TCPTransportTest, MessagesTravelWholeAndInOrderBothWays)
+{
+    TCPTransport client;
+    auto server = acceptWhile([&] { ASSERT_TRUE(client.connect(LOOPBACK, m_port)); });
+    ASSERT_NE(server, nullptr);
+    EXPECT_EQ(server->getPeerPort(), client.getLocalPort());
+    EXPECT_EQ(client.getPeerPort(), m_port);
+    EXPECT_EQ(client.getPeerAddress().getAddressString(), "127.0.0.1");
+
+    for (uint length : {1u, 2u, 100u, 1492u, 65535u})
+    {
+        Bytes message(length);
+        for (uint i = 0; i < length; ++i)
+        {
+            message[i] = static_cast<uint8>(i * 7 + length);
+        }
+        for (auto [from, to] : {std::pair<IWEFTTransport*, IWEFTTransport*>(&client, server.get()),
+                                std::pair<IWEFTTransport*, IWEFTTransport*>(server.get(), &client)})
+        {
+            ASSERT_TRUE(from->sendData(message.data(), length));
+            Bytes received(65535);
+            ASSERT_EQ(to->receiveData(received.data(), 65535), static_cast<int>(length));
+            received.resize(length);
+            EXPECT_EQ(received, message) << "length " << length;
+        }
+    }
+}
+
 TEST_F(TCPTransportTest, FramesEachMessageWithATwoByteLittleEndianLengthAndRefusesLongerOnes)
 {
     tavo::TcpSocket raw;

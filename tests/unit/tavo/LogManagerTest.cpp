@@ -66,6 +66,14 @@ TEST_F(LogManagerTest, LinesAboveTheMaximumLevelAreDroppedAndFormattingEndsWithI
     EXPECT_FALSE(weft().isEnabled(4));
 }
 
+TEST_F(LogManagerTest, OutputsAreSharedByName)
+{
+    tavo::LogManager* manager = tavo::LogManager::getInstance();
+    EXPECT_EQ(manager->getLogOutput("WEFT"), manager->getLogOutput("WEFT"));
+    EXPECT_NE(manager->getLogOutput("WEFT"), manager->getLogOutput("OTHER"));
+    EXPECT_EQ(manager->getLogOutput("OTHER")->getName(), "OTHER");
+}
+
 TEST_F(LogManagerTest, DefaultSinkWritesErrorsToStandardError)
 {
     testing::internal::CaptureStderr();
