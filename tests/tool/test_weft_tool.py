@@ -421,7 +421,9 @@ class SignalTest(ToolTest):
                 client.proc.send_signal(signal.SIGINT)
             self.assertEqual(client.wait(timeout=5), 130 if ending == "ctrl-c" else 1,
                              client.transcript())
-            self.assertLess(time.monotonic() - started, 0.5, (transport, ending))
+            # Well before the 5 s an EUDP connect waits (TCP's SYN waits longer),
+            # with room for a sanitizer build on a busy machine.
+            self.assertLess(time.monotonic() - started, 3.0, (transport, ending))
             if ending == "timeout":
                 self.assertIn("no connection to 127.0.0.1:%d within --timeout" % port, client.err)
 
