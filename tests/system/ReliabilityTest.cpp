@@ -244,9 +244,18 @@ TEST_F(EUDPThroughRelay, IdleAndStreamingRealtimeConnectionsLiveThroughTenMinute
     // Once the network is silent for good, both ends of both close.
     m_relay->setSilent(true);
     const auto silent = Clock::now();
-    uint8 buffer[16];
-    EXPECT_EQ(idleClient.receiveData(buffer, sizeof(buffer)), 0);
-    EXPECT_EQ(idleServer->receiveData(buffer, sizeof(buffer)), 0);
+    // An update that got through before the silence is handed out first.
+    const auto end = [](IWEFTTransport& transport)
+    {
+        uint8 buffer[16];
+        int n = 0;
+        while ((n = transport.receiveData(buffer, sizeof(buffer))) > 0)
+        {
+        }
+        return n;
+    };
+    EXPECT_EQ(end(idleClient), 0);
+    EXPECT_EQ(end(*idleServer), 0);
     EXPECT_GE(Clock::now() - silent, EUDPTimeouts().shortenedBy(RELAY_SPEED_UP).deadPeer);
     EXPECT_GT(received.get().size(), 0u);
 }
