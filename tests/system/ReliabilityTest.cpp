@@ -216,18 +216,22 @@ INSTANTIATE_TEST_SUITE_P(Loss, ReliableThroughLoss,
                                     std::to_string(static_cast<int>(info.param.loss * 100));
                          });
 
-TEST_F(EUDPThroughRelay, IdleAndStreamingRealtimeConnectionsLiveThroughTenMinutesOfLoss)
+TEST_F(EUDPThroughRelay, IdleAndStreamingRealtimeConnectionsLiveThroughMinutesOfLoss)
 {
-    // Ten minutes of protocol time at 5% loss both ways: one idle
+    // Two minutes of protocol time at 5% loss both ways: one idle
     // connection, one that streams 20 updates a second from server to client.
+    // Ten times faster than real time, not more: a dead peer is then 1 s of
+    // silence, which a busy machine's stalls do not reach.
+    constexpr int speedUp = 10;
+    start(EUDPTimeouts().shortenedBy(speedUp));
     connect();
     EUDPTransport idleClient;
     std::unique_ptr<IWEFTTransport> idleServer = connectOne(idleClient);
     ASSERT_NE(idleServer, nullptr);
     m_relay->setImpairment(Impairment{.dropRate = 0.05});
 
-    const auto minutes = std::chrono::milliseconds(std::chrono::minutes(10)) / RELAY_SPEED_UP;
-    const auto updateEvery = std::chrono::milliseconds(50) / RELAY_SPEED_UP;
+    const auto minutes = std::chrono::milliseconds(std::chrono::minutes(2)) / speedUp;
+    const auto updateEvery = std::chrono::milliseconds(50) / speedUp;
     auto received = collect(*m_client, ~std::size_t(0));
     const uint8 update[8] = {};
     const auto start = Clock::now();
@@ -256,7 +260,7 @@ TEST_F(EUDPThroughRelay, IdleAndStreamingRealtimeConnectionsLiveThroughTenMinute
     };
     EXPECT_EQ(end(idleClient), 0);
     EXPECT_EQ(end(*idleServer), 0);
-    EXPECT_GE(Clock::now() - silent, EUDPTimeouts().shortenedBy(RELAY_SPEED_UP).deadPeer);
+    EXPECT_GE(Clock::now() - silent, EUDPTimeouts().shortenedBy(speedUp).deadPeer);
     EXPECT_GT(received.get().size(), 0u);
 }
 
