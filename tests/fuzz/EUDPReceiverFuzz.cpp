@@ -182,7 +182,18 @@ private:
 class RawPeer : public RawUdpSocket
 {
 public:
-    RawPeer() { FUZZ_CHECK(isBound(), "no UDP socket for the peer: errno " + fuzz::str(errno)); }
+    RawPeer()
+    {
+        FUZZ_CHECK(isBound(), "no UDP socket for the peer: errno " + fuzz::str(errno));
+        // Room for the up to 999 empty packets one NAK may bring: a datagram
+        // the kernel drops for want of room is no answer the transport left
+        // out. (Root may raise the limit; others get what the system allows.)
+        const int room = 8 << 20;
+        if (::setsockopt(m_fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof(room)) != 0)
+        {
+            ::setsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
+        }
+    }
 
     void send(uint16 port, const Bytes& datagram)
     {
