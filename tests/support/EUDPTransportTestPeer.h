@@ -16,11 +16,6 @@ public:
     static EConnMode receiveMode(const EUDPTransport& t) { return t.m_receiveMode; }
     static int window(const EUDPTransport& t) { return t.m_windowSize; }
     static bool closed(const EUDPTransport& t) { return t.m_closed; }
-    static bool allowsAll(const EUDPTransport& t)
-    {
-        return t.m_allowSendRealtime && t.m_allowSendReliable && t.m_allowReceiveRealtime &&
-               t.m_allowReceiveReliable;
-    }
 
     // As if the transport had sent that many packets already.
     static void numberFrom(EUDPTransport& t, int seq)

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Checks the Wireshark dissector (tools/wireshark/weft.lua) with tshark, on captures built from byte
-vectors with text2pcap and on one live loopback capture.
+vectors with text2pcap.
 
     python3 tests/wireshark/test_dissector.py [-v] [TestClass ...]
     python3 tests/wireshark/test_dissector.py --check-capture FILE [-o PREF:VALUE ...] [--filter DISPLAY_FILTER]
@@ -12,24 +12,17 @@ import argparse
 import atexit
 import json
 import os
-import queue
 import random
 import shutil
-import signal
-import socket
 import struct
 import subprocess
 import sys
 import tempfile
-import threading
-import time
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 DISSECTOR = os.environ.get("WEFT_DISSECTOR", os.path.join(ROOT, "tools", "wireshark", "weft.lua"))
-sys.path.insert(0, HERE)
-import live_sender  # noqa: E402
 
 TSHARK = shutil.which("tshark")
 TEXT2PCAP = shutil.which("text2pcap")
@@ -48,7 +41,23 @@ BASE_FIELDS = ["frame.number", "_ws.col.Info", "_ws.expert.message", "_ws.expert
 
 # Byte-vector builders -----------------------------------------------------
 
-message, text, datagram = live_sender.message, live_sender.text, live_sender.datagram
+def message(command, *items):
+    payload = b"".join(items)
+    return bytes([1, ord(command)]) + struct.pack("<H", len(payload)) + payload
+
+
+def text(value):
+    return value.encode() + b"\0"
+
+
+def datagram(command, arg, payload=b""):
+    arg_bytes = arg if isinstance(arg, bytes) else struct.pack("<I", arg)
+    return b"\x01" + command.encode() + arg_bytes + payload
+
+
+SUBSCRIBE = message("S", text("level"))
+PLAY = message("F", text("play"), b"\x02" + text("clip") + b"S" + text("intro") + text("loop") + b"B\x01")
+TRIGGER = message("T", text("tally"), b"B\x01")
 
 
 def framed(*messages):
@@ -196,8 +205,8 @@ class WeftMessageTest(DissectorCase):
         (message("U", text("v"), H("4E")), "WEFT U v = INV", {"weft.value.type": ["'N'"]}),
         (message("F", text("f"), H("02 61 00 42 00 78 00 49 05 00 00 00")), "WEFT F f(a = OFF x = 5)",
          {"weft.list.count": ["2"], "weft.param.name": ["a", "x"], "weft.value.text": ["OFF", "5"]}),
-        (live_sender.PLAY, 'WEFT F play(clip = "intro" loop = ON)', {"weft.value.string": ["intro"]}),
-        (live_sender.TRIGGER, "WEFT T tally = ON", {}),
+        (PLAY, 'WEFT F play(clip = "intro" loop = ON)', {"weft.value.string": ["intro"]}),
+        (TRIGGER, "WEFT T tally = ON", {}),
     ] + [(message("U", text("f"), flt(x)), "WEFT U f = " + shown, {}) for x, shown in FLOATS] + [
         (H("02 53 03 00 61 62 00"), "WEFT [wrong version]", {}, (ERROR, "Wrong version: 2")),
         (H("01 53 00"), "WEFT [header too short]", {}, (ERROR, "Header too short: 3 bytes")),
@@ -236,7 +245,7 @@ class WeftMessageTest(DissectorCase):
         plugins = os.path.join(home, ".local", "lib", "wireshark", "plugins")
         os.makedirs(plugins)
         shutil.copy(DISSECTOR, plugins)
-        path = self.capture([framed(live_sender.TRIGGER)])
+        path = self.capture([framed(TRIGGER)])
         for script in ([], ["-X", "lua_script:" + DISSECTOR]):  # the second copy is told apart and ignored
             done = subprocess.run([TSHARK, "-n"] + script + ["-r", path, "-T", "fields", "-e", "weft.summary"],
                                   capture_output=True, text=True, env=dict(TSHARK_ENV, HOME=home))
@@ -246,7 +255,7 @@ class WeftMessageTest(DissectorCase):
 
 class TcpFramingTest(DissectorCase):
     def test_message_split_across_two_segments_is_reassembled(self):
-        body = framed(live_sender.PLAY)
+        body = framed(PLAY)
         frames = self.decode(self.capture([body[:9], body[9:]]), ["tcp.reassembled_in", "weft.summary"])
         self.assertField(frames[0], "tcp.reassembled_in", ["2"])
         self.assertField(frames[0], "weft.summary", [])
@@ -259,8 +268,8 @@ class TcpFramingTest(DissectorCase):
         self.assertField(frames[0], "weft.name", ["ab", "s"])
 
     def test_heuristic_finds_stream_written_prefix_first_in_both_directions(self):
-        trigger = framed(live_sender.TRIGGER)
-        packets = [(CLIENT, framed(live_sender.SUBSCRIBE)[:2]), (CLIENT, live_sender.SUBSCRIBE),
+        trigger = framed(TRIGGER)
+        packets = [(CLIENT, framed(SUBSCRIBE)[:2]), (CLIENT, SUBSCRIBE),
                    (SERVER, trigger[:2]), (SERVER, trigger[2:]),
                    (CLIENT, framed(H("01 41 01 00 00")))]  # claimed through the conversation
         frames = self.decode(self.capture(packets, ports=(40000, 7777), directional=True), ["weft.summary"])
@@ -280,7 +289,7 @@ class TcpFramingTest(DissectorCase):
         self.assertField(by_pref, "weft.summary", ["WEFT [wrong version]"])
         decode_as = self.decode(path, ["weft.summary"], extra=["-d", "tcp.port==7777,weft"])[0]
         self.assertField(decode_as, "weft.summary", ["WEFT [wrong version]"])
-        self.assertNotIn("weft.summary", self.decode(self.capture([framed(live_sender.SUBSCRIBE)[2:]]),
+        self.assertNotIn("weft.summary", self.decode(self.capture([framed(SUBSCRIBE)[2:]]),
                                                     ["weft.summary"], prefs=["weft.tcp_port:0"])[0])
 
 
@@ -288,7 +297,7 @@ class MalformedTest(DissectorCase):
     def test_capture_check_reports_malformed_and_undecoded_packets(self):
         udp = self.capture([datagram("ACK", 1), H("01 61 63 6B 00 00 00 00")], "-u", (40001, 41000), name="u")
         other = self.capture([b"hello"], "-u", (40002, 41001), name="o")
-        tcp = self.capture([framed(live_sender.SUBSCRIBE), framed(H("01 53 05 00 61 62 00"))], name="t")
+        tcp = self.capture([framed(SUBSCRIBE), framed(H("01 53 05 00 61 62 00"))], name="t")
         merged = os.path.join(self.dir, "m.pcapng")
         subprocess.run([MERGECAP, "-a", "-w", merged, udp, other, tcp], check=True)
         frames, problems = check_capture(merged)
@@ -339,7 +348,7 @@ class EudpTest(DissectorCase):
 
     def test_conversation_on_accepted_port_is_found_without_preferences(self):
         first = self.capture([datagram("CON", 0)], "-u", (40001, 7420), name="a.pcapng")
-        accepted = self.capture([(SERVER, datagram("ACK", 0)), (CLIENT, datagram("CMD", 1, live_sender.SUBSCRIBE)),
+        accepted = self.capture([(SERVER, datagram("ACK", 0)), (CLIENT, datagram("CMD", 1, SUBSCRIBE)),
                                  (SERVER, datagram("QQQ", 1)), (CLIENT, b"\x01")], "-u", (40001, 41234),
                                 directional=True, name="b.pcapng")
         merged = os.path.join(self.dir, "m.pcapng")
@@ -407,102 +416,6 @@ class FuzzTest(DissectorCase):
             out, err = run_tshark(os.path.join(self.dir, name), ["-V", "-2"])
             self.assertNotIn("Lua Error", out + err, "%s, seed %d" % (name, self.SEED))
             self.assertNotIn("[Malformed Packet", out, "%s, seed %d" % (name, self.SEED))
-
-
-class LiveCaptureTest(DissectorCase):
-    """Real sockets on loopback, captured by tshark while they talk."""
-
-    def registered_ports(self):
-        # Ports that tshark gives to other protocols first; the heuristics
-        # under test must be the ones that find this traffic.
-        out = subprocess.run([TSHARK, "-G", "decodes"], capture_output=True, text=True, env=TSHARK_ENV).stdout
-        return {int(cols[1]) for cols in (line.split("\t") for line in out.splitlines())
-                if len(cols) > 1 and cols[0] in ("tcp.port", "udp.port") and cols[1].isdigit()}
-
-    def spawn(self, args, **pipes):
-        proc = subprocess.Popen(args, text=True, errors="replace", **pipes)
-
-        def stop():
-            if proc.poll() is None:
-                proc.kill()
-            proc.wait()
-            for stream in (proc.stdin, proc.stdout, proc.stderr):
-                if stream:
-                    stream.close()
-        self.addCleanup(stop)
-        return proc
-
-    def start_sender(self, rng, taken):
-        for _ in range(5):
-            ports = rng.sample([p for p in range(20000, 30000) if p not in taken], 5)
-            sender = self.spawn([sys.executable, os.path.join(HERE, "live_sender.py")] + [str(p) for p in ports],
-                                stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-            if sender.stdout.readline().strip() == "bound":
-                return sender, ports
-        self.fail("no free ports for the sender")
-
-    def lines(self, stream, keep=None):
-        lines = queue.Queue()
-
-        def pump():
-            try:
-                for line in stream:
-                    lines.put(line)
-                    if keep is not None:
-                        keep.append(line)
-            except (ValueError, OSError):  # closed by the clean-up
-                pass
-        threading.Thread(target=pump, daemon=True).start()
-        return lines
-
-    def wait_for(self, lines, text, what, poke=lambda: None, tshark=None, said=()):
-        seen, deadline = [], time.monotonic() + 30
-        while not any(text in line for line in seen):
-            poke()
-            try:
-                seen.append(lines.get(timeout=0.2))
-            except queue.Empty:
-                if tshark is not None and tshark.poll() is not None:
-                    tshark.wait()
-                    why = " ".join(line.strip() for line in said)
-                    if "filter" not in why:  # a filter error is ours, not the machine's
-                        self.skipTest("tshark cannot capture on lo here: " + why)
-                    self.fail("tshark stopped: " + why)
-                if time.monotonic() > deadline:
-                    self.fail("no %s within 30 s; saw: %s" % (what, "".join(seen)))
-
-    def test_live_loopback_traffic_decodes_completely(self):
-        rng, taken = random.Random(), self.registered_ports()
-        sender, ports = self.start_sender(rng, taken)
-        tcp_port, _, listen_port, accept_port, _ = ports
-        probe = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.addCleanup(probe.close)
-        probe.bind(("127.0.0.1", rng.choice([p for p in range(30000, 32000) if p not in taken])))
-        probe_port = probe.getsockname()[1]
-        path = os.path.join(self.dir, "live.pcapng")
-        capture_filter = "tcp port %d or udp port %d or udp port %d or udp port %d" % (
-            tcp_port, listen_port, accept_port, probe_port)
-        tshark = self.spawn([TSHARK, "-n", "-X", "lua_script:" + DISSECTOR, "-i", "lo", "-f", capture_filter,
-                             "-w", path, "-P", "-l"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=TSHARK_ENV)
-        said = []
-        self.lines(tshark.stderr, said)
-
-        # tshark says it captures a little before it does, and says so even
-        # when it then fails: send probes until one shows up decoded.
-        decoded = self.lines(tshark.stdout)
-        self.wait_for(decoded, "EUDP NOP", "captured probe",
-                      lambda: probe.sendto(datagram("NOP", 0), ("127.0.0.1", probe_port)), tshark, said)
-        sender.stdin.write("go\n")
-        sender.stdin.flush()
-        self.wait_for(decoded, "EUDP DIS", "captured DIS")
-        self.assertEqual(sender.wait(timeout=30), 0)
-        tshark.send_signal(signal.SIGINT)
-        tshark.wait(timeout=30)
-
-        frames, problems = check_capture(path, display_filter="(udp or tcp) and not udp.port == %d" % probe_port)
-        self.assertEqual(problems, [])
-        self.assertEqual([s for f in frames for s in f.get("weft.summary", [])], live_sender.EXPECTED_WEFT)
-        self.assertEqual([s for f in frames for s in f.get("eudp.summary", [])], live_sender.EXPECTED_EUDP)
 
 
 def main():

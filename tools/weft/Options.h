@@ -37,7 +37,7 @@ inline CLI::Option* addPortOption(CLI::App& app, const std::string& flags, unsig
     return app
         .add_option_function<std::string>(
             flags,
-            [&port, parse](const std::string& text)
+            [&port](const std::string& text)
             {
                 std::string error;
                 parsePort(text, true, port, error);

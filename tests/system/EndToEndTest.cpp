@@ -1,0 +1,251 @@
+#include "support/Recorders.h"
+#include "support/WeftFixture.h"
+
+#include <weft/WEFTConnection.h>
+#include <weft/WEFTListener.h>
+
+#include <tavo/Thread.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <thread>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+// A listener with a collecting connector on a free loopback port, once
+// listen() has run.
+class WEFTListenerTest : public WeftFixture
+{
+protected:
+    void listen(ETransport transport)
+    {
+        m_transport = transport;
+        m_listener = std::make_unique<WEFTListener>(transport);
+        ASSERT_TRUE(m_listener->listen("127.0.0.1", 0, &m_connector));
+        ASSERT_TRUE(m_listener->waitForListen(10000));
+        m_port = m_listener->getLocalPort();
+        ASSERT_NE(m_port, 0);
+    }
+
+    void TearDown() override
+    {
+        if (m_listener)
+        {
+            m_listener->shutdown(-1);
+        }
+        m_connector.closeAll();
+        m_listener.reset();
+        WeftFixture::TearDown();
+    }
+
+    std::unique_ptr<WEFTConnection> connectClient(IWEFTClient* client)
+    {
+        auto connection = std::make_unique<WEFTConnection>(m_transport);
+        EXPECT_TRUE(connection->connect("127.0.0.1", m_port, client));
+        return connection;
+    }
+
+    EventLog m_serverEvents;
+    CollectingConnector m_connector{m_serverEvents};
+    std::unique_ptr<WEFTListener> m_listener;
+    ETransport m_transport = TRANSPORT_TCP;
+    uint16 m_port = 0;
+};
+
+class WEFTEndToEndTest : public WEFTListenerTest, public ::testing::WithParamInterface<ETransport>
+{
+protected:
+    void SetUp() override
+    {
+        WEFTListenerTest::SetUp();
+        listen(GetParam());
+    }
+};
+
+TEST_P(WEFTEndToEndTest, EveryRequestReachesTheRightCallbackWithItsNameAndValue)
+{
+    EventLog clientEvents;
+    RecordingClient client(clientEvents);
+    auto connection = connectClient(&client);
+    ASSERT_TRUE(m_connector.waitForConnections(1));
+    // connection, connected status
+    ASSERT_TRUE(m_serverEvents.waitFor(2));
+
+    ParameterList params;
+    params.addString("clip", "intro");
+    params.addBoolean("loop", true);
+    params.addNumeric("count", -3);
+    params.addFloat("gain", 0.5f);
+    ASSERT_TRUE(connection->subscribe("level"));
+    ASSERT_TRUE(connection->callFunctionId("play", params));
+    ASSERT_TRUE(connection->unsubscribe("level"));
+    ASSERT_TRUE(m_serverEvents.waitFor(5));
+    const std::vector<Event> serverExpected = {
+        {"connection", "server0", ""},
+        {"status", "server0", "connected"},
+        {"subscribe", "level", ""},
+        {"call", "play", "clip = intro count = -3 gain = 0.5 loop = ON "},
+        {"unsubscribe", "level", ""},
+    };
+    EXPECT_EQ(m_serverEvents.events(), serverExpected);
+
+    WEFTConnection* server = m_connector.connection(0);
+    ASSERT_TRUE(server->trigger("tally", ParameterValue(true)));
+    ASSERT_TRUE(server->updateState("level", ParameterValue(1000000.0f)));
+    ASSERT_TRUE(server->updateState("name", ParameterValue("studio A")));
+    ASSERT_TRUE(server->updateState("count", ParameterValue(-17)));
+    ASSERT_TRUE(server->trigger("empty", ParameterValue()));
+    ASSERT_TRUE(clientEvents.waitFor(6));
+    const std::vector<Event> clientExpected = {
+        {"status", "client", "connected"}, {"trigger", "tally", "ON"}, {"update", "level", "1e+06"},
+        {"update", "name", "studio A"},    {"update", "count", "-17"}, {"trigger", "empty", "INV"},
+    };
+    EXPECT_EQ(clientEvents.events(), clientExpected);
+    EXPECT_EQ(clientEvents.events()[2].type, PARAM_TYPE_FLOAT);
+
+    connection->disconnect();
+    ASSERT_TRUE(clientEvents.waitFor(7));
+    EXPECT_EQ(clientEvents.events().back(), (Event{"status", "client", "disconnected"}));
+}
+
+TEST_P(WEFTEndToEndTest, ManyClientsAreHandedOverInAcceptOrderAndTheirThreadsLoseNothing)
+{
+    constexpr int clients = 6;
+    constexpr int messagesEach = 200;
+    EventLog clientEvents;
+    RecordingClient client(clientEvents);
+    std::vector<std::unique_ptr<WEFTConnection>> connections;
+    std::vector<Event> handedOver;
+    for (int c = 0; c < clients; ++c)
+    {
+        connections.push_back(connectClient(&client));
+        const std::string who = "server" + std::to_string(c);
+        handedOver.push_back({"connection", who, ""});
+        handedOver.push_back({"status", who, "connected"});
+    }
+    ASSERT_TRUE(m_serverEvents.waitFor(2 * clients));
+    EXPECT_EQ(m_serverEvents.events(), handedOver);
+    for (int c = 0; c < clients; ++c)
+    {
+        EXPECT_EQ(m_connector.connection(c)->getPeerPort(), connections[c]->getLocalPort()) << c;
+    }
+    // Reliable delivery from the clients to the server on EUDP.
+    if (GetParam() == TRANSPORT_EUDP)
+    {
+        for (auto& connection : connections)
+        {
+            ASSERT_TRUE(connection->setReceiveMode(CONN_MODE_RELIABLE));
+        }
+    }
+    std::vector<std::thread> threads;
+    for (int c = 0; c < clients; ++c)
+    {
+        threads.emplace_back(
+            [&, c]
+            {
+                for (int i = 0; i < messagesEach; ++i)
+                {
+                    EXPECT_TRUE(connections[c]->subscribe("c" + std::to_string(c) + "." +
+                                                          std::to_string(i)));
+                }
+            });
+    }
+    for (auto& thread : threads)
+    {
+        thread.join();
+    }
+    ASSERT_TRUE(m_serverEvents.waitFor(2 * clients + clients * messagesEach, 60s))
+        << "arrived " << m_serverEvents.count() - 2 * clients;
+    std::map<std::string, int> seen;
+    for (const Event& event : m_serverEvents.events())
+    {
+        if (event.kind == "subscribe")
+        {
+            ++seen[event.name];
+        }
+    }
+    EXPECT_EQ(seen.size(), static_cast<std::size_t>(clients * messagesEach));
+    for (const auto& entry : seen)
+    {
+        EXPECT_EQ(entry.second, 1) << entry.first;
+    }
+}
+
+TEST_P(WEFTEndToEndTest, ShutdownLogsAndNoLaterConnectionIsHandedOver)
+{
+    ASSERT_TRUE(m_listener->shutdown(-1));
+    EXPECT_EQ(log().levelOf("WEFT: listener is shut down"), 4);
+    EventLog clientEvents;
+    RecordingClient client(clientEvents);
+    WEFTConnection late(GetParam());
+    // TCP refuses at once; EUDP waits for an answer that never comes.
+    EXPECT_FALSE(late.connect("127.0.0.1", m_port, &client));
+    late.disconnect();
+    EXPECT_EQ(m_connector.accepted(), 0);
+    EXPECT_EQ(clientEvents.count(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, WEFTEndToEndTest,
+                         ::testing::Values(TRANSPORT_TCP, TRANSPORT_EUDP),
+                         [](const ::testing::TestParamInfo<ETransport>& info)
+                         { return info.param == TRANSPORT_TCP ? "Tcp" : "Eudp"; });
+
+TEST_F(WEFTListenerTest, ShutdownBeforeOrRightAfterListenNeverHangs)
+{
+    WEFTListener never(TRANSPORT_TCP);
+    EXPECT_FALSE(never.shutdown(-1));
+    EXPECT_EQ(never.getLocalPort(), 0);
+    for (ETransport transport : {TRANSPORT_TCP, TRANSPORT_EUDP})
+    {
+        for (int round = 0; round < 20; ++round)
+        {
+            WEFTListener listener(transport);
+            listener.listen("127.0.0.1", 0, &m_connector);
+            EXPECT_TRUE(listener.shutdown(-1));
+        }
+    }
+    EXPECT_EQ(m_serverEvents.count(), 0);
+}
+
+TEST_F(WEFTListenerTest, AListenerCanListenAgainAfterShutdown)
+{
+    listen(TRANSPORT_TCP);
+    ASSERT_TRUE(m_listener->shutdown(-1));
+    m_listener->listen("127.0.0.1", 0, &m_connector);
+    ASSERT_TRUE(m_listener->waitForListen(10000));
+    m_port = m_listener->getLocalPort();
+    EventLog clientEvents;
+    RecordingClient client(clientEvents);
+    auto connection = connectClient(&client);
+    EXPECT_TRUE(m_connector.waitForConnections(1));
+}
+
+// The policy a server sets in onConnection holds even for a client that asks
+// before onConnection has run.
+TEST_F(WEFTListenerTest, EarlyEudpModeRequestsAreJudgedByThePolicySetInOnConnection)
+{
+    m_connector.prepare = [](WEFTConnection& connection, RecordingServer&)
+    {
+        // A slow onConnection: the client's request is long there by now.
+        tavo::Thread::mssleep(300);
+        connection.allowSendMode(true, false);
+    };
+    listen(TRANSPORT_EUDP);
+    EventLog clientEvents;
+    RecordingClient client(clientEvents);
+    auto allowed = connectClient(&client);
+    EXPECT_TRUE(allowed->setReceiveMode(CONN_MODE_RELIABLE));
+    EXPECT_TRUE(allowed->setSendMode(CONN_MODE_REALTIME));
+    auto forbidden = connectClient(&client);
+    EXPECT_FALSE(forbidden->setSendMode(CONN_MODE_RELIABLE));
+    // The forbidden request is repeated while it waits; each copy is refused.
+    EXPECT_GE(log().countContaining("]: unknown mode request (ignoring)"), 1u);
+    EXPECT_EQ(log().countContaining("]: failed to set send mode (timeout)"), 1u);
+}
+
+} // namespace

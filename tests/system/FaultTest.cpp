@@ -1,0 +1,368 @@
+// Faults around working connections: a network that falls silent and comes
+// back, a listener that goes away while its connections live on, disconnect
+// racing with traffic, and connections destroyed in every state. (A peer
+// process killed mid-stream: tool/test_weft_tool.py, ServerLoss.)
+
+#include "ImpairmentRelay.h"
+#include "support/Recorders.h"
+#include "support/WeftFixture.h"
+
+#include <weft/WEFTConnection.h>
+#include <weft/WEFTListener.h>
+
+#include <tavo/Timer.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+// Threads of this process, as the kernel counts them.
+long threadCount()
+{
+    std::ifstream status("/proc/self/status");
+    std::string field;
+    long count = -1;
+    while (status >> field && field != "Threads:")
+    {
+    }
+    status >> count;
+    return count;
+}
+
+int countOf(const EventLog& log, const Event& wanted)
+{
+    const std::vector<Event> events = log.events();
+    return static_cast<int>(std::count(events.begin(), events.end(), wanted));
+}
+
+// The names of the events of one kind, in order.
+std::vector<std::string> namesOf(const EventLog& log, const std::string& kind)
+{
+    std::vector<std::string> names;
+    for (const Event& event : log.events())
+    {
+        if (event.kind == kind)
+        {
+            names.push_back(event.name);
+        }
+    }
+    return names;
+}
+
+std::vector<std::string> numbered(const std::string& prefix, int count)
+{
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i)
+    {
+        names.push_back(prefix + std::to_string(i));
+    }
+    return names;
+}
+
+// Counts its connection's reports and ignores every message: the race rounds
+// send as fast as they can and keep nothing.
+class CountingPeer : public IWEFTClient, public IWEFTServer
+{
+public:
+    void onTrigger(const std::string&, const ParameterValue&) override {}
+    void onUpdateState(const std::string&, const ParameterValue&) override {}
+    void onSubscribe(const std::string&) override {}
+    void onUnsubscribe(const std::string&) override {}
+    void onCallFunctionId(const std::string&, const ParameterList&) override {}
+    void onStatus(EConnStatus status) override
+    {
+        (status == CONN_STATUS_CONNECTED ? up : down).add();
+    }
+
+    EventCounter up;
+    EventCounter down;
+};
+
+class CountingConnector : public IWEFTConnector
+{
+public:
+    ~CountingConnector() override
+    {
+        for (auto& connection : m_connections)
+        {
+            connection->disconnect();
+        }
+    }
+    void onConnection(WEFTConnection* connection) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_peers.push_back(std::make_unique<CountingPeer>());
+        connection->setServer(m_peers.back().get());
+        m_connections.emplace_back(connection);
+        m_accepted.add();
+    }
+    // Accepted connection `index` and its server object; nulls when it does
+    // not come.
+    std::pair<WEFTConnection*, CountingPeer*> waitFor(int index)
+    {
+        if (!m_accepted.waitFor(index + 1, 10s))
+        {
+            return {nullptr, nullptr};
+        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return {m_connections[index].get(), m_peers[index].get()};
+    }
+
+private:
+    std::mutex m_mutex;
+    // Declared first, so that they outlive their connections.
+    std::vector<std::unique_ptr<CountingPeer>> m_peers;
+    std::vector<std::unique_ptr<WEFTConnection>> m_connections;
+    EventCounter m_accepted;
+};
+
+// A listener on a free loopback port with a collecting connector.
+class FaultTest : public WeftFixture
+{
+protected:
+    void startListener(ETransport transport)
+    {
+        m_listener = std::make_unique<WEFTListener>(transport);
+        m_listener->listen("127.0.0.1", 0, &m_connector);
+        ASSERT_TRUE(m_listener->waitForListen(10000));
+        m_port = m_listener->getLocalPort();
+    }
+
+    void TearDown() override
+    {
+        m_listener.reset();
+        m_connector.closeAll();
+        WeftFixture::TearDown();
+    }
+
+    EventLog m_serverEvents;
+    CollectingConnector m_connector{m_serverEvents};
+    std::unique_ptr<WEFTListener> m_listener;
+    uint16 m_port = 0;
+};
+
+// ---- a silent network ----
+
+TEST_F(FaultTest, ReliableConnectionsLoseNothingWhenTheNetworkIsSilentForAWhile)
+{
+    startListener(TRANSPORT_EUDP);
+    ImpairmentRelay relay(m_port, 5);
+    EventLog clientEvents;
+    RecordingClient client(clientEvents);
+    WEFTConnection connection(TRANSPORT_EUDP);
+    ASSERT_TRUE(connection.connect("127.0.0.1", relay.getPort(), &client));
+    ASSERT_TRUE(m_serverEvents.waitFor(2));
+    ASSERT_TRUE(connection.setSendMode(CONN_MODE_RELIABLE));
+    ASSERT_TRUE(connection.setReceiveMode(CONN_MODE_RELIABLE));
+    WEFTConnection* server = m_connector.connection(0);
+
+    constexpr int before = 100;
+    constexpr int total = 300;
+    auto send = [&](int from, int to)
+    {
+        for (int i = from; i < to; ++i)
+        {
+            ASSERT_TRUE(connection.subscribe("c" + std::to_string(i)));
+            ASSERT_TRUE(server->updateState("s" + std::to_string(i), ParameterValue(i)));
+        }
+    };
+    send(0, before);
+    ASSERT_TRUE(m_serverEvents.waitFor(2 + before, 30s));
+    ASSERT_TRUE(clientEvents.waitFor(1 + before, 30s));
+    // The rest is queued into the silence; both sides keep it and repeat it.
+    relay.setSilent(true);
+    send(before, total);
+    // Time itself is the subject here: half the time after which a peer
+    // counts as dead.
+    std::this_thread::sleep_for(timeouts().deadPeer / 2);
+    const RelayCounts silenced = relay.getCounts(RelayDirection::ClientToServer);
+    relay.setSilent(false);
+
+    EXPECT_TRUE(m_serverEvents.waitFor(2 + total, 60s));
+    EXPECT_TRUE(clientEvents.waitFor(1 + total, 60s));
+    EXPECT_EQ(namesOf(m_serverEvents, "subscribe"), numbered("c", total));
+    EXPECT_EQ(namesOf(clientEvents, "update"), numbered("s", total));
+    EXPECT_EQ(countOf(clientEvents, Event{"status", "client", "disconnected"}), 0);
+    EXPECT_EQ(countOf(m_serverEvents, Event{"status", "server0", "disconnected"}), 0);
+    // Repeats went into the silence: a go-back each retransmission time.
+    EXPECT_GT(silenced.dropped, 10u);
+    connection.disconnect();
+}
+
+// ---- per transport ----
+
+class FaultPerTransport : public FaultTest, public ::testing::WithParamInterface<ETransport>
+{
+};
+
+TEST_P(FaultPerTransport, ConnectionsOutliveTheirListenerAndAreClosedByTheirOwner)
+{
+    startListener(GetParam());
+    EventLog clientEvents;
+    RecordingClient first(clientEvents, "first");
+    RecordingClient second(clientEvents, "second");
+    WEFTConnection one(GetParam());
+    WEFTConnection two(GetParam());
+    ASSERT_TRUE(one.connect("127.0.0.1", m_port, &first));
+    ASSERT_TRUE(m_serverEvents.waitFor(2));
+    ASSERT_TRUE(two.connect("127.0.0.1", m_port, &second));
+    ASSERT_TRUE(m_serverEvents.waitFor(4));
+    m_listener.reset();
+
+    ASSERT_TRUE(one.subscribe("after"));
+    ASSERT_TRUE(m_connector.connection(1)->updateState("level", ParameterValue(7)));
+    ASSERT_TRUE(m_serverEvents.waitFor(5));
+    ASSERT_TRUE(clientEvents.waitFor(3));
+    EXPECT_EQ(m_serverEvents.events().back(), (Event{"subscribe", "after", ""}));
+    EXPECT_EQ(clientEvents.events().back(), (Event{"update", "level", "7"}));
+
+    // The owners end them, from either side.
+    one.disconnect();
+    m_connector.connection(1)->disconnect();
+    ASSERT_TRUE(m_serverEvents.waitFor(7, 20s));
+    ASSERT_TRUE(clientEvents.waitFor(5, 20s));
+    EXPECT_EQ(countOf(m_serverEvents, Event{"status", "server0", "disconnected"}), 1);
+    EXPECT_EQ(countOf(m_serverEvents, Event{"status", "server1", "disconnected"}), 1);
+    EXPECT_EQ(countOf(clientEvents, Event{"status", "first", "disconnected"}), 1);
+    EXPECT_EQ(countOf(clientEvents, Event{"status", "second", "disconnected"}), 1);
+    two.disconnect();
+}
+
+TEST_P(FaultPerTransport, DisconnectRacingWithSendsAndTheReceiveLoopAlwaysReturns)
+{
+    const bool eudp = GetParam() == TRANSPORT_EUDP;
+    CountingConnector connector;
+    WEFTListener listener(GetParam());
+    listener.listen("127.0.0.1", 0, &connector);
+    ASSERT_TRUE(listener.waitForListen(10000));
+    constexpr int rounds = 24;
+    for (int round = 0; round < rounds; ++round)
+    {
+        SCOPED_TRACE("round " + std::to_string(round));
+        CountingPeer client;
+        auto connection = std::make_unique<WEFTConnection>(GetParam());
+        ASSERT_TRUE(connection->connect("127.0.0.1", listener.getLocalPort(), &client));
+        const std::pair<WEFTConnection*, CountingPeer*> accepted = connector.waitFor(round);
+        WEFTConnection* const server = accepted.first;
+        CountingPeer* const serverPeer = accepted.second;
+        ASSERT_NE(server, nullptr);
+        // The listener has finished handing it over.
+        ASSERT_TRUE(serverPeer->up.waitFor(1, 10s));
+        if (eudp && round % 2 == 1)
+        {
+            // Reliable sending can block on a full ring: disconnect must wake it.
+            ASSERT_TRUE(connection->setSendMode(CONN_MODE_RELIABLE));
+            ASSERT_TRUE(connection->setReceiveMode(CONN_MODE_RELIABLE));
+        }
+
+        EventCounter sent;
+        EventCounter finished;
+        std::vector<std::thread> threads;
+        for (int s = 0; s < 2; ++s)
+        {
+            threads.emplace_back(
+                [&]
+                {
+                    while (connection->subscribe("x"))
+                    {
+                        sent.add();
+                    }
+                    finished.add();
+                });
+        }
+        threads.emplace_back(
+            [&]
+            {
+                while (server->updateState("y", ParameterValue(1)))
+                {
+                }
+                finished.add();
+            });
+        // The moment varies from round to round: at once or after some traffic.
+        ASSERT_TRUE(sent.waitFor((round % 4) * 40, 30s));
+        threads.emplace_back(
+            [&]
+            {
+                server->disconnect();
+                finished.add();
+            });
+        connection->disconnect();
+        ASSERT_TRUE(finished.waitFor(4, 30s)) << "a call did not return";
+        for (std::thread& thread : threads)
+        {
+            thread.join();
+        }
+        // Each side reports its end exactly once.
+        ASSERT_TRUE(serverPeer->down.waitFor(1, 10s));
+        EXPECT_EQ(serverPeer->down.get(), 1);
+        EXPECT_EQ(client.down.get(), 1);
+        EXPECT_EQ(client.up.get(), 1);
+    }
+    listener.shutdown(-1);
+}
+
+TEST_P(FaultPerTransport, ConnectionsCanBeDestroyedInEveryState)
+{
+    // The platform's timer thread starts on first use and stays: started
+    // here, it does not count against the connections.
+    tavo::Timer().isRunning();
+    const long threadsBefore = threadCount();
+    startListener(GetParam());
+    EventLog clientEvents;
+    RecordingClient client(clientEvents);
+    {
+        // Destroyed while connected: the destructor disconnects it.
+        WEFTConnection connected(GetParam());
+        ASSERT_TRUE(connected.connect("127.0.0.1", m_port, &client));
+        ASSERT_TRUE(m_serverEvents.waitFor(2));
+    }
+    ASSERT_TRUE(m_serverEvents.waitFor(3, 20s));
+    EXPECT_EQ(m_serverEvents.events().back(), (Event{"status", "server0", "disconnected"}));
+    {
+        // Destroyed after its peer went away, without a disconnect.
+        WEFTConnection orphaned(GetParam());
+        ASSERT_TRUE(orphaned.connect("127.0.0.1", m_port, &client));
+        ASSERT_TRUE(m_serverEvents.waitFor(5));
+        m_connector.connection(1)->disconnect();
+        ASSERT_TRUE(clientEvents.waitFor(4, 20s));
+    }
+    {
+        WEFTConnection disconnected(GetParam());
+        ASSERT_TRUE(disconnected.connect("127.0.0.1", m_port, &client));
+        disconnected.disconnect();
+    }
+    m_listener.reset();
+    {
+        // Nothing listens any more: TCP is refused at once, EUDP waits 5 s.
+        WEFTConnection failed(GetParam());
+        EXPECT_FALSE(failed.connect("127.0.0.1", m_port, &client));
+    }
+    const std::vector<Event> expected = {
+        {"status", "client", "connected"}, {"status", "client", "disconnected"},
+        {"status", "client", "connected"}, {"status", "client", "disconnected"},
+        {"status", "client", "connected"}, {"status", "client", "disconnected"}};
+    EXPECT_EQ(clientEvents.events(), expected);
+    // Server side: every accepted connection is destroyed too, in whatever state.
+    m_connector.closeAll();
+    EXPECT_TRUE(eventually([&] { return threadCount() <= threadsBefore; }, 10s))
+        << threadCount() << " threads, " << threadsBefore << " before";
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, FaultPerTransport,
+                         ::testing::Values(TRANSPORT_TCP, TRANSPORT_EUDP),
+                         [](const ::testing::TestParamInfo<ETransport>& info)
+                         { return info.param == TRANSPORT_TCP ? "Tcp" : "Eudp"; });
+
+} // namespace

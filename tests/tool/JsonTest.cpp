@@ -1,0 +1,86 @@
+// The weft tool's JSON text.
+#include "Json.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <charconv>
+#include <limits>
+
+using namespace weftcli;
+
+namespace
+{
+
+TEST(JsonTest, JsonStringsEscapeControlsAndReplaceInvalidUtf8)
+{
+    const std::pair<std::string, std::string> cases[] = {
+        {"plain", "\"plain\""},
+        {"a\"b\\c", R"("a\"b\\c")"},
+        {"\n\r\t\b\f", R"("\n\r\t\b\f")"},
+        {std::string("\x01\x1f\x7f", 3), "\"\\u0001\\u001f\x7f\""},
+        {std::string("nul\0in", 6), R"("nul\u0000in")"},
+        {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80",
+         "\"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80\""},
+        {"\xff", R"("\ufffd")"},
+        {"\xc3", R"("\ufffd")"},
+        {"\xc3(", R"("\ufffd(")"},
+        {"\xc0\xaf", R"("\ufffd\ufffd")"},
+        {"\xe0\x80\xaf", R"("\ufffd\ufffd\ufffd")"},
+        {"\xed\xa0\x80", R"("\ufffd\ufffd\ufffd")"},
+        {"\xf4\x90\x80\x80", R"("\ufffd\ufffd\ufffd\ufffd")"},
+        {"\xe2\x82", R"("\ufffd\ufffd")"},
+    };
+    for (const auto& [text, json] : cases)
+    {
+        EXPECT_EQ(jsonString(text), json) << text;
+    }
+}
+
+TEST(JsonTest, JsonFloatsAreShortestRoundTripsAndAlwaysLookLikeFloats)
+{
+    EXPECT_EQ(jsonFloat(1.0f), "1.0");
+    EXPECT_EQ(jsonFloat(0.1f), "0.1");
+    EXPECT_EQ(jsonFloat(1000000.0f), "1e+06");
+    EXPECT_EQ(jsonFloat(-0.0f), "-0.0");
+    EXPECT_EQ(jsonFloat(std::numeric_limits<float>::infinity()), "null");
+    EXPECT_EQ(jsonFloat(std::numeric_limits<float>::quiet_NaN()), "null");
+    for (const float value :
+         {FLT_MIN, FLT_MAX, -FLT_MAX, FLT_TRUE_MIN, 16777217.0f, 3.14159265f, 1e-7f, 123456.789f})
+    {
+        const std::string text = jsonFloat(value);
+        float back = 0.0f;
+        const auto result = std::from_chars(text.data(), text.data() + text.size(), back);
+        EXPECT_EQ(result.ptr, text.data() + text.size()) << text;
+        EXPECT_EQ(back, value) << text;
+    }
+}
+
+TEST(JsonTest, JsonEventsCarryValuesWithTheirJsonTypes)
+{
+    EXPECT_EQ(jsonValue(ParameterValue(-17)), "-17");
+    EXPECT_EQ(jsonValue(ParameterValue(false)), "false");
+    EXPECT_EQ(jsonValue(ParameterValue("on")), "\"on\"");
+    EXPECT_EQ(jsonValue(ParameterValue()), "null");
+
+    ParameterList list;
+    list.addString("clip", "a\"b");
+    list.addFloat("gain", 2.0f);
+    list.addBoolean("loop", true);
+    EXPECT_EQ(jsonList(list), R"({"clip":"a\"b","gain":2.0,"loop":true})");
+    EXPECT_EQ(jsonList(ParameterList()), "{}");
+
+    const std::string event = JsonObject()
+                                  .addString("event", "update")
+                                  .addString("name", "lev\nel")
+                                  .addTypedValue(ParameterValue(0.5f))
+                                  .addInt("clients", 2)
+                                  .addBool("broadcast", false)
+                                  .addRaw("params", jsonList(list))
+                                  .str();
+    EXPECT_EQ(event,
+              R"({"event":"update","name":"lev\nel","type":"float","value":0.5,)"
+              R"("clients":2,"broadcast":false,"params":{"clip":"a\"b","gain":2.0,"loop":true}})");
+}
+
+} // namespace

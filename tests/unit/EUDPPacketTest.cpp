@@ -1,0 +1,105 @@
+#include "support/WeftFixture.h"
+
+#include <weft/EUDPPacket.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+typedef std::vector<uint8> Bytes;
+
+Bytes wire(const EUDPPacket& packet)
+{
+    return Bytes(packet.getBuffer(), packet.getBuffer() + packet.getLength());
+}
+
+using EUDPPacketTest = WeftFixture;
+
+TEST_F(EUDPPacketTest, HeaderIsVersionThreeLettersAndALittleEndianArgument)
+{
+    EXPECT_EQ(wire(EUDPPacket()), (Bytes{0x01, 'N', 'O', 'P', 0, 0, 0, 0}));
+    EUDPPacket mode(EUDP_MOD); // asks for reliable sending, no other change
+    for (unsigned int i = 0; i < 4; ++i)
+    {
+        mode.setArgByte(i, i == 0 ? 'R' : 'D');
+    }
+    EXPECT_EQ(wire(mode), (Bytes{0x01, 'M', 'O', 'D', 0x52, 0x44, 0x44, 0x44}));
+    EXPECT_EQ(mode.getArg(), 0x44444452u);
+    for (int command = EUDP_NOP; command < EUDP_UNKNOWN; ++command)
+    {
+        EUDPPacket packet;
+        packet.setCommand(static_cast<EEUDPCommand>(command));
+        EXPECT_EQ(packet.getCommand(), command);
+        EXPECT_EQ(std::string(packet.getBuffer() + 1, packet.getBuffer() + 4),
+                  EUDPCommand[command]);
+    }
+}
+
+TEST_F(EUDPPacketTest, PayloadOf1492FitsAndOneByteMoreIsRefusedWithNoChange)
+{
+    EUDPPacket packet(EUDP_CMD);
+    Bytes largest(1492, 0x5A);
+    packet.setData(largest.data(), 1492);
+    ASSERT_EQ(packet.getLength(), 1500u);
+    Bytes tooLong(1493, 0xEE);
+    packet.setData(tooLong.data(), 1493);
+    EXPECT_EQ(Bytes(packet.getPayload(), packet.getPayload() + packet.getPayloadLength()), largest);
+    packet.setData(nullptr, 0); // a keep-alive
+    EXPECT_EQ(wire(packet), (Bytes{0x01, 'C', 'M', 'D', 0, 0, 0, 0}));
+}
+
+TEST_F(EUDPPacketTest, ValidationChecksVersionThenLengthThenCommandAndRecordsTheLength)
+{
+    struct Case
+    {
+        Bytes datagram;
+        std::string reason; // empty: valid
+        EEUDPCommand command = EUDP_UNKNOWN;
+    };
+    std::vector<Case> cases = {
+        {{0x02, 'A', 'C', 'K', 0}, "wrong version"}, // the version is checked first
+        {Bytes(100, 0x02), "wrong version"},
+        {{0x01, 'a', 'c', 'k', 0, 0, 0, 0}, "unknown command"},
+        {{0x01, 'A', 'C', 'K', 0, 0, 0, 0}, "", EUDP_ACK},
+        {{0x01, 'C', 'M', 'D', 9, 0, 0, 0, 'x'}, "", EUDP_CMD},
+    };
+    for (std::size_t cut = 1; cut < 8; ++cut) // cut short of the header at every length
+    {
+        cases.push_back({Bytes(cases[4].datagram.begin(), cases[4].datagram.begin() + cut),
+                         "header too short"});
+    }
+    for (const Case& c : cases)
+    {
+        EUDPPacket packet;
+        std::memcpy(packet.getBuffer(), c.datagram.data(), c.datagram.size());
+        EXPECT_EQ(packet.validatePacket(static_cast<uint>(c.datagram.size())), c.reason.empty());
+        EXPECT_EQ(packet.getLength(), c.datagram.size());
+        EXPECT_EQ(c.reason.empty() ? packet.getCommand() : EUDP_UNKNOWN, c.command);
+    }
+}
+
+TEST_F(EUDPPacketTest, CopiesHaveTheirOwnBytesAndCopyOnlyTheBytesInUse)
+{
+    EUDPPacket original(EUDP_CMD);
+    original.setArg(5);
+    original.setData(reinterpret_cast<const uint8*>("abc"), 3);
+    EUDPPacket copy(original);
+    copy.setArg(6);
+    copy.getBuffer()[8] = 'z';
+    EXPECT_EQ(wire(original), (Bytes{0x01, 'C', 'M', 'D', 5, 0, 0, 0, 'a', 'b', 'c'}));
+    EXPECT_EQ(wire(copy), (Bytes{0x01, 'C', 'M', 'D', 6, 0, 0, 0, 'z', 'b', 'c'}));
+
+    EUDPPacket target;
+    std::memset(target.getBuffer() + 8, 0xEE, 100);
+    target = original;
+    target = *&target; // assigning a packet to itself changes nothing
+    EXPECT_EQ(wire(target), wire(original));
+    EXPECT_EQ(target.getBuffer()[11], 0xEE) << "bytes past the length were copied";
+}
+
+} // namespace

@@ -1,0 +1,200 @@
+#include "support/Waiting.h"
+
+#include <tavo/Callback.h>
+#include <tavo/Semaphore.h>
+#include <tavo/Thread.h>
+#include <tavo/Timer.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <numeric>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+struct Counter
+{
+    void fire() { fired.add(); }
+    EventCounter fired;
+};
+
+// A timer whose one callback counts; the timer, declared last, stops first.
+struct CountingTimer : Counter
+{
+    CountingTimer() { timer.addCallback(&callback); }
+    tavo::Callback<Counter> callback{this, &Counter::fire};
+    tavo::Timer timer;
+};
+
+TEST(TimerTest, OneShotFiresOnceAfterItsPeriod)
+{
+    CountingTimer t;
+    const auto started = Clock::now();
+    t.timer.start(20000, true);
+    EXPECT_TRUE(t.timer.isRunning());
+    ASSERT_TRUE(t.fired.waitFor(1, 5s));
+    EXPECT_GE(Clock::now() - started, 20ms);
+    EXPECT_FALSE(t.timer.isRunning());
+    EXPECT_FALSE(t.fired.waitFor(2, 100ms));
+}
+
+TEST(TimerTest, StopSilencesArmedAndPeriodicTimersAndIsHarmlessOnIdleOnes)
+{
+    CountingTimer oneShot;
+    oneShot.timer.stop();
+    oneShot.timer.start(50000, true);
+    oneShot.timer.stop();
+    EXPECT_FALSE(oneShot.timer.isRunning());
+    oneShot.timer.stop();
+
+    CountingTimer periodic;
+    periodic.timer.start(5000, false);
+    ASSERT_TRUE(periodic.fired.waitFor(3, 5s));
+    EXPECT_TRUE(periodic.timer.isRunning());
+    periodic.timer.stop();
+    const int after = periodic.fired.get();
+    EXPECT_FALSE(periodic.fired.waitFor(after + 1, 150ms));
+    EXPECT_EQ(oneShot.fired.get(), 0); // its 50 ms have passed by now
+}
+
+TEST(TimerTest, ATimerReArmedOftenFiresOnceAndAnEarlierDeadlineStillWakesTheThread)
+{
+    CountingTimer far;
+    CountingTimer pushed;
+    CountingTimer near;
+    // The timer thread sleeps towards the far deadline; re-arming pushes the
+    // other timer back without waking it, and the near deadline must wake
+    // it all the same, long before the far one.
+    far.timer.start(30000000, true);
+    CountingTimer probe; // once it has fired, the thread heads for the far deadline
+    probe.timer.start(1000, true);
+    ASSERT_TRUE(probe.fired.waitFor(1, 10s));
+    pushed.timer.start(200000, true); // a shorter period replaces this one
+    for (int i = 0; i < 1000; ++i)
+    {
+        pushed.timer.start(40000, true);
+    }
+    near.timer.start(20000, true);
+    EXPECT_TRUE(near.fired.waitFor(1, 10s));
+    ASSERT_TRUE(pushed.fired.waitFor(1, 10s));
+    EXPECT_FALSE(pushed.fired.waitFor(2, 300ms)) << "a re-armed one-shot timer fired twice";
+    EXPECT_EQ(far.fired.get(), 0);
+    EXPECT_TRUE(far.timer.isRunning());
+}
+
+TEST(TimerTest, ManyTimersFireInDeadlineOrder)
+{
+    constexpr int count = 20;
+    struct Shared
+    {
+        std::mutex mutex;
+        std::vector<int> order;
+        EventCounter done;
+    } shared;
+    struct Recorder
+    {
+        void fire()
+        {
+            std::lock_guard<std::mutex> lock(pShared->mutex);
+            pShared->order.push_back(index);
+            pShared->done.add();
+        }
+        Shared* pShared = nullptr;
+        int index = 0;
+        tavo::Callback<Recorder> callback{this, &Recorder::fire};
+        tavo::Timer timer;
+    } recorders[count];
+    for (int i = count - 1; i >= 0; --i) // arming order and deadline order differ
+    {
+        recorders[i].pShared = &shared;
+        recorders[i].index = i;
+        recorders[i].timer.addCallback(&recorders[i].callback);
+        recorders[i].timer.start(5000 * (i + 1), true);
+    }
+    ASSERT_TRUE(shared.done.waitFor(count, 10s));
+    std::vector<int> expected(count);
+    std::iota(expected.begin(), expected.end(), 0);
+    std::lock_guard<std::mutex> lock(shared.mutex);
+    EXPECT_EQ(shared.order, expected);
+}
+
+TEST(TimerTest, StopWaitsForACallbackThatIsRunning)
+{
+    struct Slow
+    {
+        tavo::BinarySemaphore entered;
+        tavo::BinarySemaphore release;
+        std::atomic<bool> finished{false};
+        void fire()
+        {
+            entered.give();
+            release.take();
+            finished = true;
+        }
+    } slow;
+    tavo::Callback<Slow> callback(&slow, &Slow::fire);
+    tavo::Timer timer;
+    timer.addCallback(&callback);
+    timer.start(0, true);
+    ASSERT_EQ(slow.entered.take(5000), tavo::TAKE_OK);
+    std::thread releaser(
+        [&]
+        {
+            tavo::Thread::mssleep(50); // long enough for stop() to be waiting
+            slow.release.give();
+        });
+    timer.stop();
+    EXPECT_TRUE(slow.finished.load());
+    releaser.join();
+}
+
+TEST(TimerTest, ACallbackMayStopAndRestartTimersFromTheTimerThread)
+{
+    struct Chain
+    {
+        tavo::Timer* self = nullptr;
+        tavo::Timer* other = nullptr;
+        EventCounter fired;
+        void fire()
+        {
+            self->stop();
+            other->stop();
+            if (fired.get() < 2)
+            {
+                self->start(1000, true);
+            }
+            fired.add();
+        }
+    } chain;
+    tavo::Timer timer;
+    tavo::Timer other;
+    chain.self = &timer;
+    chain.other = &other;
+    tavo::Callback<Chain> callback(&chain, &Chain::fire);
+    timer.addCallback(&callback);
+    timer.start(1000, true);
+    ASSERT_TRUE(chain.fired.waitFor(3, 5s));
+}
+
+TEST(TimerTest, RemovedCallbackIsNotCalled)
+{
+    CountingTimer kept;
+    Counter removed;
+    tavo::Callback<Counter> removedCallback(&removed, &Counter::fire);
+    kept.timer.addCallback(&removedCallback);
+    EXPECT_TRUE(kept.timer.removeCallback(&removedCallback));
+    EXPECT_FALSE(kept.timer.removeCallback(&removedCallback));
+    kept.timer.start(1000, true);
+    ASSERT_TRUE(kept.fired.waitFor(1, 5s));
+    EXPECT_EQ(removed.fired.get(), 0);
+}
+
+} // namespace
