@@ -13,7 +13,8 @@ EUDPAcceptedPeers::find(EUDPTransport* transport)
 }
 
 void EUDPAcceptedPeers::add(EUDPTransport* transport, const tavo::HostAddress& address, uint16 port,
-                            uint conArg, const std::function<void(EUDPTransport&)>& evict)
+                            uint conArg, TimePoint now,
+                            const std::function<void(EUDPTransport&)>& evict)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     const Key key = keyOf(address, port);
@@ -30,9 +31,8 @@ void EUDPAcceptedPeers::add(EUDPTransport* transport, const tavo::HostAddress& a
         }
         m_keys.erase(old->second.transport);
     }
-    m_entries[key] =
-        Entry{transport, conArg, true, m_halfOpenOrder.insert(m_halfOpenOrder.end(), transport),
-              std::chrono::steady_clock::now()};
+    m_entries[key] = Entry{transport, conArg, true,
+                           m_halfOpenOrder.insert(m_halfOpenOrder.end(), transport), now};
     m_keys[transport] = key;
     ++m_halfOpen;
 }
@@ -71,6 +71,7 @@ void EUDPAcceptedPeers::endHalfOpen(Entry& entry)
 }
 
 bool EUDPAcceptedPeers::evictOldestHalfOpen(std::chrono::steady_clock::duration grace,
+                                            TimePoint now,
                                             const std::function<void(EUDPTransport&)>& evict)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -80,7 +81,7 @@ bool EUDPAcceptedPeers::evictOldestHalfOpen(std::chrono::steady_clock::duration 
     }
     EUDPTransport* oldest = m_halfOpenOrder.front();
     Entry& entry = find(oldest)->second;
-    if (std::chrono::steady_clock::now() < entry.since + grace)
+    if (now < entry.since + grace)
     {
         return false;
     }

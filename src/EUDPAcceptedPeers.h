@@ -21,6 +21,8 @@ class EUDPTransport;
 class EUDPAcceptedPeers
 {
 public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
     EUDPAcceptedPeers() = default;
     EUDPAcceptedPeers(const EUDPAcceptedPeers&) = delete;
     EUDPAcceptedPeers& operator=(const EUDPAcceptedPeers&) = delete;
@@ -30,7 +32,7 @@ public:
     // for an earlier CON from there that is still half-open is handed to
     // `evict` (under the lock): one source cannot hold more than one.
     void add(EUDPTransport* transport, const tavo::HostAddress& address, uint16 port, uint conArg,
-             const std::function<void(EUDPTransport&)>& evict);
+             TimePoint now, const std::function<void(EUDPTransport&)>& evict);
     // Runs `answer` with the connection made for that peer and CON, under
     // the lock that keeps it from being destroyed meanwhile; false when there
     // is none.
@@ -42,7 +44,7 @@ public:
     // the lock, and counts it open no more; false when none is half-open or
     // the oldest is younger than `grace` (it may be a real client whose
     // first datagram is still on its way).
-    bool evictOldestHalfOpen(std::chrono::steady_clock::duration grace,
+    bool evictOldestHalfOpen(std::chrono::steady_clock::duration grace, TimePoint now,
                              const std::function<void(EUDPTransport&)>& evict);
     // The connection is being destroyed.
     void remove(EUDPTransport* transport);
@@ -57,7 +59,7 @@ private:
         bool halfOpen;
         // Its place in m_halfOpenOrder while half-open.
         std::list<EUDPTransport*>::iterator order;
-        std::chrono::steady_clock::time_point since;
+        TimePoint since;
     };
 
     static Key keyOf(const tavo::HostAddress& address, uint16 port);

@@ -69,9 +69,10 @@ IWEFTTransport* EUDPTransport::accept()
         const unsigned int limit = m_halfOpenLimit;
         if (limit != EUDP_NO_HALF_OPEN_LIMIT && m_pAcceptedPeers->halfOpenCount() >= limit)
         {
-            const bool evicted = m_pAcceptedPeers->evictOldestHalfOpen(
-                m_pTimeouts->halfOpenGrace, [](EUDPTransport& oldest) { oldest.disconnect(); });
             const auto now = std::chrono::steady_clock::now();
+            const bool evicted = m_pAcceptedPeers->evictOldestHalfOpen(
+                m_pTimeouts->halfOpenGrace, now,
+                [](EUDPTransport& oldest) { oldest.disconnect(); });
             if (now >= m_nextHalfOpenLine)
             {
                 // At most once a second: a flood must not flood the log too.
@@ -105,7 +106,7 @@ EUDPTransport* EUDPTransport::acceptConnection(const tavo::HostAddress& source, 
     // Counted as half-open until its peer is heard from or it closes.
     accepted->m_pAcceptedPeers = m_pAcceptedPeers;
     accepted->m_halfOpen = true;
-    m_pAcceptedPeers->add(accepted, source, port, conArg,
+    m_pAcceptedPeers->add(accepted, source, port, conArg, std::chrono::steady_clock::now(),
                           [](EUDPTransport& old) { old.disconnect(); });
     // Sent from the new transport's own socket: the connection gets its own port.
     accepted->sendPacket(EUDP_ACK, conArg);

@@ -29,7 +29,7 @@ EUDPReceiveWindow::Verdict EUDPReceiveWindow::receive(const EUDPPacket& packet, 
         const unsigned int stored = deliverInOrder(packet);
         // Cumulative: everything up to the last packet taken has arrived.
         return Verdict{ARRIVAL_IN_ORDER, 0, EUDP_ACK,
-                       static_cast<uint>(m_expectedSeq.previous().getValue()), stored};
+                       static_cast<uint>(m_expectedSeq.previousInRange().getValue()), stored};
     }
     // Real-time: what was held for an earlier reliable phase is behind now.
     dropHeld();

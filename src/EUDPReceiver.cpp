@@ -75,6 +75,16 @@ void EUDPTransport::receiverThread()
 void EUDPTransport::handleDatagram(EUDPPacket& packet, uint length, const tavo::HostAddress& source,
                                    uint16 sourcePort)
 {
+    if (isSecondAnswer(packet, length, source, sourcePort))
+    {
+        // A second connection answered a repeat of our CON (a server that
+        // makes one per CON): it is told to go, so it does not linger. It
+        // comes from a port other than the peer's, so strict peers would
+        // drop it.
+        sendBurstAck();
+        sendPacket(EUDP_DIS, 0, sourcePort);
+        return;
+    }
     if (m_strictPeer && isStranger(source, sourcePort))
     {
         log(tavo::LOG_LEVEL_DEBUG) << "ignoring a datagram from " << source.getAddressString()
@@ -126,6 +136,15 @@ void EUDPTransport::handleDatagram(EUDPPacket& packet, uint length, const tavo::
     }
 }
 
+bool EUDPTransport::isSecondAnswer(EUDPPacket& packet, uint length, const tavo::HostAddress& source,
+                                   uint16 sourcePort) const
+{
+    const uint16 peerPort = m_peerPort;
+    return m_conArg != NO_CON && peerPort != 0 && sourcePort != peerPort &&
+           source == m_peerAddress && packet.validatePacket(length) &&
+           packet.getCommand() == EUDP_ACK && packet.getArg() == m_conArg;
+}
+
 void EUDPTransport::sendBurstAck()
 {
     if (m_burstAck)
@@ -174,14 +193,6 @@ void EUDPTransport::handleAck(uint arg, uint16 sourcePort)
         }
         m_peerPort = sourcePort;
         m_semConnected.give();
-        return;
-    }
-    if (sourcePort != m_peerPort && arg == m_conArg)
-    {
-        // A second connection answered a repeat of our CON (a server that
-        // makes one per CON): it is told to go, so it does not linger.
-        sendBurstAck();
-        sendPacket(EUDP_DIS, 0, sourcePort);
         return;
     }
     processAck(seq.getValue());
@@ -284,7 +295,8 @@ void EUDPTransport::handleData(const EUDPPacket& packet)
             // A copy means the sender went back, most likely for a lost
             // acknowledgement: the burst ends with one for everything taken,
             // so that it does not go on repeating packet after packet.
-            m_burstAck = static_cast<uint>(m_pReceiveWindow->expected().previous().getValue());
+            m_burstAck =
+                static_cast<uint>(m_pReceiveWindow->expected().previousInRange().getValue());
         }
         break;
     case EUDP_NAK:

@@ -199,6 +199,9 @@ private:
     bool isNewRequest(EEUDPCommand command, uint arg);
     // Strict mode: whether a datagram from `source`:`port` comes from someone
     // other than the peer.
+    // An ACK of our CON from the peer's host but another port, once connected.
+    bool isSecondAnswer(EUDPPacket& packet, uint length, const tavo::HostAddress& source,
+                        uint16 sourcePort) const;
     bool isStranger(const tavo::HostAddress& source, uint16 port) const;
 
     // ---- shared (EUDPTransport.cpp) ----

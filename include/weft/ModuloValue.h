@@ -32,6 +32,12 @@ public:
     // The number before this one, by the signed remainder: 0 gives -1, the
     // "no number yet" that lies just before 0.
     ModuloValue previous() const { return ModuloValue((m_value - 1) % m_range, m_range); }
+    // The number before this one within the range: 0 gives the last number,
+    // as an acknowledgement across the wrap must name it.
+    ModuloValue previousInRange() const
+    {
+        return ModuloValue((m_value + m_range - 1) % m_range, m_range);
+    }
 
     // Steps from `other` to this number, in -32767..32767 (fixed bounds).
     int distance(const ModuloValue& other) const

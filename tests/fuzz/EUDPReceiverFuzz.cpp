@@ -22,7 +22,9 @@
 #include <poll.h>
 
 #include <cerrno>
+#include <map>
 #include <memory>
+#include <utility>
 
 using fuzz::eudp::commandOf;
 typedef EUDPTransportTestPeer Peer;
@@ -59,6 +61,22 @@ std::string describe(const Bytes& datagram)
            (datagram.size() > 8 ? " + " + fuzz::str(datagram.size() - 8) + " bytes" : "");
 }
 
+// One answer the transport owes. In-order data is acknowledged once for all
+// that arrived together, so such an ACK may be left out when another
+// follows it; a NAK for the number it NAKed last may be left out too (once
+// per burst). Which datagrams arrive together depends on timing.
+struct Answer
+{
+    enum EKind
+    {
+        FIRM,       // always sent, in this place
+        CUMULATIVE, // an in-order ACK: may give way to the next cumulative one
+        REPEAT_NAK  // a NAK of the number NAKed last
+    };
+    Bytes bytes;
+    EKind kind;
+};
+
 // What the accepted transport does with each datagram, worked out from the
 // datagrams alone: its answers, what it stores, its modes and the number it
 // expects next.
@@ -79,7 +97,7 @@ public:
     bool m_closed = false;
 
     // One datagram as it reaches the transport; answers go to `answers`.
-    void feed(const Bytes& datagram, std::vector<Bytes>& answers)
+    void feed(const Bytes& datagram, std::vector<Answer>& answers)
     {
         // An empty datagram never arrives; an invalid one is dropped.
         if (m_closed || datagram.size() < EUDP_HEADER_SIZE || datagram[0] != EUDP_VERSION ||
@@ -100,7 +118,7 @@ public:
             mode(arg, answers);
             break;
         case EUDP_WIN:
-            answers.push_back(packet(EUDP_WAK, arg));
+            answers.push_back({packet(EUDP_WAK, arg), Answer::FIRM});
             break;
         default:
             // NOP, ACK, NAK, MAK, WAK and a CON are answered with nothing.
@@ -109,12 +127,66 @@ public:
     }
 
 private:
-    void data(std::uint32_t arg, const Bytes& payload, std::vector<Bytes>& answers)
+    void data(std::uint32_t arg, const Bytes& payload, std::vector<Answer>& answers)
     {
         // The argument as a signed number, reduced with the signed remainder,
         // and its cyclic distance from the number expected.
         const int seq = static_cast<std::int32_t>(arg) % EUDP_SEQ_RANGE;
-        int distance = seq - m_expected;
+        const int distance = distanceFrom(seq, m_expected);
+        const bool reliable = m_receiveMode == CONN_MODE_RELIABLE;
+        if (distance < 0)
+        {
+            answers.push_back({packet(EUDP_ACK, arg), Answer::FIRM});
+            if (reliable)
+            {
+                // Followed by one for everything taken.
+                acknowledgeTaken(answers);
+            }
+            return;
+        }
+        if (m_stored.size() == EUDP_RING_CAPACITY - 1)
+        {
+            return;
+        }
+        if (reliable)
+        {
+            if (distance > 0)
+            {
+                hold(seq, arg, payload, distance);
+                answers.push_back({packet(EUDP_NAK, static_cast<std::uint32_t>(m_expected)),
+                                   m_lastNak == m_expected ? Answer::REPEAT_NAK : Answer::FIRM});
+                m_lastNak = m_expected;
+                return;
+            }
+            take(payload);
+            // What was held after the gap follows on, while there is room.
+            for (auto held = m_held.find(m_expected % HELD_SLOTS);
+                 held != m_held.end() && m_stored.size() < EUDP_RING_CAPACITY - 1 &&
+                 held->second.first == static_cast<std::uint32_t>(m_expected);
+                 held = m_held.find(m_expected % HELD_SLOTS))
+            {
+                const Bytes next = held->second.second;
+                m_held.erase(held);
+                take(next);
+            }
+            acknowledgeTaken(answers);
+            return;
+        }
+        m_held.clear();
+        m_expected = (seq + 1) % EUDP_SEQ_RANGE;
+        if (!payload.empty())
+        {
+            m_stored.push_back(payload);
+        }
+        else if (m_receiveMode == CONN_MODE_REALTIME)
+        {
+            answers.push_back({packet(EUDP_NOP, 0), Answer::FIRM});
+        }
+    }
+
+    static int distanceFrom(int seq, int expected)
+    {
+        int distance = seq - expected;
         if (distance < -EUDP_SEQ_HALF)
         {
             distance += EUDP_SEQ_RANGE;
@@ -123,35 +195,42 @@ private:
         {
             distance -= EUDP_SEQ_RANGE;
         }
-        if (distance < 0)
-        {
-            answers.push_back(packet(EUDP_ACK, arg));
-            return;
-        }
-        if (m_stored.size() == EUDP_RING_CAPACITY - 1)
-        {
-            return;
-        }
-        if (m_receiveMode == CONN_MODE_RELIABLE)
-        {
-            if (distance > 0)
-            {
-                answers.push_back(packet(EUDP_NAK, static_cast<std::uint32_t>(m_expected)));
-                return;
-            }
-            answers.push_back(packet(EUDP_ACK, static_cast<std::uint32_t>(seq)));
-        }
-        m_expected = (seq + 1) % EUDP_SEQ_RANGE;
+        return distance;
+    }
+
+    void take(const Bytes& payload)
+    {
+        m_expected = (m_expected + 1) % EUDP_SEQ_RANGE;
         if (!payload.empty())
         {
             m_stored.push_back(payload);
         }
-        else if (m_receiveMode == CONN_MODE_REALTIME)
-        {
-            answers.push_back(packet(EUDP_NOP, 0));
-        }
     }
 
+    // The last number taken, within the range.
+    void acknowledgeTaken(std::vector<Answer>& answers)
+    {
+        const int last = (m_expected + EUDP_SEQ_RANGE - 1) % EUDP_SEQ_RANGE;
+        answers.push_back({packet(EUDP_ACK, static_cast<std::uint32_t>(last)), Answer::CUMULATIVE});
+    }
+
+    // A packet after a gap waits in the slot of its number, if it is a real
+    // number within reach and the slot is free; it is taken only if its
+    // argument is exactly the number expected by then.
+    void hold(int seq, std::uint32_t arg, const Bytes& payload, int distance)
+    {
+        if (seq < 0 || distance >= static_cast<int>(HELD_SLOTS))
+        {
+            return;
+        }
+        m_held.emplace(seq % HELD_SLOTS, std::make_pair(arg, payload));
+    }
+
+    static constexpr int HELD_SLOTS = static_cast<int>(EUDP_REORDER_SLOTS);
+    // Slot -> the argument and payload held there.
+    std::map<int, std::pair<std::uint32_t, Bytes>> m_held;
+    // The number of the last NAK (-2: none since a burst could have ended).
+    int m_lastNak = -2;
     // Every mode is allowed: a letter T or R sets it, D keeps it, any other
     // refuses the request from there on, without an answer.
     static bool pick(uint8 letter, EConnMode& mode)
@@ -164,7 +243,7 @@ private:
         return letter == CONN_MODE_DONT_CARE;
     }
 
-    void mode(std::uint32_t arg, std::vector<Bytes>& answers)
+    void mode(std::uint32_t arg, std::vector<Answer>& answers)
     {
         const uint8 send = static_cast<uint8>(arg);
         const uint8 receive = static_cast<uint8>(arg >> 16);
@@ -173,8 +252,9 @@ private:
             return;
         }
         answers.push_back(
-            packet(EUDP_MAK, eudpwire::modes(send, static_cast<uint8>(m_sendMode), receive,
-                                             static_cast<uint8>(m_receiveMode))));
+            {packet(EUDP_MAK, eudpwire::modes(send, static_cast<uint8>(m_sendMode), receive,
+                                              static_cast<uint8>(m_receiveMode))),
+             Answer::FIRM});
     }
 };
 
@@ -270,19 +350,42 @@ std::string recent(uint16 = 0)
     return "\n  the library logged lately:" + fuzz::join(lines);
 }
 
+// The transport's next answer, read ahead by one.
+Bytes g_peeked;
+
+Bytes peekAnswer(uint16 port)
+{
+    if (g_peeked.empty())
+    {
+        g_peeked = g_pPeer->answerFrom(port);
+    }
+    return g_peeked;
+}
+
 // The answers from `port` (the transport's, which it no longer reports once
-// closed) up to the last one wanted.
-void expectAnswers(EUDPTransport& transport, uint16 port, const std::vector<Bytes>& wanted,
+// closed) up to the last one wanted. One that may be left out is passed
+// over when the next answer is another; a cumulative ACK only when a later
+// one follows before anything firm.
+void expectAnswers(EUDPTransport& transport, uint16 port, const std::vector<Answer>& wanted,
                    std::size_t& checked)
 {
     for (; checked < wanted.size(); ++checked)
     {
-        const Bytes answer = g_pPeer->answerFrom(port);
-        FUZZ_CHECK(answer == wanted[checked],
-                   "answer " + fuzz::str(checked) + " was " +
-                       (answer.empty() ? std::string("missing") : describe(answer)) + ", wanted " +
-                       describe(wanted[checked]) + (Peer::closed(transport) ? " (closed)" : "") +
-                       recent(port));
+        const Answer& want = wanted[checked];
+        const bool next = checked + 1 < wanted.size();
+        const bool optional =
+            want.kind == Answer::REPEAT_NAK ||
+            (want.kind == Answer::CUMULATIVE && next && wanted[checked + 1].kind != Answer::FIRM);
+        const Bytes answer = peekAnswer(port);
+        if (answer == want.bytes)
+        {
+            g_peeked.clear();
+            continue;
+        }
+        FUZZ_CHECK(optional, "answer " + fuzz::str(checked) + " was " +
+                                 (answer.empty() ? std::string("missing") : describe(answer)) +
+                                 ", wanted " + describe(want.bytes) +
+                                 (Peer::closed(transport) ? " (closed)" : "") + recent(port));
     }
 }
 
@@ -332,7 +435,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     std::unique_ptr<EUDPTransport> transport(static_cast<EUDPTransport*>(g_pListener->accept()));
     FUZZ_CHECK(transport != nullptr, "no transport accepted");
     const uint16 port = transport->getLocalPort();
-    std::vector<Bytes> answers{packet(EUDP_ACK, conArg)};
+    g_peeked.clear();
+    std::vector<Answer> answers{{packet(EUDP_ACK, conArg), Answer::FIRM}};
     std::size_t checked = 0;
     expectAnswers(*transport, port, answers, checked);
 

@@ -40,11 +40,13 @@ class RawUdp : public RawUdpSocket
 public:
     // The source port of the next datagram that starts with `prefix`; 0 when
     // none comes within 10 s.
-    uint16 sourceOfNext(const Bytes& prefix)
+    // The port the next datagram starting with `prefix` came from; 0 when
+    // none comes within `waitMs`.
+    uint16 sourceOfNext(const Bytes& prefix, int waitMs = 10000)
     {
         Bytes buffer(2000);
         pollfd wait{m_fd, POLLIN, 0};
-        while (::poll(&wait, 1, 10000) == 1)
+        while (::poll(&wait, 1, waitMs) == 1)
         {
             sockaddr_in source{};
             socklen_t length = sizeof(source);
@@ -152,6 +154,11 @@ protected:
 
 TEST_F(HostilePeerTest, AHalfOpenLimitIgnoresFurtherConsUntilOneCompletesOrCloses)
 {
+    // No half-open connection is old enough to be closed for a newcomer
+    // (which place goes when is the registry's own test).
+    EUDPTimeouts noEviction = timeouts();
+    noEviction.halfOpenGrace = std::chrono::hours(1);
+    ScopedEUDPTimeouts scoped(noEviction);
     startServer(TRANSPORT_EUDP, false, 2);
     connectGood(TRANSPORT_EUDP);
     // The good client's connection completes with its first message.
@@ -184,7 +191,8 @@ TEST_F(HostilePeerTest, AHalfOpenLimitIgnoresFurtherConsUntilOneCompletesOrClose
     // The limit is reached again, until the silent ones close.
     RawUdp fourth;
     fourth.send(m_port, packet("CON", 0));
-    ASSERT_TRUE(log().waitFor(ignored, 10s, log().count(ignored) + 1));
+    EXPECT_EQ(fourth.sourceOfNext(ack, 200), 0);
+    EXPECT_EQ(m_connector->accepted(), 4);
     ASSERT_TRUE(seen(m_serverEvents, Event{"status", "server2", "disconnected"}, 20s));
     // Its receive thread gives the place back as it ends, just after.
     EXPECT_TRUE(eventually(
