@@ -104,8 +104,10 @@ bool WEFTConnection::connect(const std::string& host, unsigned short port, IWEFT
     {
         return false;
     }
-    start();
+    // Reported before the receive loop starts, so that an end that comes at
+    // once is never reported before the start.
     updateStatus(CONN_STATUS_CONNECTED);
+    start();
     return true;
 }
 

@@ -1,0 +1,179 @@
+// What a slow or hostile peer can hold, over real sockets: a message that
+// trickles, a peer that takes nothing, more connections than a listener
+// allows. Every limit is shortened.
+
+#include "EUDPTimeouts.h"
+
+#include "support/EUDPTransportTestPeer.h"
+#include "support/EudpWire.h"
+#include "support/RawUdpSocket.h"
+#include "support/Recorders.h"
+#include "support/Waiting.h"
+#include "support/WeftFixture.h"
+
+#include <weft/EUDPTransport.h>
+#include <weft/TCPTransport.h>
+#include <weft/WEFTConnection.h>
+#include <weft/WEFTListener.h>
+
+#include <tavo/TcpSocket.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <future>
+#include <memory>
+#include <vector>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using eudpwire::packet;
+typedef EUDPTransportTestPeer Peer;
+
+const tavo::HostAddress LOOPBACK("127.0.0.1");
+
+class BoundsTest : public WeftFixture
+{
+protected:
+    void SetUp() override
+    {
+        WeftFixture::SetUp();
+        EUDPTimeouts limits = timeouts();
+        limits.tcpMessage = 300ms;
+        limits.sendStall = 200ms;
+        m_limits = std::make_unique<ScopedEUDPTimeouts>(limits);
+    }
+    void TearDown() override
+    {
+        m_limits.reset();
+        WeftFixture::TearDown();
+    }
+
+    std::unique_ptr<ScopedEUDPTimeouts> m_limits;
+};
+
+bool seen(const EventLog& log, const Event& wanted)
+{
+    return eventually(
+        [&]
+        {
+            const auto all = log.events();
+            return std::find(all.begin(), all.end(), wanted) != all.end();
+        },
+        5s);
+}
+
+int receiveOnce(IWEFTTransport& transport)
+{
+    uint8 buffer[WEFT_MAX_PACKET_SIZE];
+    return transport.receiveData(buffer, sizeof(buffer));
+}
+
+TEST_F(BoundsTest, ATcpMessageMustArriveWholeInTimeWhileAnIdleConnectionStays)
+{
+    TCPTransport listener;
+    ASSERT_TRUE(listener.listen(LOOPBACK, 0));
+    tavo::TcpSocket idle;
+    ASSERT_TRUE(idle.connect(LOOPBACK, listener.getLocalPort()));
+    std::unique_ptr<IWEFTTransport> idleServer(listener.accept());
+    tavo::TcpSocket trickling;
+    ASSERT_TRUE(trickling.connect(LOOPBACK, listener.getLocalPort()));
+    std::unique_ptr<IWEFTTransport> trickled(listener.accept());
+
+    auto idleEnd = std::async(std::launch::async, [&] { return receiveOnce(*idleServer); });
+    // Half of a length prefix, then nothing: the connection ends.
+    const uint8 half = 4;
+    ASSERT_EQ(trickling.send(&half, 1), 1);
+    auto end = std::async(std::launch::async, [&] { return receiveOnce(*trickled); });
+    ASSERT_EQ(end.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(end.get(), 0);
+    EXPECT_EQ(log().countContaining("did not arrive whole within 300 ms"), 1u);
+    // A connection that has begun no message is left alone for as long.
+    EXPECT_EQ(idleEnd.wait_for(600ms), std::future_status::timeout);
+    idle.close();
+    EXPECT_EQ(idleEnd.get(), 0);
+}
+
+TEST_F(BoundsTest, ASendToAPeerThatTakesNothingGivesUpAfterTheSendTimeoutAndCloses)
+{
+    // TCP: the peer never reads, so the kernel's buffers fill.
+    TCPTransport tcpListener;
+    ASSERT_TRUE(tcpListener.listen(LOOPBACK, 0));
+    tavo::TcpSocket deaf;
+    ASSERT_TRUE(deaf.connect(LOOPBACK, tcpListener.getLocalPort()));
+    std::unique_ptr<IWEFTTransport> tcp(tcpListener.accept());
+    // EUDP: the peer asks for reliable delivery and never acknowledges.
+    EUDPTransport eudpListener;
+    ASSERT_TRUE(eudpListener.listen(LOOPBACK, 0));
+    RawUdpSocket silent;
+    silent.send(eudpListener.getLocalPort(), packet("CON", 0));
+    std::unique_ptr<IWEFTTransport> eudp(eudpListener.accept());
+    silent.send(eudp->getLocalPort(), packet("MOD", eudpwire::modes("RDDD")));
+    ASSERT_TRUE(eventually(
+        [&]
+        { return Peer::sendMode(*static_cast<EUDPTransport*>(eudp.get())) == CONN_MODE_RELIABLE; },
+        5s));
+
+    for (IWEFTTransport* transport : {tcp.get(), eudp.get()})
+    {
+        auto sending = std::async(std::launch::async,
+                                  [&]
+                                  {
+                                      const std::vector<uint8> message(1400, 'x');
+                                      int sent = 0;
+                                      while (transport->sendData(message.data(), 1400))
+                                      {
+                                          ++sent;
+                                      }
+                                      return sent;
+                                  });
+        ASSERT_EQ(sending.wait_for(10s), std::future_status::ready);
+        EXPECT_GT(sending.get(), 0);
+        // Closed: what waits for it ends, and nothing more is taken.
+        EXPECT_EQ(receiveOnce(*transport), 0);
+        const uint8 byte = 'y';
+        EXPECT_FALSE(transport->sendData(&byte, 1));
+    }
+}
+
+TEST_F(BoundsTest, AListenerOverItsConnectionLimitClosesTheNewcomerUntilAPlaceIsFree)
+{
+    for (const ETransport transport : {TRANSPORT_TCP, TRANSPORT_EUDP})
+    {
+        EventLog events;
+        CollectingConnector connector(events);
+        WEFTListener listener(transport);
+        listener.setMaxConnections(1);
+        ASSERT_TRUE(listener.listen("127.0.0.1", 0, &connector));
+        ASSERT_TRUE(listener.waitForListen(5000));
+        EventLog clientEvents;
+        RecordingClient first(clientEvents, "first");
+        RecordingClient second(clientEvents, "second");
+        WEFTConnection one(transport);
+        WEFTConnection two(transport);
+        ASSERT_TRUE(one.connect("127.0.0.1", listener.getLocalPort(), &first));
+        ASSERT_TRUE(connector.waitForConnections(1));
+        // The second is closed by the server at once, and never handed over.
+        // (EUDP: the refusal may come before the connect has returned.)
+        if (two.connect("127.0.0.1", listener.getLocalPort(), &second))
+        {
+            EXPECT_TRUE(seen(clientEvents, Event{"status", "second", "disconnected"})) << transport;
+        }
+        EXPECT_EQ(connector.accepted(), 1);
+        // A place is free once the server has seen the first one go.
+        one.disconnect();
+        two.disconnect();
+        EXPECT_TRUE(seen(events, Event{"status", "server0", "disconnected"})) << transport;
+        WEFTConnection three(transport);
+        RecordingClient third(clientEvents, "third");
+        ASSERT_TRUE(three.connect("127.0.0.1", listener.getLocalPort(), &third));
+        EXPECT_TRUE(connector.waitForConnections(2)) << transport;
+        three.disconnect();
+        connector.closeAll();
+        listener.shutdown(5000);
+    }
+}
+
+} // namespace
