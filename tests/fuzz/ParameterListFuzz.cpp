@@ -16,7 +16,7 @@ namespace
 
 void checkSameAs(const ParameterList& list, const reference::Entries& entries, const char* when)
 {
-    const Bytes form = fuzz::listForm(list);
+    const Bytes form = fuzz::formOf(list);
     const Bytes wanted = reference::encode(entries);
     FUZZ_CHECK(list.size() == entries.size() && form == wanted,
                std::string(when) + ": the list holds " + fuzz::describe(list) + "\n  written " +
@@ -47,7 +47,7 @@ void checkDecoding(const uint8* data, std::size_t size)
     checkSameAs(merged, mergedEntries, "merged");
 
     // What the list writes reads back as the same list.
-    const Bytes form = fuzz::listForm(list);
+    const Bytes form = fuzz::formOf(list);
     ParameterList again;
     FUZZ_CHECK(decode(again, form.data(), form.size()) == static_cast<int>(form.size()),
                "the list's own form " + fuzz::hex(form) + " does not read back whole");
@@ -137,7 +137,7 @@ void checkBuilt(fuzz::Input input)
             (form[0] == 'S' && std::find(form.begin() + 1, form.end() - 1, 0) != form.end() - 1);
     }
 
-    const Bytes form = fuzz::listForm(list);
+    const Bytes form = fuzz::formOf(list);
     if (refused)
     {
         FUZZ_CHECK(form.empty(), "a list that cannot be carried was written as " + fuzz::hex(form));
