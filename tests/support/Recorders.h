@@ -7,6 +7,7 @@
 #include <weft/IWEFTServer.h>
 #include <weft/WEFTConnection.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -59,6 +60,19 @@ public:
     }
 
     int count() const { return m_count.get(); }
+
+    int countOf(const Event& wanted) const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return static_cast<int>(std::count(m_events.begin(), m_events.end(), wanted));
+    }
+
+    // Waits until `wanted` has been recorded exactly `times` times.
+    bool waitFor(const Event& wanted, std::chrono::milliseconds timeout = std::chrono::seconds(10),
+                 int times = 1) const
+    {
+        return eventually([&] { return countOf(wanted) == times; }, timeout);
+    }
 
 private:
     mutable std::mutex m_mutex;

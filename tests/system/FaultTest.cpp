@@ -41,12 +41,6 @@ long threadCount()
     return count;
 }
 
-int countOf(const EventLog& log, const Event& wanted)
-{
-    const std::vector<Event> events = log.events();
-    return static_cast<int>(std::count(events.begin(), events.end(), wanted));
-}
-
 // The names of the events of one kind, in order.
 std::vector<std::string> namesOf(const EventLog& log, const std::string& kind)
 {
@@ -137,8 +131,8 @@ TEST_F(FaultTest, ReliableConnectionsLoseNothingWhenTheNetworkIsSilentForAWhile)
     EXPECT_TRUE(clientEvents.waitFor(1 + total, 60s));
     EXPECT_EQ(namesOf(m_serverEvents, "subscribe"), numbered("c", total));
     EXPECT_EQ(namesOf(clientEvents, "update"), numbered("s", total));
-    EXPECT_EQ(countOf(clientEvents, Event{"status", "client", "disconnected"}), 0);
-    EXPECT_EQ(countOf(m_serverEvents, Event{"status", "server0", "disconnected"}), 0);
+    EXPECT_EQ(clientEvents.countOf(Event{"status", "client", "disconnected"}), 0);
+    EXPECT_EQ(m_serverEvents.countOf(Event{"status", "server0", "disconnected"}), 0);
     // Repeats went into the silence: a go-back each retransmission time.
     EXPECT_GT(silenced.dropped, 10u);
     connection.disconnect();
@@ -164,11 +158,7 @@ TEST_P(FaultPerTransport, DisconnectRacingWithSendsAndTheReceiveLoopAlwaysReturn
         auto connection = std::make_unique<WEFTConnection>(GetParam());
         ASSERT_TRUE(connection->connect("127.0.0.1", m_port, &client));
         // The listener has finished handing it over.
-        ASSERT_TRUE(eventually(
-            [&] {
-                return countOf(m_serverEvents, {"status", who, "connected"}) == 1;
-            },
-            10s));
+        ASSERT_TRUE(m_serverEvents.waitFor(Event{"status", who, "connected"}));
         WEFTConnection* const server = m_connector.connection(round);
         if (eudp && round % 2 == 1)
         {
@@ -215,13 +205,9 @@ TEST_P(FaultPerTransport, DisconnectRacingWithSendsAndTheReceiveLoopAlwaysReturn
             thread.join();
         }
         // Each side reports its end exactly once.
-        ASSERT_TRUE(eventually(
-            [&] {
-                return countOf(m_serverEvents, {"status", who, "disconnected"}) == 1;
-            },
-            10s));
-        EXPECT_EQ(countOf(clientEvents, {"status", "client", "connected"}), 1);
-        EXPECT_EQ(countOf(clientEvents, {"status", "client", "disconnected"}), 1);
+        ASSERT_TRUE(m_serverEvents.waitFor(Event{"status", who, "disconnected"}));
+        EXPECT_EQ(clientEvents.countOf({"status", "client", "connected"}), 1);
+        EXPECT_EQ(clientEvents.countOf({"status", "client", "disconnected"}), 1);
     }
 }
 
@@ -256,11 +242,7 @@ TEST_P(FaultPerTransport, ConnectionsOutliveTheirListenerAndCanBeDestroyedInEver
         ASSERT_TRUE(m_serverEvents.waitFor(8));
         m_listener.reset();
         ASSERT_TRUE(orphaned.subscribe("after"));
-        ASSERT_TRUE(eventually(
-            [&] {
-                return countOf(m_serverEvents, {"subscribe", "after", ""});
-            },
-            20s));
+        ASSERT_TRUE(m_serverEvents.waitFor(Event{"subscribe", "after", ""}, 20s));
         m_connector.connection(2)->disconnect();
         ASSERT_TRUE(clientEvents.waitFor(6, 20s));
     }

@@ -38,8 +38,6 @@ using eudpwire::packet;
 class RawUdp : public RawUdpSocket
 {
 public:
-    // The source port of the next datagram that starts with `prefix`; 0 when
-    // none comes within 10 s.
     // The port the next datagram starting with `prefix` came from; 0 when
     // none comes within `waitMs`.
     uint16 sourceOfNext(const Bytes& prefix, int waitMs = 10000)
@@ -61,19 +59,6 @@ public:
         return 0;
     }
 };
-
-int countOf(const EventLog& log, const Event& wanted)
-{
-    const std::vector<Event> events = log.events();
-    return static_cast<int>(std::count(events.begin(), events.end(), wanted));
-}
-
-// Waits until `log` holds `wanted` exactly `times` times.
-bool seen(const EventLog& log, const Event& wanted, std::chrono::milliseconds timeout,
-          int times = 1)
-{
-    return eventually([&] { return countOf(log, wanted) == times; }, timeout);
-}
 
 // A server that keeps every connection it accepts, and one well-behaved
 // client of it.
@@ -120,10 +105,10 @@ protected:
     void exchange(const std::string& tag)
     {
         ASSERT_TRUE(m_good->subscribe(tag));
-        ASSERT_TRUE(seen(m_serverEvents, Event{"subscribe", tag, ""}, 20s))
+        ASSERT_TRUE(m_serverEvents.waitFor(Event{"subscribe", tag, ""}, 20s))
             << tag << " did not reach the server";
         ASSERT_TRUE(m_connector->connection(m_goodIndex)->updateState(tag, ParameterValue(1)));
-        ASSERT_TRUE(seen(m_clientEvents, Event{"update", tag, "1"}, 20s))
+        ASSERT_TRUE(m_clientEvents.waitFor(Event{"update", tag, "1"}, 20s))
             << tag << " did not reach the client";
     }
 
@@ -163,7 +148,6 @@ TEST_F(HostilePeerTest, AHalfOpenLimitIgnoresFurtherConsUntilOneCompletesOrClose
     connectGood(TRANSPORT_EUDP);
     // The good client's connection completes with its first message.
     ASSERT_NO_FATAL_FAILURE(exchange("before"));
-    const std::string ignored = eudpLine(0, "too many half-open connections (ignoring CON)");
     const Bytes ack = packet("ACK", 0);
     RawUdp first;
     RawUdp second;
@@ -173,6 +157,7 @@ TEST_F(HostilePeerTest, AHalfOpenLimitIgnoresFurtherConsUntilOneCompletesOrClose
     second.send(m_port, packet("CON", 0));
     ASSERT_NE(second.sourceOfNext(ack), 0);
     third.send(m_port, packet("CON", 0));
+    const std::string ignored = eudpLine(0, "too many half-open connections (ignoring CON)");
     ASSERT_TRUE(log().waitFor(ignored, 10s));
     EXPECT_EQ(log().levelOf(ignored), 3);
     EXPECT_EQ(m_connector->accepted(), 3);
@@ -193,7 +178,7 @@ TEST_F(HostilePeerTest, AHalfOpenLimitIgnoresFurtherConsUntilOneCompletesOrClose
     fourth.send(m_port, packet("CON", 0));
     EXPECT_EQ(fourth.sourceOfNext(ack, 200), 0);
     EXPECT_EQ(m_connector->accepted(), 4);
-    ASSERT_TRUE(seen(m_serverEvents, Event{"status", "server2", "disconnected"}, 20s));
+    ASSERT_TRUE(m_serverEvents.waitFor(Event{"status", "server2", "disconnected"}, 20s));
     // Its receive thread gives the place back as it ends, just after.
     EXPECT_TRUE(eventually(
         [&]
@@ -251,9 +236,9 @@ TEST_F(StrangerTest, AStrictPeerIgnoresDisAndDataFromAnyOtherPort)
     ASSERT_TRUE(log().waitFor(notThePeer(serverPort(true), stranger), 10s, 2));
     ASSERT_TRUE(log().waitFor(notThePeer(m_good->getLocalPort(), stranger), 10s));
     ASSERT_NO_FATAL_FAILURE(exchange("after"));
-    EXPECT_EQ(countOf(m_serverEvents, Event{"subscribe", "intruder", ""}), 0);
-    EXPECT_EQ(countOf(m_serverEvents, Event{"status", "server0", "disconnected"}), 0);
-    EXPECT_EQ(countOf(m_clientEvents, Event{"status", "client", "disconnected"}), 0);
+    EXPECT_EQ(m_serverEvents.countOf(Event{"subscribe", "intruder", ""}), 0);
+    EXPECT_EQ(m_serverEvents.countOf(Event{"status", "server0", "disconnected"}), 0);
+    EXPECT_EQ(m_clientEvents.countOf(Event{"status", "client", "disconnected"}), 0);
 }
 
 class StrangerAck : public StrangerTest, public ::testing::WithParamInterface<bool>
