@@ -240,9 +240,6 @@ TEST_F(WEFTListenerTest, EarlyEudpModeRequestsAreJudgedByThePolicySetInOnConnect
     EXPECT_TRUE(allowed->setSendMode(CONN_MODE_REALTIME));
     auto forbidden = connectClient(&client);
     EXPECT_FALSE(forbidden->setSendMode(CONN_MODE_RELIABLE));
-    // The forbidden request is repeated while it waits; each copy is refused.
-    EXPECT_GE(log().countContaining("]: unknown mode request (ignoring)"), 1u);
-    EXPECT_EQ(log().countContaining("]: failed to set send mode (timeout)"), 1u);
 }
 
 } // namespace
