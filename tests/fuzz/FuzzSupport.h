@@ -216,26 +216,6 @@ Bytes formOf(const Item& item)
     return Bytes(room.begin(), room.begin() + std::max(written, 0));
 }
 
-// Decodes from a heap block of exactly `size` bytes, so that AddressSanitizer
-// reports a read past them; the count consumed.
-template <class Item>
-int decode(Item& item, const uint8* data, std::size_t size)
-{
-    std::unique_ptr<char[]> block(new char[size]);
-    std::copy_n(data, size, block.get());
-    return item.createFromBinary(block.get(), static_cast<int>(size));
-}
-
-inline std::string describe(const ParameterList& list)
-{
-    std::string text = str(list.size()) + " entries:", name, value;
-    for (unsigned int i = 0; list.getParam(i, name, value); ++i)
-    {
-        text += " [" + name + "]=[" + value + "]";
-    }
-    return text;
-}
-
 // The library once per process, its log off: most fuzzed bytes are bad and
 // each would cost a formatted line.
 inline void startQuietly()
