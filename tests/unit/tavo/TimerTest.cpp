@@ -85,42 +85,6 @@ TEST(TimerTest, ATimerReArmedOftenFiresOnceAndAnEarlierDeadlineStillWakesTheThre
     EXPECT_TRUE(far.timer.isRunning());
 }
 
-TEST(TimerTest, ManyTimersFireInDeadlineOrder)
-{
-    constexpr int count = 20;
-    struct Shared
-    {
-        std::mutex mutex;
-        std::vector<int> order;
-        EventCounter done;
-    } shared;
-    struct Recorder
-    {
-        void fire()
-        {
-            std::lock_guard<std::mutex> lock(pShared->mutex);
-            pShared->order.push_back(index);
-            pShared->done.add();
-        }
-        Shared* pShared = nullptr;
-        int index = 0;
-        tavo::Callback<Recorder> callback{this, &Recorder::fire};
-        tavo::Timer timer;
-    } recorders[count];
-    for (int i = count - 1; i >= 0; --i) // arming order and deadline order differ
-    {
-        recorders[i].pShared = &shared;
-        recorders[i].index = i;
-        recorders[i].timer.addCallback(&recorders[i].callback);
-        recorders[i].timer.start(5000 * (i + 1), true);
-    }
-    ASSERT_TRUE(shared.done.waitFor(count, 10s));
-    std::vector<int> expected(count);
-    std::iota(expected.begin(), expected.end(), 0);
-    std::lock_guard<std::mutex> lock(shared.mutex);
-    EXPECT_EQ(shared.order, expected);
-}
-
 TEST(TimerTest, StopWaitsForACallbackThatIsRunning)
 {
     struct Slow
