@@ -22,7 +22,6 @@ struct Event
     std::string kind; // "trigger", "update", "subscribe", "unsubscribe", "call", "status"
     std::string name;
     std::string text;
-    int type = 0; // the value's type code for triggers and updates
 
     bool operator==(const Event& other) const
     {
@@ -95,11 +94,11 @@ public:
 
     void onTrigger(const std::string& name, const ParameterValue& value) override
     {
-        m_log.add(Event{"trigger", name, value.getAsString(), value.getType()});
+        m_log.add(Event{"trigger", name, value.getAsString()});
     }
     void onUpdateState(const std::string& name, const ParameterValue& value) override
     {
-        m_log.add(Event{"update", name, value.getAsString(), value.getType()});
+        m_log.add(Event{"update", name, value.getAsString()});
     }
     void onStatus(EConnStatus status) override
     {

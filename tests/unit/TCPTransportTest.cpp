@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace
@@ -102,6 +103,25 @@ TEST_F(TCPTransportTest, FramesEachMessageWithItsLengthAndRefusesLongerOnes)
         ASSERT_EQ(transport->receiveData(received.data(), 65535), static_cast<int>(length));
         received.resize(length);
         EXPECT_EQ(received, message) << "length " << length;
+    }
+    // Written a byte at a time, an empty message skipped; one longer than the
+    // buffer ends the reading with -1, one cut short by the close with 0.
+    for (const auto& [stream, room, results] :
+         {std::tuple<Bytes, uint, std::vector<int>>{{0, 0, 2, 0, 'a', 'b', 3, 0, 'c'}, 4, {2, 0}},
+          {{5, 0, 1, 2, 3, 4, 5}, 4, {-1}}})
+    {
+        tavo::TcpSocket peer;
+        auto reader = acceptRawPeer(peer);
+        for (const uint8 byte : stream)
+        {
+            ASSERT_EQ(peer.send(&byte, 1), 1);
+        }
+        peer.close();
+        for (const int result : results)
+        {
+            Bytes buffer(room);
+            EXPECT_EQ(reader->receiveData(buffer.data(), room), result);
+        }
     }
 }
 

@@ -139,23 +139,6 @@ TEST_F(WEFTConnectionTest, ARequestThatFitsGoesWholeAndOneByteMoreIsRefusedWithN
     EXPECT_EQ(m_transport->sent().size(), requests.size());
 }
 
-TEST_F(WEFTConnectionTest, MessagesForAMissingClientOrServerAreDroppedAndTheLoopGoesOn)
-{
-    startAsServer();
-    m_connection->setServer(nullptr);
-    m_transport->queue({0x01, 0x53, 0x02, 0x00, 'x', 0x00});
-    m_transport->queue({0x01, 0x58, 0x02, 0x00, 'x', 0x00});
-    m_transport->queue({0x01, 0x46, 0x03, 0x00, 'f', 0x00, 0x00});
-    m_transport->queue({0x01, 0x54, 0x03, 0x00, 't', 0x00, 0x4E});
-    m_transport->queue({0x01, 0x55, 0x03, 0x00, 'u', 0x00, 0x4E});
-    ASSERT_TRUE(
-        log().waitFor("WEFT: received unexpected update state cmd (no client available)", 10s));
-    m_connection->setServer(&m_server);
-    m_transport->queue({0x01, 0x53, 0x02, 0x00, 'y', 0x00});
-    ASSERT_TRUE(m_events.waitFor(1));
-    EXPECT_EQ(m_events.events().back(), (Event{"subscribe", "y", ""}));
-}
-
 TEST_F(WEFTConnectionTest, ACallbackMayAnswerOnTheSameConnection)
 {
     m_server.onSubscribeHook = [this](const std::string& name)
