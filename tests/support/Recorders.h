@@ -79,18 +79,18 @@ private:
     EventCounter m_count;
 };
 
-inline std::string statusText(EConnStatus status)
+inline std::string listText(const ParameterList& params)
 {
-    return status == CONN_STATUS_CONNECTED ? "connected" : "disconnected";
+    std::ostringstream out;
+    params.print(out);
+    return out.str();
 }
 
-class RecordingClient : public IWEFTClient
+// Records every callback of a client or a server into a shared log.
+class Recorder : public IWEFTClient, public IWEFTServer
 {
 public:
-    explicit RecordingClient(EventLog& log, const std::string& who = "client")
-        : m_log(log), m_who(who)
-    {
-    }
+    explicit Recorder(EventLog& log, const std::string& who = "client") : m_log(log), m_who(who) {}
 
     void onTrigger(const std::string& name, const ParameterValue& value) override
     {
@@ -100,31 +100,6 @@ public:
     {
         m_log.add(Event{"update", name, value.getAsString()});
     }
-    void onStatus(EConnStatus status) override
-    {
-        m_log.add(Event{"status", m_who, statusText(status)});
-    }
-
-private:
-    EventLog& m_log;
-    std::string m_who;
-};
-
-inline std::string listText(const ParameterList& params)
-{
-    std::ostringstream out;
-    params.print(out);
-    return out.str();
-}
-
-class RecordingServer : public IWEFTServer
-{
-public:
-    explicit RecordingServer(EventLog& log, const std::string& who = "server")
-        : m_log(log), m_who(who)
-    {
-    }
-
     void onSubscribe(const std::string& name) override
     {
         m_log.add(Event{"subscribe", name, ""});
@@ -143,7 +118,8 @@ public:
     }
     void onStatus(EConnStatus status) override
     {
-        m_log.add(Event{"status", m_who, statusText(status)});
+        m_log.add(
+            Event{"status", m_who, status == CONN_STATUS_CONNECTED ? "connected" : "disconnected"});
     }
 
     std::function<void(const std::string&)> onSubscribeHook;
@@ -166,10 +142,10 @@ public:
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const std::string who = "server" + std::to_string(m_connections.size());
-        m_servers.push_back(std::make_unique<RecordingServer>(m_log, who));
+        m_servers.push_back(std::make_unique<Recorder>(m_log, who));
         if (prepare)
         {
-            prepare(*connection, *m_servers.back());
+            prepare(*connection);
         }
         connection->setServer(m_servers.back().get());
         m_connections.emplace_back(connection);
@@ -202,12 +178,12 @@ public:
     }
 
     // Runs inside onConnection, before the server object is set.
-    std::function<void(WEFTConnection&, RecordingServer&)> prepare;
+    std::function<void(WEFTConnection&)> prepare;
 
 private:
     EventLog& m_log;
     std::mutex m_mutex;
-    std::vector<std::unique_ptr<RecordingServer>> m_servers;
+    std::vector<std::unique_ptr<Recorder>> m_servers;
     std::vector<std::unique_ptr<WEFTConnection>> m_connections;
     EventCounter m_accepted;
 };

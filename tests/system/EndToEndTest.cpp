@@ -79,7 +79,7 @@ TEST_P(WEFTEndToEndTest, ManyClientsAreHandedOverInAcceptOrderAndTheirThreadsLos
     constexpr int clients = 6;
     constexpr int messagesEach = 200;
     EventLog clientEvents;
-    RecordingClient client(clientEvents);
+    Recorder client(clientEvents);
     std::vector<std::unique_ptr<WEFTConnection>> connections;
     std::vector<Event> handedOver;
     for (int c = 0; c < clients; ++c)
@@ -142,7 +142,7 @@ TEST_P(WEFTEndToEndTest, ShutdownLogsAndNoLaterConnectionIsHandedOver)
     ASSERT_TRUE(m_listener->shutdown(-1));
     EXPECT_EQ(log().levelOf("WEFT: listener is shut down"), 4);
     EventLog clientEvents;
-    RecordingClient client(clientEvents);
+    Recorder client(clientEvents);
     WEFTConnection late(GetParam());
     // TCP refuses at once; EUDP waits for an answer that never comes.
     EXPECT_FALSE(late.connect("127.0.0.1", m_port, &client));
@@ -174,7 +174,7 @@ TEST_F(WEFTListenerTest, ShutdownBeforeOrRightAfterListenNeverHangsAndAListenerL
     ASSERT_TRUE(m_listener->shutdown(-1));
     listen(TRANSPORT_TCP);
     EventLog clientEvents;
-    RecordingClient client(clientEvents);
+    Recorder client(clientEvents);
     auto connection = connectClient(&client);
     EXPECT_TRUE(m_connector.waitForConnections(1));
 }
@@ -183,7 +183,7 @@ TEST_F(WEFTListenerTest, ShutdownBeforeOrRightAfterListenNeverHangsAndAListenerL
 // before onConnection has run.
 TEST_F(WEFTListenerTest, EarlyEudpModeRequestsAreJudgedByThePolicySetInOnConnection)
 {
-    m_connector.prepare = [](WEFTConnection& connection, RecordingServer&)
+    m_connector.prepare = [](WEFTConnection& connection)
     {
         // A slow onConnection: the client's request is long there by now.
         tavo::Thread::mssleep(300);
@@ -191,7 +191,7 @@ TEST_F(WEFTListenerTest, EarlyEudpModeRequestsAreJudgedByThePolicySetInOnConnect
     };
     listen(TRANSPORT_EUDP);
     EventLog clientEvents;
-    RecordingClient client(clientEvents);
+    Recorder client(clientEvents);
     auto allowed = connectClient(&client);
     EXPECT_TRUE(allowed->setReceiveMode(CONN_MODE_RELIABLE));
     EXPECT_TRUE(allowed->setSendMode(CONN_MODE_REALTIME));

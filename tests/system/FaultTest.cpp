@@ -97,7 +97,7 @@ TEST_F(FaultTest, ReliableConnectionsLoseNothingWhenTheNetworkIsSilentForAWhile)
     startListener(TRANSPORT_EUDP);
     ImpairmentRelay relay(m_port, 5);
     EventLog clientEvents;
-    RecordingClient client(clientEvents);
+    Recorder client(clientEvents);
     WEFTConnection connection(TRANSPORT_EUDP);
     ASSERT_TRUE(connection.connect("127.0.0.1", relay.getPort(), &client));
     ASSERT_TRUE(m_serverEvents.waitFor(2));
@@ -154,7 +154,7 @@ TEST_P(FaultPerTransport, DisconnectRacingWithSendsAndTheReceiveLoopAlwaysReturn
         SCOPED_TRACE("round " + std::to_string(round));
         const std::string who = "server" + std::to_string(round);
         EventLog clientEvents;
-        RecordingClient client(clientEvents);
+        Recorder client(clientEvents);
         auto connection = std::make_unique<WEFTConnection>(GetParam());
         ASSERT_TRUE(connection->connect("127.0.0.1", m_port, &client));
         // The listener has finished handing it over.
@@ -219,7 +219,7 @@ TEST_P(FaultPerTransport, ConnectionsOutliveTheirListenerAndCanBeDestroyedInEver
     const long threadsBefore = threadCount();
     startListener(GetParam());
     EventLog clientEvents;
-    RecordingClient client(clientEvents);
+    Recorder client(clientEvents);
     {
         // Destroyed while connected: the destructor disconnects it.
         WEFTConnection connected(GetParam());

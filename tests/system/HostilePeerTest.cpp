@@ -127,7 +127,7 @@ protected:
     std::unique_ptr<WEFTListener> m_listener;
     uint16 m_port = 0;
     EventLog m_clientEvents;
-    RecordingClient m_client{m_clientEvents};
+    Recorder m_client{m_clientEvents};
     std::unique_ptr<WEFTConnection> m_good;
     int m_goodIndex = 0;
 };

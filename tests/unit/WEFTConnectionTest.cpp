@@ -48,8 +48,8 @@ protected:
     void startAsClient() { ASSERT_TRUE(m_connection->connect("127.0.0.1", 1, &m_client)); }
 
     EventLog m_events;
-    RecordingServer m_server{m_events};
-    RecordingClient m_client{m_events};
+    Recorder m_server{m_events, "server"};
+    Recorder m_client{m_events};
     QueueTransport* m_transport = nullptr;
     std::unique_ptr<WEFTConnection> m_connection;
 };
@@ -178,7 +178,7 @@ TEST(WEFTConnectionDeathTest, DisconnectFromItsOwnCallbackStopsTheProcessInstead
         {
             weftInit();
             EventLog events;
-            RecordingServer server(events);
+            Recorder server(events, "server");
             auto* transport = new QueueTransport();
             WEFTConnection connection(transport);
             server.onSubscribeHook = [&](const std::string&) { connection.disconnect(); };
