@@ -80,7 +80,11 @@ private:
     void record(char command, const std::string& name, const ParameterValue& value = {},
                 const ParameterList& params = {})
     {
-        Event event{command, name, value, params};
+        Event event;
+        event.command = command;
+        event.name = name;
+        event.value = value;
+        event.params = params;
         event.form = command == 'F'                     ? fuzz::formOf(params)
                      : command == 'T' || command == 'U' ? fuzz::formOf(value)
                                                         : Bytes();
@@ -193,7 +197,8 @@ std::vector<Event> receive(const std::vector<Bytes>& messages, bool hasClient, b
         }
         if (toClient ? hasClient : hasServer)
         {
-            sorted.push_back(Event{'d'});
+            sorted.emplace_back();
+            sorted.back().command = 'd';
         }
     }
     for (std::size_t i = 0; i < std::max(heard.size(), sorted.size()); ++i)
