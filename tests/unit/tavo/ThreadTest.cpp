@@ -89,21 +89,4 @@ TEST(ThreadTest, ShutdownWithATimeOutReportsAThreadThatDoesNotEndAndARunMayEndBy
     EXPECT_TRUE(thread.shutdown(-1));
 }
 
-TEST(ThreadDeathTest, ShutdownFromTheThreadItselfStopsTheProcess)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    class SelfStopper : public tavo::Thread
-    {
-    public:
-        void run() override { shutdown(-1); }
-    };
-    EXPECT_DEATH(
-        {
-            SelfStopper thread;
-            thread.start();
-            tavo::Thread::mssleep(5000);
-        },
-        "shutdown called from the thread itself");
-}
-
 } // namespace
