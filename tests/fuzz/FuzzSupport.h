@@ -85,8 +85,6 @@ public:
         return Bytes(m_data + m_position - count, m_data + m_position);
     }
 
-    Bytes rest() { return take(remaining()); }
-
     // Chunks behind a little-endian 16-bit length, each cut to `limit`.
     std::vector<Bytes> chunks(std::size_t limit)
     {
