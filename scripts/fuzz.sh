@@ -17,7 +17,7 @@ jobs=${WEFT_FUZZ_JOBS:-2}
 dir=${WEFT_FUZZ_BUILD_DIR:-$root/build/fuzz}
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-    targets=(parameter_list weft_packet tcp_framing eudp_receiver)
+    targets=(weft_packet eudp_receiver)
 fi
 
 echo "=== fuzz: build"

@@ -20,6 +20,7 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <type_traits>
 
 namespace fuzz
 {
@@ -83,8 +84,6 @@ public:
         m_position += count;
         return Bytes(m_data + m_position - count, m_data + m_position);
     }
-
-    Bytes rest() { return take(remaining()); }
 
     // Chunks behind a little-endian 16-bit length, each cut to `limit`.
     std::vector<Bytes> chunks(std::size_t limit)
@@ -200,81 +199,19 @@ inline std::uint32_t le32(const uint8* bytes)
 // any input, reused: clearing a fresh one per form costs more than the code
 // under test.
 template <class Item>
-Bytes formOf(const Item& item, int (Item::*write)(char*, int) const)
+Bytes formOf(const Item& item)
 {
     static std::vector<char> room(1u << 20);
-    const int written = (item.*write)(room.data(), static_cast<int>(room.size()));
+    int written = 0;
+    if constexpr (std::is_same_v<Item, ParameterList>)
+    {
+        written = item.getBinary(room.data(), static_cast<int>(room.size()));
+    }
+    else
+    {
+        written = item.getBinaryValue(room.data(), static_cast<int>(room.size()));
+    }
     return Bytes(room.begin(), room.begin() + std::max(written, 0));
-}
-
-inline Bytes valueForm(const ParameterValue& value)
-{
-    return formOf(value, &ParameterValue::getBinaryValue);
-}
-
-inline Bytes listForm(const ParameterList& list)
-{
-    return formOf(list, &ParameterList::getBinary);
-}
-
-// Decodes from a heap block of exactly `size` bytes, so that AddressSanitizer
-// reports a read past them; the count consumed.
-template <class Item>
-int decode(Item& item, const uint8* data, std::size_t size)
-{
-    std::unique_ptr<char[]> block(new char[size]);
-    std::copy_n(data, size, block.get());
-    return item.createFromBinary(block.get(), static_cast<int>(size));
-}
-
-inline std::uint32_t floatBits(float value)
-{
-    std::uint32_t bits = 0;
-    std::memcpy(&bits, &value, sizeof(bits));
-    return bits;
-}
-
-inline std::string describe(const ParameterValue& value)
-{
-    float number = 0.0f;
-    return "type " + str(value.getType()) + " text \"" + value.getAsString() + "\"" +
-           (value.getFloatValue(number) ? " bits " + str(floatBits(number)) : "");
-}
-
-// Floats bit for bit, so that a NaN equals itself.
-inline bool sameValue(const ParameterValue& a, const ParameterValue& b)
-{
-    if (a.getType() != b.getType())
-    {
-        return false;
-    }
-    int integerA = 0, integerB = 0;
-    bool booleanA = false, booleanB = false;
-    float floatA = 0.0f, floatB = 0.0f;
-    switch (a.getType())
-    {
-    case PARAM_TYPE_INT:
-        return a.getIntValue(integerA) && b.getIntValue(integerB) && integerA == integerB;
-    case PARAM_TYPE_BOOL:
-        return a.getBooleanValue(booleanA) && b.getBooleanValue(booleanB) && booleanA == booleanB;
-    case PARAM_TYPE_FLOAT:
-        return a.getFloatValue(floatA) && b.getFloatValue(floatB) &&
-               floatBits(floatA) == floatBits(floatB);
-    case PARAM_TYPE_STRING:
-        return a.getAsString() == b.getAsString();
-    default:
-        return true;
-    }
-}
-
-inline std::string describe(const ParameterList& list)
-{
-    std::string text = str(list.size()) + " entries:", name, value;
-    for (unsigned int i = 0; list.getParam(i, name, value); ++i)
-    {
-        text += " [" + name + "]=[" + value + "]";
-    }
-    return text;
 }
 
 // The library once per process, its log off: most fuzzed bytes are bad and

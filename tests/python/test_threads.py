@@ -72,8 +72,7 @@ def test_closing_from_inside_a_callback(transport, where, closer):
             client.call("after")
 
 
-@pytest.mark.parametrize("side", ["client", "server"])
-def test_closing_while_callbacks_fire_waits_for_them_and_no_more_run(transport, side):
+def test_closing_while_callbacks_fire_waits_for_them_and_no_more_run(transport):
     calls = []
     many = threading.Event()
 
@@ -82,28 +81,26 @@ def test_closing_while_callbacks_fire_waits_for_them_and_no_more_run(transport, 
         if len(calls) == 200:
             many.set()
 
-    with weft.listen("127.0.0.1", 0, transport=transport, on_call=busy) as server:
+    with weft.listen("127.0.0.1", 0, transport=transport) as server:
         client = connect(transport, server, on_update=busy)
         client.subscribe("x")
         expect(server, "subscribe", "x")
-        stop = threading.Event()
 
         def flood():
-            while not stop.is_set():
-                try:
-                    server.update("x", 1) if side == "client" else client.call("y")
-                except weft.Error:
-                    return
+            try:
+                while True:
+                    server.update("x", 1)
+            except weft.Error:
+                return
 
         pump = threading.Thread(target=flood)
         pump.start()
         assert many.wait(WAIT)
-        (client if side == "client" else server).close()
+        client.close()
         after = len(calls)
-        stop.set()
+        server.close()
         pump.join(WAIT)
         assert len(calls) == after
-        client.close()
 
 
 EXIT_SCRIPT = """

@@ -24,17 +24,6 @@ public:
         const ModuloValue next(seq);
         t.m_pSendWindow->restart(next, next.previous());
     }
-    // Packets in the send ring: sent and unacknowledged, or waiting.
-    static uint queued(EUDPTransport& t)
-    {
-        tavo::MutexLock lock(t.m_sendMutex);
-        return t.m_pSendWindow->queued();
-    }
-    static int lastAcked(EUDPTransport& t)
-    {
-        tavo::MutexLock lock(t.m_sendMutex);
-        return t.m_pSendWindow->lastAcked().getValue();
-    }
 
     static int expectedSeq(EUDPTransport& t)
     {

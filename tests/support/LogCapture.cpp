@@ -6,13 +6,15 @@ LogCapture::LogCapture()
 {
     tavo::LogManager* manager = tavo::LogManager::getInstance();
     manager->setMaxLevel(tavo::LOG_LEVEL_TRACE);
-    manager->setSink([this](const std::string& output, int level, const std::string& text) {
+    manager->setSink(
+        [this](const std::string& output, int level, const std::string& text)
         {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_lines.push_back(Line{output, level, text});
-        }
-        m_changed.notify_all();
-    });
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_lines.push_back(Line{output, level, text});
+            }
+            m_changed.notify_all();
+        });
 }
 
 LogCapture::~LogCapture()
@@ -28,39 +30,6 @@ std::vector<LogCapture::Line> LogCapture::lines() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_lines;
-}
-
-std::vector<std::string> LogCapture::texts() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    std::vector<std::string> result;
-    for (const Line& line : m_lines)
-    {
-        result.push_back(line.text);
-    }
-    return result;
-}
-
-std::size_t LogCapture::count(const std::string& text) const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    std::size_t n = 0;
-    for (const Line& line : m_lines)
-    {
-        n += line.text == text ? 1 : 0;
-    }
-    return n;
-}
-
-std::size_t LogCapture::countContaining(const std::string& part) const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    std::size_t n = 0;
-    for (const Line& line : m_lines)
-    {
-        n += line.text.find(part) != std::string::npos ? 1 : 0;
-    }
-    return n;
 }
 
 int LogCapture::levelOf(const std::string& text) const
@@ -80,14 +49,16 @@ bool LogCapture::waitFor(const std::string& text, std::chrono::milliseconds time
                          std::size_t occurrences) const
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, timeout, [&] {
-        std::size_t n = 0;
-        for (const Line& line : m_lines)
-        {
-            n += line.text == text ? 1 : 0;
-        }
-        return n >= occurrences;
-    });
+    return m_changed.wait_for(lock, timeout,
+                              [&]
+                              {
+                                  std::size_t n = 0;
+                                  for (const Line& line : m_lines)
+                                  {
+                                      n += line.text == text ? 1 : 0;
+                                  }
+                                  return n >= occurrences;
+                              });
 }
 
 void LogCapture::clear()

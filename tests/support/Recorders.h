@@ -7,6 +7,7 @@
 #include <weft/IWEFTServer.h>
 #include <weft/WEFTConnection.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -21,7 +22,6 @@ struct Event
     std::string kind; // "trigger", "update", "subscribe", "unsubscribe", "call", "status"
     std::string name;
     std::string text;
-    int type = 0; // the value's type code for triggers and updates
 
     bool operator==(const Event& other) const
     {
@@ -60,41 +60,23 @@ public:
 
     int count() const { return m_count.get(); }
 
+    int countOf(const Event& wanted) const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return static_cast<int>(std::count(m_events.begin(), m_events.end(), wanted));
+    }
+
+    // Waits until `wanted` has been recorded exactly `times` times.
+    bool waitFor(const Event& wanted, std::chrono::milliseconds timeout = std::chrono::seconds(10),
+                 int times = 1) const
+    {
+        return eventually([&] { return countOf(wanted) == times; }, timeout);
+    }
+
 private:
     mutable std::mutex m_mutex;
     std::vector<Event> m_events;
     EventCounter m_count;
-};
-
-inline std::string statusText(EConnStatus status)
-{
-    return status == CONN_STATUS_CONNECTED ? "connected" : "disconnected";
-}
-
-class RecordingClient : public IWEFTClient
-{
-public:
-    explicit RecordingClient(EventLog& log, const std::string& who = "client")
-        : m_log(log), m_who(who)
-    {
-    }
-
-    void onTrigger(const std::string& name, const ParameterValue& value) override
-    {
-        m_log.add(Event{"trigger", name, value.getAsString(), value.getType()});
-    }
-    void onUpdateState(const std::string& name, const ParameterValue& value) override
-    {
-        m_log.add(Event{"update", name, value.getAsString(), value.getType()});
-    }
-    void onStatus(EConnStatus status) override
-    {
-        m_log.add(Event{"status", m_who, statusText(status)});
-    }
-
-private:
-    EventLog& m_log;
-    std::string m_who;
 };
 
 inline std::string listText(const ParameterList& params)
@@ -104,14 +86,20 @@ inline std::string listText(const ParameterList& params)
     return out.str();
 }
 
-class RecordingServer : public IWEFTServer
+// Records every callback of a client or a server into a shared log.
+class Recorder : public IWEFTClient, public IWEFTServer
 {
 public:
-    explicit RecordingServer(EventLog& log, const std::string& who = "server")
-        : m_log(log), m_who(who)
-    {
-    }
+    explicit Recorder(EventLog& log, const std::string& who = "client") : m_log(log), m_who(who) {}
 
+    void onTrigger(const std::string& name, const ParameterValue& value) override
+    {
+        m_log.add(Event{"trigger", name, value.getAsString()});
+    }
+    void onUpdateState(const std::string& name, const ParameterValue& value) override
+    {
+        m_log.add(Event{"update", name, value.getAsString()});
+    }
     void onSubscribe(const std::string& name) override
     {
         m_log.add(Event{"subscribe", name, ""});
@@ -130,7 +118,8 @@ public:
     }
     void onStatus(EConnStatus status) override
     {
-        m_log.add(Event{"status", m_who, statusText(status)});
+        m_log.add(
+            Event{"status", m_who, status == CONN_STATUS_CONNECTED ? "connected" : "disconnected"});
     }
 
     std::function<void(const std::string&)> onSubscribeHook;
@@ -153,10 +142,10 @@ public:
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const std::string who = "server" + std::to_string(m_connections.size());
-        m_servers.push_back(std::make_unique<RecordingServer>(m_log, who));
+        m_servers.push_back(std::make_unique<Recorder>(m_log, who));
         if (prepare)
         {
-            prepare(*connection, *m_servers.back());
+            prepare(*connection);
         }
         connection->setServer(m_servers.back().get());
         m_connections.emplace_back(connection);
@@ -189,12 +178,12 @@ public:
     }
 
     // Runs inside onConnection, before the server object is set.
-    std::function<void(WEFTConnection&, RecordingServer&)> prepare;
+    std::function<void(WEFTConnection&)> prepare;
 
 private:
     EventLog& m_log;
     std::mutex m_mutex;
-    std::vector<std::unique_ptr<RecordingServer>> m_servers;
+    std::vector<std::unique_ptr<Recorder>> m_servers;
     std::vector<std::unique_ptr<WEFTConnection>> m_connections;
     EventCounter m_accepted;
 };

@@ -22,10 +22,14 @@ using namespace std::chrono_literals;
 class WEFTListenerTest : public WeftFixture
 {
 protected:
+    // Again on the same listener when there is one.
     void listen(ETransport transport)
     {
         m_transport = transport;
-        m_listener = std::make_unique<WEFTListener>(transport);
+        if (!m_listener)
+        {
+            m_listener = std::make_unique<WEFTListener>(transport);
+        }
         ASSERT_TRUE(m_listener->listen("127.0.0.1", 0, &m_connector));
         ASSERT_TRUE(m_listener->waitForListen(10000));
         m_port = m_listener->getLocalPort();
@@ -67,58 +71,15 @@ protected:
     }
 };
 
-TEST_P(WEFTEndToEndTest, EveryRequestReachesTheRightCallbackWithItsNameAndValue)
-{
-    EventLog clientEvents;
-    RecordingClient client(clientEvents);
-    auto connection = connectClient(&client);
-    ASSERT_TRUE(m_connector.waitForConnections(1));
-    // connection, connected status
-    ASSERT_TRUE(m_serverEvents.waitFor(2));
-
-    ParameterList params;
-    params.addString("clip", "intro");
-    params.addBoolean("loop", true);
-    params.addNumeric("count", -3);
-    params.addFloat("gain", 0.5f);
-    ASSERT_TRUE(connection->subscribe("level"));
-    ASSERT_TRUE(connection->callFunctionId("play", params));
-    ASSERT_TRUE(connection->unsubscribe("level"));
-    ASSERT_TRUE(m_serverEvents.waitFor(5));
-    const std::vector<Event> serverExpected = {
-        {"connection", "server0", ""},
-        {"status", "server0", "connected"},
-        {"subscribe", "level", ""},
-        {"call", "play", "clip = intro count = -3 gain = 0.5 loop = ON "},
-        {"unsubscribe", "level", ""},
-    };
-    EXPECT_EQ(m_serverEvents.events(), serverExpected);
-
-    WEFTConnection* server = m_connector.connection(0);
-    ASSERT_TRUE(server->trigger("tally", ParameterValue(true)));
-    ASSERT_TRUE(server->updateState("level", ParameterValue(1000000.0f)));
-    ASSERT_TRUE(server->updateState("name", ParameterValue("studio A")));
-    ASSERT_TRUE(server->updateState("count", ParameterValue(-17)));
-    ASSERT_TRUE(server->trigger("empty", ParameterValue()));
-    ASSERT_TRUE(clientEvents.waitFor(6));
-    const std::vector<Event> clientExpected = {
-        {"status", "client", "connected"}, {"trigger", "tally", "ON"}, {"update", "level", "1e+06"},
-        {"update", "name", "studio A"},    {"update", "count", "-17"}, {"trigger", "empty", "INV"},
-    };
-    EXPECT_EQ(clientEvents.events(), clientExpected);
-    EXPECT_EQ(clientEvents.events()[2].type, PARAM_TYPE_FLOAT);
-
-    connection->disconnect();
-    ASSERT_TRUE(clientEvents.waitFor(7));
-    EXPECT_EQ(clientEvents.events().back(), (Event{"status", "client", "disconnected"}));
-}
-
+// Every request and value type end to end is the Python binding's and the
+// tool's (tests/python, tests/tool); here the listener's hand-over and the
+// connections' threads.
 TEST_P(WEFTEndToEndTest, ManyClientsAreHandedOverInAcceptOrderAndTheirThreadsLoseNothing)
 {
     constexpr int clients = 6;
     constexpr int messagesEach = 200;
     EventLog clientEvents;
-    RecordingClient client(clientEvents);
+    Recorder client(clientEvents);
     std::vector<std::unique_ptr<WEFTConnection>> connections;
     std::vector<Event> handedOver;
     for (int c = 0; c < clients; ++c)
@@ -181,7 +142,7 @@ TEST_P(WEFTEndToEndTest, ShutdownLogsAndNoLaterConnectionIsHandedOver)
     ASSERT_TRUE(m_listener->shutdown(-1));
     EXPECT_EQ(log().levelOf("WEFT: listener is shut down"), 4);
     EventLog clientEvents;
-    RecordingClient client(clientEvents);
+    Recorder client(clientEvents);
     WEFTConnection late(GetParam());
     // TCP refuses at once; EUDP waits for an answer that never comes.
     EXPECT_FALSE(late.connect("127.0.0.1", m_port, &client));
@@ -195,11 +156,10 @@ INSTANTIATE_TEST_SUITE_P(Transports, WEFTEndToEndTest,
                          [](const ::testing::TestParamInfo<ETransport>& info)
                          { return info.param == TRANSPORT_TCP ? "Tcp" : "Eudp"; });
 
-TEST_F(WEFTListenerTest, ShutdownBeforeOrRightAfterListenNeverHangs)
+TEST_F(WEFTListenerTest, ShutdownBeforeOrRightAfterListenNeverHangsAndAListenerListensAgain)
 {
     WEFTListener never(TRANSPORT_TCP);
     EXPECT_FALSE(never.shutdown(-1));
-    EXPECT_EQ(never.getLocalPort(), 0);
     for (ETransport transport : {TRANSPORT_TCP, TRANSPORT_EUDP})
     {
         for (int round = 0; round < 20; ++round)
@@ -210,17 +170,11 @@ TEST_F(WEFTListenerTest, ShutdownBeforeOrRightAfterListenNeverHangs)
         }
     }
     EXPECT_EQ(m_serverEvents.count(), 0);
-}
-
-TEST_F(WEFTListenerTest, AListenerCanListenAgainAfterShutdown)
-{
     listen(TRANSPORT_TCP);
     ASSERT_TRUE(m_listener->shutdown(-1));
-    m_listener->listen("127.0.0.1", 0, &m_connector);
-    ASSERT_TRUE(m_listener->waitForListen(10000));
-    m_port = m_listener->getLocalPort();
+    listen(TRANSPORT_TCP);
     EventLog clientEvents;
-    RecordingClient client(clientEvents);
+    Recorder client(clientEvents);
     auto connection = connectClient(&client);
     EXPECT_TRUE(m_connector.waitForConnections(1));
 }
@@ -229,7 +183,7 @@ TEST_F(WEFTListenerTest, AListenerCanListenAgainAfterShutdown)
 // before onConnection has run.
 TEST_F(WEFTListenerTest, EarlyEudpModeRequestsAreJudgedByThePolicySetInOnConnection)
 {
-    m_connector.prepare = [](WEFTConnection& connection, RecordingServer&)
+    m_connector.prepare = [](WEFTConnection& connection)
     {
         // A slow onConnection: the client's request is long there by now.
         tavo::Thread::mssleep(300);
@@ -237,15 +191,12 @@ TEST_F(WEFTListenerTest, EarlyEudpModeRequestsAreJudgedByThePolicySetInOnConnect
     };
     listen(TRANSPORT_EUDP);
     EventLog clientEvents;
-    RecordingClient client(clientEvents);
+    Recorder client(clientEvents);
     auto allowed = connectClient(&client);
     EXPECT_TRUE(allowed->setReceiveMode(CONN_MODE_RELIABLE));
     EXPECT_TRUE(allowed->setSendMode(CONN_MODE_REALTIME));
     auto forbidden = connectClient(&client);
     EXPECT_FALSE(forbidden->setSendMode(CONN_MODE_RELIABLE));
-    // The forbidden request is repeated while it waits; each copy is refused.
-    EXPECT_GE(log().countContaining("]: unknown mode request (ignoring)"), 1u);
-    EXPECT_EQ(log().countContaining("]: failed to set send mode (timeout)"), 1u);
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // Faults around working connections: a network that falls silent and comes
-// back, a listener that goes away while its connections live on, disconnect
-// racing with traffic, and connections destroyed in every state. (A peer
+// back, disconnect racing with traffic, a listener that goes away while its
+// connections live on, and connections destroyed in every state. (A peer
 // process killed mid-stream: tool/test_weft_tool.py, ServerLoss.)
 
 #include "ImpairmentRelay.h"
@@ -41,12 +41,6 @@ long threadCount()
     return count;
 }
 
-int countOf(const EventLog& log, const Event& wanted)
-{
-    const std::vector<Event> events = log.events();
-    return static_cast<int>(std::count(events.begin(), events.end(), wanted));
-}
-
 // The names of the events of one kind, in order.
 std::vector<std::string> namesOf(const EventLog& log, const std::string& kind)
 {
@@ -70,63 +64,6 @@ std::vector<std::string> numbered(const std::string& prefix, int count)
     }
     return names;
 }
-
-// Counts its connection's reports and ignores every message: the race rounds
-// send as fast as they can and keep nothing.
-class CountingPeer : public IWEFTClient, public IWEFTServer
-{
-public:
-    void onTrigger(const std::string&, const ParameterValue&) override {}
-    void onUpdateState(const std::string&, const ParameterValue&) override {}
-    void onSubscribe(const std::string&) override {}
-    void onUnsubscribe(const std::string&) override {}
-    void onCallFunctionId(const std::string&, const ParameterList&) override {}
-    void onStatus(EConnStatus status) override
-    {
-        (status == CONN_STATUS_CONNECTED ? up : down).add();
-    }
-
-    EventCounter up;
-    EventCounter down;
-};
-
-class CountingConnector : public IWEFTConnector
-{
-public:
-    ~CountingConnector() override
-    {
-        for (auto& connection : m_connections)
-        {
-            connection->disconnect();
-        }
-    }
-    void onConnection(WEFTConnection* connection) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_peers.push_back(std::make_unique<CountingPeer>());
-        connection->setServer(m_peers.back().get());
-        m_connections.emplace_back(connection);
-        m_accepted.add();
-    }
-    // Accepted connection `index` and its server object; nulls when it does
-    // not come.
-    std::pair<WEFTConnection*, CountingPeer*> waitFor(int index)
-    {
-        if (!m_accepted.waitFor(index + 1, 10s))
-        {
-            return {nullptr, nullptr};
-        }
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return {m_connections[index].get(), m_peers[index].get()};
-    }
-
-private:
-    std::mutex m_mutex;
-    // Declared first, so that they outlive their connections.
-    std::vector<std::unique_ptr<CountingPeer>> m_peers;
-    std::vector<std::unique_ptr<WEFTConnection>> m_connections;
-    EventCounter m_accepted;
-};
 
 // A listener on a free loopback port with a collecting connector.
 class FaultTest : public WeftFixture
@@ -160,7 +97,7 @@ TEST_F(FaultTest, ReliableConnectionsLoseNothingWhenTheNetworkIsSilentForAWhile)
     startListener(TRANSPORT_EUDP);
     ImpairmentRelay relay(m_port, 5);
     EventLog clientEvents;
-    RecordingClient client(clientEvents);
+    Recorder client(clientEvents);
     WEFTConnection connection(TRANSPORT_EUDP);
     ASSERT_TRUE(connection.connect("127.0.0.1", relay.getPort(), &client));
     ASSERT_TRUE(m_serverEvents.waitFor(2));
@@ -194,8 +131,8 @@ TEST_F(FaultTest, ReliableConnectionsLoseNothingWhenTheNetworkIsSilentForAWhile)
     EXPECT_TRUE(clientEvents.waitFor(1 + total, 60s));
     EXPECT_EQ(namesOf(m_serverEvents, "subscribe"), numbered("c", total));
     EXPECT_EQ(namesOf(clientEvents, "update"), numbered("s", total));
-    EXPECT_EQ(countOf(clientEvents, Event{"status", "client", "disconnected"}), 0);
-    EXPECT_EQ(countOf(m_serverEvents, Event{"status", "server0", "disconnected"}), 0);
+    EXPECT_EQ(clientEvents.countOf(Event{"status", "client", "disconnected"}), 0);
+    EXPECT_EQ(m_serverEvents.countOf(Event{"status", "server0", "disconnected"}), 0);
     // Repeats went into the silence: a go-back each retransmission time.
     EXPECT_GT(silenced.dropped, 10u);
     connection.disconnect();
@@ -207,59 +144,22 @@ class FaultPerTransport : public FaultTest, public ::testing::WithParamInterface
 {
 };
 
-TEST_P(FaultPerTransport, ConnectionsOutliveTheirListenerAndAreClosedByTheirOwner)
-{
-    startListener(GetParam());
-    EventLog clientEvents;
-    RecordingClient first(clientEvents, "first");
-    RecordingClient second(clientEvents, "second");
-    WEFTConnection one(GetParam());
-    WEFTConnection two(GetParam());
-    ASSERT_TRUE(one.connect("127.0.0.1", m_port, &first));
-    ASSERT_TRUE(m_serverEvents.waitFor(2));
-    ASSERT_TRUE(two.connect("127.0.0.1", m_port, &second));
-    ASSERT_TRUE(m_serverEvents.waitFor(4));
-    m_listener.reset();
-
-    ASSERT_TRUE(one.subscribe("after"));
-    ASSERT_TRUE(m_connector.connection(1)->updateState("level", ParameterValue(7)));
-    ASSERT_TRUE(m_serverEvents.waitFor(5));
-    ASSERT_TRUE(clientEvents.waitFor(3));
-    EXPECT_EQ(m_serverEvents.events().back(), (Event{"subscribe", "after", ""}));
-    EXPECT_EQ(clientEvents.events().back(), (Event{"update", "level", "7"}));
-
-    // The owners end them, from either side.
-    one.disconnect();
-    m_connector.connection(1)->disconnect();
-    ASSERT_TRUE(m_serverEvents.waitFor(7, 20s));
-    ASSERT_TRUE(clientEvents.waitFor(5, 20s));
-    EXPECT_EQ(countOf(m_serverEvents, Event{"status", "server0", "disconnected"}), 1);
-    EXPECT_EQ(countOf(m_serverEvents, Event{"status", "server1", "disconnected"}), 1);
-    EXPECT_EQ(countOf(clientEvents, Event{"status", "first", "disconnected"}), 1);
-    EXPECT_EQ(countOf(clientEvents, Event{"status", "second", "disconnected"}), 1);
-    two.disconnect();
-}
-
 TEST_P(FaultPerTransport, DisconnectRacingWithSendsAndTheReceiveLoopAlwaysReturns)
 {
     const bool eudp = GetParam() == TRANSPORT_EUDP;
-    CountingConnector connector;
-    WEFTListener listener(GetParam());
-    listener.listen("127.0.0.1", 0, &connector);
-    ASSERT_TRUE(listener.waitForListen(10000));
+    startListener(GetParam());
     constexpr int rounds = 24;
     for (int round = 0; round < rounds; ++round)
     {
         SCOPED_TRACE("round " + std::to_string(round));
-        CountingPeer client;
+        const std::string who = "server" + std::to_string(round);
+        EventLog clientEvents;
+        Recorder client(clientEvents);
         auto connection = std::make_unique<WEFTConnection>(GetParam());
-        ASSERT_TRUE(connection->connect("127.0.0.1", listener.getLocalPort(), &client));
-        const std::pair<WEFTConnection*, CountingPeer*> accepted = connector.waitFor(round);
-        WEFTConnection* const server = accepted.first;
-        CountingPeer* const serverPeer = accepted.second;
-        ASSERT_NE(server, nullptr);
+        ASSERT_TRUE(connection->connect("127.0.0.1", m_port, &client));
         // The listener has finished handing it over.
-        ASSERT_TRUE(serverPeer->up.waitFor(1, 10s));
+        ASSERT_TRUE(m_serverEvents.waitFor(Event{"status", who, "connected"}));
+        WEFTConnection* const server = m_connector.connection(round);
         if (eudp && round % 2 == 1)
         {
             // Reliable sending can block on a full ring: disconnect must wake it.
@@ -305,15 +205,13 @@ TEST_P(FaultPerTransport, DisconnectRacingWithSendsAndTheReceiveLoopAlwaysReturn
             thread.join();
         }
         // Each side reports its end exactly once.
-        ASSERT_TRUE(serverPeer->down.waitFor(1, 10s));
-        EXPECT_EQ(serverPeer->down.get(), 1);
-        EXPECT_EQ(client.down.get(), 1);
-        EXPECT_EQ(client.up.get(), 1);
+        ASSERT_TRUE(m_serverEvents.waitFor(Event{"status", who, "disconnected"}));
+        EXPECT_EQ(clientEvents.countOf({"status", "client", "connected"}), 1);
+        EXPECT_EQ(clientEvents.countOf({"status", "client", "disconnected"}), 1);
     }
-    listener.shutdown(-1);
 }
 
-TEST_P(FaultPerTransport, ConnectionsCanBeDestroyedInEveryState)
+TEST_P(FaultPerTransport, ConnectionsOutliveTheirListenerAndCanBeDestroyedInEveryState)
 {
     // The platform's timer thread starts on first use and stays: started
     // here, it does not count against the connections.
@@ -321,7 +219,7 @@ TEST_P(FaultPerTransport, ConnectionsCanBeDestroyedInEveryState)
     const long threadsBefore = threadCount();
     startListener(GetParam());
     EventLog clientEvents;
-    RecordingClient client(clientEvents);
+    Recorder client(clientEvents);
     {
         // Destroyed while connected: the destructor disconnects it.
         WEFTConnection connected(GetParam());
@@ -331,21 +229,25 @@ TEST_P(FaultPerTransport, ConnectionsCanBeDestroyedInEveryState)
     ASSERT_TRUE(m_serverEvents.waitFor(3, 20s));
     EXPECT_EQ(m_serverEvents.events().back(), (Event{"status", "server0", "disconnected"}));
     {
-        // Destroyed after its peer went away, without a disconnect.
-        WEFTConnection orphaned(GetParam());
-        ASSERT_TRUE(orphaned.connect("127.0.0.1", m_port, &client));
-        ASSERT_TRUE(m_serverEvents.waitFor(5));
-        m_connector.connection(1)->disconnect();
-        ASSERT_TRUE(clientEvents.waitFor(4, 20s));
-    }
-    {
         WEFTConnection disconnected(GetParam());
         ASSERT_TRUE(disconnected.connect("127.0.0.1", m_port, &client));
+        ASSERT_TRUE(m_serverEvents.waitFor(5));
         disconnected.disconnect();
     }
-    m_listener.reset();
     {
-        // Nothing listens any more: TCP is refused at once, EUDP waits 5 s.
+        // Its listener goes; it lives on until its peer ends it, then is
+        // destroyed without a disconnect.
+        WEFTConnection orphaned(GetParam());
+        ASSERT_TRUE(orphaned.connect("127.0.0.1", m_port, &client));
+        ASSERT_TRUE(m_serverEvents.waitFor(8));
+        m_listener.reset();
+        ASSERT_TRUE(orphaned.subscribe("after"));
+        ASSERT_TRUE(m_serverEvents.waitFor(Event{"subscribe", "after", ""}, 20s));
+        m_connector.connection(2)->disconnect();
+        ASSERT_TRUE(clientEvents.waitFor(6, 20s));
+    }
+    {
+        // Nothing listens any more: TCP is refused at once, EUDP waits.
         WEFTConnection failed(GetParam());
         EXPECT_FALSE(failed.connect("127.0.0.1", m_port, &client));
     }

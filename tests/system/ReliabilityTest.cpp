@@ -1,6 +1,6 @@
-// EUDP through a relay that loses, duplicates, reorders and silences traffic,
-// with every time-out shortened so that minutes of protocol time pass in
-// seconds.
+// EUDP through a relay that loses, duplicates and reorders traffic, with
+// every time-out shortened. (That lost keep-alives never end a live
+// connection is EUDPLivenessTest's.)
 
 #include "EUDPTimeouts.h"
 
@@ -26,7 +26,6 @@ namespace
 {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 const tavo::HostAddress LOOPBACK("127.0.0.1");
 
@@ -223,54 +222,6 @@ INSTANTIATE_TEST_SUITE_P(Loss, ReliableThroughLoss,
                              return "Percent" +
                                     std::to_string(static_cast<int>(info.param.loss * 100));
                          });
-
-TEST_F(EUDPThroughRelay, IdleAndStreamingRealtimeConnectionsLiveThroughMinutesOfLoss)
-{
-    // Two minutes of protocol time at 5% loss both ways: one idle
-    // connection, one that streams 20 updates a second from server to client.
-    // Ten times faster than real time, not more: a dead peer is then 1 s of
-    // silence, which a busy machine's stalls do not reach.
-    constexpr int speedUp = 10;
-    start(EUDPTimeouts().shortenedBy(speedUp));
-    connect();
-    EUDPTransport idleClient;
-    std::unique_ptr<IWEFTTransport> idleServer = connectOne(idleClient);
-    ASSERT_NE(idleServer, nullptr);
-    m_relay->setImpairment(Impairment{.dropRate = 0.05});
-
-    const auto minutes = std::chrono::milliseconds(std::chrono::minutes(2)) / speedUp;
-    const auto updateEvery = std::chrono::milliseconds(50) / speedUp;
-    auto received = collect(*m_client, ~std::size_t(0));
-    const uint8 update[8] = {};
-    const auto start = Clock::now();
-    while (Clock::now() - start < minutes)
-    {
-        ASSERT_TRUE(m_server->sendData(update, sizeof(update)));
-        std::this_thread::sleep_for(updateEvery);
-    }
-    EXPECT_FALSE(EUDPTransportTestPeer::closed(*m_client));
-    EXPECT_FALSE(EUDPTransportTestPeer::closed(idleClient));
-    EXPECT_TRUE(m_server->sendData(update, sizeof(update)));
-    EXPECT_TRUE(idleServer->sendData(update, sizeof(update)));
-
-    // Once the network is silent for good, both ends of both close.
-    m_relay->setSilent(true);
-    const auto silent = Clock::now();
-    // An update that got through before the silence is handed out first.
-    const auto end = [](IWEFTTransport& transport)
-    {
-        uint8 buffer[16];
-        int n = 0;
-        while ((n = transport.receiveData(buffer, sizeof(buffer))) > 0)
-        {
-        }
-        return n;
-    };
-    EXPECT_EQ(end(idleClient), 0);
-    EXPECT_EQ(end(*idleServer), 0);
-    EXPECT_GE(Clock::now() - silent, EUDPTimeouts().shortenedBy(speedUp).deadPeer);
-    EXPECT_GT(received.get().size(), 0u);
-}
 
 TEST_F(EUDPThroughRelay, ConnectsAndModeRequestsSucceedThroughThirtyPercentLoss)
 {

@@ -55,28 +55,28 @@ class Proc:
         return "%s\n--- stdout:\n%s\n--- stderr:\n%s" % (" ".join(self.args), "\n".join(self.lines),
                                                          self.err)
 
+    def _until(self, found, what, timeout):
+        deadline = time.monotonic() + timeout
+        while (result := found()) is None:
+            left = deadline - time.monotonic()
+            if left <= 0 or not self.selector.get_map():
+                raise AssertionError("no %s\n%s" % (what, self.transcript()))
+            self._pump(left)
+        return result
+
     def line(self, match, timeout=WAIT):
         """The first stdout line not matched before that contains `match` (or
         satisfies it); lines of other processes' threads may come in any order."""
-        deadline = time.monotonic() + timeout
-        while True:
+        def found():
             for i, line in enumerate(self.lines):
                 if i not in self.used and (match(line) if callable(match) else match in line):
                     self.used.add(i)
                     return line
-            left = deadline - time.monotonic()
-            if left <= 0 or not self.selector.get_map():
-                raise AssertionError("no line matching %r\n%s" % (match, self.transcript()))
-            self._pump(left)
+        return self._until(found, "line matching %r" % (match,), timeout)
 
     def error(self, text, timeout=WAIT):
         """Waits until stderr holds `text`."""
-        deadline = time.monotonic() + timeout
-        while text not in self.err:
-            left = deadline - time.monotonic()
-            if left <= 0 or not self.selector.get_map():
-                raise AssertionError("no %r on stderr\n%s" % (text, self.transcript()))
-            self._pump(left)
+        self._until(lambda: True if text in self.err else None, "%r on stderr" % text, timeout)
 
     def event(self, kind, /, timeout=WAIT, **fields):
         """The next JSON event of that kind whose fields hold the given values."""
@@ -163,9 +163,7 @@ class Conversation:
         self.assertIs(type(params["count"]), int)
         self.assertIs(type(params["gain"]), float)
 
-        for command, kind, value in (("update level i:-7", "update", -7),
-                                     ("trigger level 'studio A'", "trigger", "studio A"),
-                                     ("trigger level b:off", "trigger", False),
+        for command, kind, value in (("trigger level 'studio A'", "trigger", "studio A"),
                                      ("update level n:", "update", None)):
             server.send(command)
             self.assertEqual(server.event(kind, name="level")["clients"], 1, command)
@@ -182,29 +180,19 @@ class Conversation:
 
     def test_text_output_shows_pushes_and_calls_and_count_ends_the_client(self):
         server = self.start("serve", "-t", self.TRANSPORT, "--host", "127.0.0.1", "--port", "0")
-        first = server.line("listening on %s 127.0.0.1:" % self.TRANSPORT)
-        self.assertEqual(server.lines[0], first)
-        port = int(first.rsplit(":", 1)[1])
+        port = int(server.line("listening on %s 127.0.0.1:" % self.TRANSPORT).rsplit(":", 1)[1])
         server.send("update level s:42")
         client = self.start("connect", "127.0.0.1:%d" % port, "-t", self.TRANSPORT, "-s", "level",
-                            "-n", "3", "--timestamps")
+                            "-n", "2", "--timestamps")
         server.line('client 1 subscribe "level" (answered with "42")')
         client.send('call play clip="take two" count=3')
         server.line('client 1 call "play" clip="take two" count=3')
-        for command in ("update level 1e6", "trigger level on", "update level 3"):
-            server.send(command)
-        server.line('update "level" 1e+06 sent to 1 client')
+        server.send("trigger level on")
         self.assertEqual(client.wait(), 0, client.transcript())
-        # Timestamped; the request's line before its answer; a string and a number differ.
         self.assertRegex(client.lines[0], r"^\d\d:\d\d:\d\d\.\d{6} connected to ")
         shown = [line.split(" ", 1)[1] for line in client.lines]
-        self.assertLess(shown.index('subscribe "level"'), shown.index('update "level" "42"'))
-        for line in ('call "play" clip="take two" count=3', 'update "level" 1e+06',
-                     'trigger "level" ON'):
+        for line in ('update "level" "42"', 'call "play" clip="take two" count=3', 'trigger "level" ON'):
             self.assertIn(line, shown)
-        self.assertFalse(any('"level" 3' in line for line in shown), client.transcript())
-        server.send("update level i:x")
-        server.error("i: 'x' is not a whole number")
 
     def test_pushes_reach_only_subscribers_and_broadcasts_reach_everyone(self):
         server, port = self.serve(self.TRANSPORT)
@@ -220,8 +208,6 @@ class Conversation:
         server.send("update b s:for-b")
         self.assertEqual(server.event("update", name="b")["clients"], 1)
         self.assertEqual(clients[1].event("update", name="b")["value"], "for-b")
-        server.send("trigger c 1")
-        self.assertEqual(server.event("trigger", name="c")["clients"], 0)
         server.send("broadcast update all 2")
         self.assertEqual(server.event("update", name="all", broadcast=True)["clients"], 2)
         for client in clients:
@@ -229,10 +215,6 @@ class Conversation:
         # The first client never saw the item it did not subscribe to.
         self.assertFalse(any('"for-b"' in line for line in clients[0].lines),
                          clients[0].transcript())
-        clients[0].close_stdin()
-        server.event("disconnected", client=1)
-        server.send("broadcast trigger all off")
-        self.assertEqual(server.event("trigger", name="all")["clients"], 1)
 
 
 class TcpConversationTest(Conversation, ToolTest):
@@ -280,28 +262,20 @@ class EudpModeTest(ToolTest):
 
 
 class ConnectFailureTest(ToolTest):
-    def test_tcp_client_where_nothing_listens_exits_1_at_once(self):
+    def test_nothing_listening_an_unknown_host_or_a_taken_port_exit_1_with_the_reason(self):
         port = self.free_port(socket.SOCK_STREAM)
-        client = self.start("connect", "127.0.0.1:%d" % port, stdin=False)
-        self.assertEqual(client.wait(), 1, client.transcript())
-        self.assertIn("cannot connect to 127.0.0.1:%d over tcp" % port, client.err)
-
-    def test_an_unknown_host_is_named_as_such_on_both_transports(self):
+        cases = [(["connect", "127.0.0.1:%d" % port], "cannot connect to 127.0.0.1:%d over tcp" % port)]
         for transport in ("tcp", "eudp"):
-            client = self.start("connect", "nosuch.invalid", "-t", transport, stdin=False)
-            self.assertEqual(client.wait(), 1, client.transcript())
-            self.assertIn("unknown host 'nosuch.invalid'", client.err)
+            taken = self.serve(transport)[1]
+            cases += [(["connect", "nosuch.invalid", "-t", transport], "unknown host 'nosuch.invalid'"),
+                      (["serve", "-t", transport, "--host", "127.0.0.1", "--port", str(taken)],
+                       "cannot listen on %s 127.0.0.1:%d" % (transport, taken))]
+        for args, reason in cases:
+            proc = self.start(*args, stdin=False)
+            self.assertEqual(proc.wait(), 1, proc.transcript())
+            self.assertIn(reason, proc.err)
 
-    def test_a_second_server_on_a_taken_port_says_so_and_exits_1(self):
-        for transport in ("tcp", "eudp"):
-            _, port = self.serve(transport)
-            second = self.start("serve", "-t", transport, "--host", "127.0.0.1", "--port", str(port))
-            self.assertEqual(second.wait(), 1, second.transcript())
-            self.assertIn("cannot listen on %s 127.0.0.1:%d" % (transport, port), second.err)
-
-
-class SizeLimitTest(ToolTest):
-    def test_the_largest_request_arrives_whole_and_one_byte_more_is_refused_unsent(self):
+    def test_the_largest_update_goes_and_one_byte_more_is_refused_unsent(self):
         server, port = self.serve("tcp")
         client = self.start("connect", "127.0.0.1:%d" % port, "--json", "-s", "k")
         server.event("subscribe", name="k")
@@ -311,14 +285,7 @@ class SizeLimitTest(ToolTest):
                      'carries at most 1488')
         server.send("update k s:" + "x" * 1484)
         self.assertEqual(client.event("update", name="k")["value"], "x" * 1484)
-        # f, the entry count, s and the value.
-        client.send("call f s=" + "y" * 1482)
-        client.error('not sent: call "f" needs 1489 bytes (parameter "s" 1486)')
-        client.send("call f s=" + "y" * 1481)
-        self.assertEqual(server.event("call", name="f")["params"], {"s": "y" * 1481})
-        self.assertEqual(sum('"call"' in line for line in server.lines), 1, server.transcript())
-        client.close_stdin()
-        self.assertEqual(client.wait(), 1, client.transcript())
+        self.assertEqual(sum('"update"' in line for line in client.lines), 1, client.transcript())
 
 
 class ClientLimitsTest(ToolTest):
@@ -336,38 +303,23 @@ class ClientLimitsTest(ToolTest):
         self.assertIn("timed out after 1 of 2 messages", waiting.err)
         self.assertEqual(watching.wait(), 0, watching.transcript())
 
-    def test_verbosity_chooses_which_library_log_lines_reach_stderr(self):
-        # The listener's shut-down notice is level 4: shown with -v only.
-        for flags, shown in (([], False), (["-v"], True)):
-            server = self.start("serve", "--host", "127.0.0.1", "--port", "0", *flags)
-            server.line("listening on")
-            server.proc.send_signal(signal.SIGTERM)
-            self.assertEqual(server.wait(), 0, server.transcript())
-            self.assertEqual("WEFT: listener is shut down" in server.err, shown, flags)
-
-
-class ServerLossTest(ToolTest):
-    # TCP hears the end at once; EUDP's dead-peer time is guarded in
-    # tests/system/EUDPWireTest.cpp with shortened time-outs.
-    def test_killing_the_server_makes_the_client_report_the_loss_and_exit_1(self):
-        server, port = self.serve("tcp")
-        client = self.start("connect", "127.0.0.1:%d" % port, "-s", "x")
-        server.event("subscribe", name="x")
-        server.proc.kill()
-        client.line("disconnected: the connection to 127.0.0.1:%d was lost" % port)
-        self.assertEqual(client.wait(), 1, client.transcript())
-        self.assertIn("was lost", client.err)
-
 
 class SignalTest(ToolTest):
-    def test_sigterm_stops_the_server_which_disconnects_its_clients(self):
-        server, port = self.serve("tcp")
-        client = self.start("connect", "127.0.0.1:%d" % port, "-s", "x")
-        server.event("subscribe", name="x")
-        server.proc.send_signal(signal.SIGTERM)
-        self.assertEqual(server.wait(), 0, server.transcript())
-        server.event("stopped")
-        self.assertEqual(client.wait(), 1, client.transcript())
+    def test_a_stopped_or_killed_server_ends_its_clients_which_exit_1(self):
+        # TCP hears the end at once; EUDP's dead-peer time is guarded in
+        # tests/system/EUDPWireTest.cpp with shortened time-outs.
+        for kill in (False, True):
+            server, port = self.serve("tcp")
+            client = self.start("connect", "127.0.0.1:%d" % port, "-s", "x")
+            server.event("subscribe", name="x")
+            if kill:
+                server.proc.kill()
+                client.line("disconnected: the connection to 127.0.0.1:%d was lost" % port)
+            else:
+                server.proc.send_signal(signal.SIGTERM)
+                self.assertEqual(server.wait(), 0, server.transcript())
+                server.event("stopped")
+            self.assertEqual(client.wait(), 1, client.transcript())
 
     def test_sigterm_and_ctrl_c_stop_a_client_cleanly_on_both_transports(self):
         for transport, sig, code in (("tcp", signal.SIGTERM, 0), ("eudp", signal.SIGINT, 130)):
@@ -475,25 +427,18 @@ class UsageTest(ToolTest):
         cases = [
             ([], "A subcommand is required"),
             (["bogus"], "bogus"),
-            (["connect"], "target is required"),
             (["connect", "h:0"], "'0' is not a port (1 to 65535)"),
             (["serve", "--port", "70000"], "--port: '70000' is not a port (0 to 65535)"),
-            (["relay", "--listen", "h:x", "--to", "h"], "'x' is not a port (0 to 65535)"),
             (["connect", "h", "--timeout", "0"], "--timeout: '0' is not a time above 0"),
-            (["relay", "--listen", "1", "--to", "h", "--delay", "1h"], "'1h' is not a time"),
             (["relay", "-t", "eudp", "--listen", "1", "--to", "h", "--drop", "101%"],
              "'101%' is not a percentage"),
             (["relay", "--listen", "1", "--to", "h", "--drop", "5%"], "apply to -t eudp only"),
             (["connect", "h", "--call", "play", "s=" + "x" * 1500],
              'not sent: call "play" needs 1510 bytes (parameter "s" 1504); a message carries '
              'at most 1488'),
-            (["connect", "h", "-s", "n" * 3000], "needs 3001 bytes (the name 3001)"),
             (["connect", "h", "-t", "udp"], "'udp' is not one of tcp|eudp"),
             (["connect", "h", "--window", "5"], "apply to --transport eudp only"),
-            (["connect", "h", "--count", "0"], "--count"),
-            (["connect", "h", "--call", "f", "x"], "'x' is not NAME=VALUE"),
             (["connect", "h", "--call", "f", "n=i:1.5"], "'1.5' is not a whole number"),
-            (["serve", "--allow-send", "reliable"], "apply to --transport eudp only"),
             (["demo", "--transport", "udp"], "'udp' is not one of tcp|eudp|both"),
         ]
         for args, message in cases:
@@ -504,8 +449,7 @@ class UsageTest(ToolTest):
             self.assertIn(message, proc.err, args)
 
     def test_every_command_has_help_with_examples(self):
-        for args in (["--help"], ["serve", "--help"], ["connect", "--help"], ["relay", "--help"],
-                     ["demo", "-h"]):
+        for args in (["--help"], ["serve", "--help"], ["connect", "-h"], ["relay", "--help"]):
             proc = self.start(*args, stdin=False)
             self.assertEqual(proc.wait(), 0, proc.transcript())
             self.assertIn("examples:", "\n".join(proc.lines), args)
@@ -515,26 +459,14 @@ class DemoTest(ToolTest):
     def test_demo_shows_every_step_on_both_transports_and_exits_0(self):
         demo = self.start("demo", stdin=False)
         self.assertEqual(demo.wait(), 0, demo.transcript())
-        text = "\n".join(demo.lines)
-        sections = text.split("=== EUDP")
-        self.assertEqual(len(sections), 2, text)
-        common = ['client -> server  subscribe "level"', 'server: onSubscribe("level")',
-                  'client: onUpdateState("level", 42)  [int]',
-                  'client: onUpdateState("level", 0.75)  [float]',
-                  'client: onUpdateState("studio", "studio A")  [string]',
-                  'client: onTrigger("studio", ON)  [bool]',
-                  'client: onTrigger("studio", INV)  [empty]',
-                  'server: onCallFunctionId("play", {clip="intro" count=3 gain=0.75 loop=ON})',
-                  'server: onUnsubscribe("studio")', "client: onStatus(CONNECTED)",
-                  "server: onStatus(CONNECTED)", "client: onStatus(DISCONNECTED)",
-                  "server: onStatus(DISCONNECTED)"]
+        sections = "\n".join(demo.lines).split("=== EUDP")
+        self.assertEqual(len(sections), 2, demo.transcript())
         for section in sections:
-            for step in common:
+            for step in ('server: onCallFunctionId("play", {clip="intro" count=3 gain=0.75 loop=ON})',
+                         'client: onTrigger("studio", INV)  [empty]', "server: onStatus(DISCONNECTED)"):
                 self.assertIn(step, section)
-        for step in ("client: setSendMode -> agreed", "client: setReceiveMode -> agreed",
-                     "client: setWindowSize -> agreed", 'server: onCallFunctionId("stop", {})'):
-            self.assertIn(step, sections[1])
-            self.assertNotIn(step, sections[0])
+        self.assertIn("client: setWindowSize -> agreed", sections[1])
+        self.assertNotIn("client: setWindowSize -> agreed", sections[0])
         self.assertEqual(demo.lines[-1], "demo finished: every step was seen")
 
 

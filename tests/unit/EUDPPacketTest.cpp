@@ -53,36 +53,6 @@ TEST_F(EUDPPacketTest, PayloadOf1492FitsAndOneByteMoreIsRefusedWithNoChange)
     EXPECT_EQ(wire(packet), (Bytes{0x01, 'C', 'M', 'D', 0, 0, 0, 0}));
 }
 
-TEST_F(EUDPPacketTest, ValidationChecksVersionThenLengthThenCommandAndRecordsTheLength)
-{
-    struct Case
-    {
-        Bytes datagram;
-        std::string reason; // empty: valid
-        EEUDPCommand command = EUDP_UNKNOWN;
-    };
-    std::vector<Case> cases = {
-        {{0x02, 'A', 'C', 'K', 0}, "wrong version"}, // the version is checked first
-        {Bytes(100, 0x02), "wrong version"},
-        {{0x01, 'a', 'c', 'k', 0, 0, 0, 0}, "unknown command"},
-        {{0x01, 'A', 'C', 'K', 0, 0, 0, 0}, "", EUDP_ACK},
-        {{0x01, 'C', 'M', 'D', 9, 0, 0, 0, 'x'}, "", EUDP_CMD},
-    };
-    for (std::size_t cut = 1; cut < 8; ++cut) // cut short of the header at every length
-    {
-        cases.push_back({Bytes(cases[4].datagram.begin(), cases[4].datagram.begin() + cut),
-                         "header too short"});
-    }
-    for (const Case& c : cases)
-    {
-        EUDPPacket packet;
-        std::memcpy(packet.getBuffer(), c.datagram.data(), c.datagram.size());
-        EXPECT_EQ(packet.validatePacket(static_cast<uint>(c.datagram.size())), c.reason.empty());
-        EXPECT_EQ(packet.getLength(), c.datagram.size());
-        EXPECT_EQ(c.reason.empty() ? packet.getCommand() : EUDP_UNKNOWN, c.command);
-    }
-}
-
 TEST_F(EUDPPacketTest, CopiesHaveTheirOwnBytesAndCopyOnlyTheBytesInUse)
 {
     EUDPPacket original(EUDP_CMD);

@@ -184,44 +184,35 @@ class DissectorCase(unittest.TestCase):
 class WeftMessageTest(DissectorCase):
     """Every wire example of messages and parameter forms, and malformed ones, one TCP segment each."""
 
-    FLOATS = [(0.5, "0.5"), (0.1, "0.1"), (-2.5, "-2.5"), (3.14159265, "3.14159"), (100000.0, "100000"),
-              (1000000.0, "1e+06"), (1234567.0, "1.23457e+06"), (0.0001, "0.0001"), (0.00001, "1e-05")]
+    FLOATS = [(0.1, "0.1"), (3.14159265, "3.14159"), (100000.0, "100000"), (1234567.0, "1.23457e+06"),
+              (0.00001, "1e-05")]
     CASES = [  # message bytes, Info, {field: values}, (expert severity, text) ...
-        (H("01 53 03 00 61 62 00"), "WEFT S ab",
-         {"weft.command": ["'S'"], "weft.command_name": ["subscribe"], "weft.length": ["3"], "weft.name": ["ab"]}),
+        (H("01 53 03 00 61 62 00"), "WEFT S ab", {"weft.command": ["'S'"], "weft.command_name": ["subscribe"],
+                                                    "weft.length": ["3"], "weft.name": ["ab"], "weft.version": ["1"],
+                                                    "weft.tcp_length": ["7"]}),
         (H("01 58 03 00 61 62 00"), "WEFT X ab", {"weft.command_name": ["unsubscribe"]}),
         (H("01 54 07 00 74 00 49 05 00 00 00"), "WEFT T t = 5",
          {"weft.value.type": ["'I'"], "weft.value.int": ["5"], "weft.value.text": ["5"]}),
         (H("01 55 04 00 73 00 42 01"), "WEFT U s = ON", {"weft.value.type": ["'B'"], "weft.value.bool": ["1"]}),
         (H("01 46 03 00 66 00 00"), "WEFT F f()", {"weft.list.count": ["0"], "weft.name": ["f"]}),
-        (H("01 53 02 00 78 00"), "WEFT S x", {"weft.version": ["1"], "weft.tcp_length": ["6"]}),
-        (message("T", text("v"), H("49 01 00 00 00")), "WEFT T v = 1", {"weft.value.int": ["1"]}),
-        (message("T", text("v"), H("49 FE FF FF FF")), "WEFT T v = -2", {"weft.value.int": ["-2"]}),
         (message("T", text("v"), H("46 00 00 80 3F")), "WEFT T v = 1", {"weft.value.float": ["1"]}),
-        (message("T", text("v"), H("42 00")), "WEFT T v = OFF", {"weft.value.bool": ["0"]}),
         (message("T", text("v"), H("42 07")), "WEFT T v = ON", {}),
         (message("U", text("v"), H("53 61 62 00")), "WEFT U v = ab", {"weft.value.string": ["ab"]}),
-        (message("U", text("v"), H("53 00")), "WEFT U v = ", {"weft.value.type": ["'S'"], "weft.value.text": [""]}),
         (message("U", text("v"), H("4E")), "WEFT U v = INV", {"weft.value.type": ["'N'"]}),
         (message("F", text("f"), H("02 61 00 42 00 78 00 49 05 00 00 00")), "WEFT F f(a = OFF x = 5)",
          {"weft.list.count": ["2"], "weft.param.name": ["a", "x"], "weft.value.text": ["OFF", "5"]}),
         (PLAY, 'WEFT F play(clip = "intro" loop = ON)', {"weft.value.string": ["intro"]}),
-        (TRIGGER, "WEFT T tally = ON", {}),
     ] + [(message("U", text("f"), flt(x)), "WEFT U f = " + shown, {}) for x, shown in FLOATS] + [
         (H("02 53 03 00 61 62 00"), "WEFT [wrong version]", {}, (ERROR, "Wrong version: 2")),
         (H("01 53 00"), "WEFT [header too short]", {}, (ERROR, "Header too short: 3 bytes")),
         (H("01 53 05 00 61 62 00"), "WEFT S ab [wrong size]", {}, (ERROR, "Wrong size: the header counts 5")),
         (H("01 53 02 00 61 62"), "WEFT S ? [unterminated string]", {}, (ERROR, "Unterminated string")),
-        (H("01 54 05 00 74 00 53 61 62"), "WEFT T t = ? [unterminated string]", {}, (ERROR, "Unterminated string")),
         (H("01 54 05 00 74 00 49 05 00"), "WEFT T t = ? [truncated value]", {},
          (ERROR, "Truncated value: integer needs 5 bytes, 3 left")),
-        (H("01 55 03 00 74 00 42"), "WEFT U t = ? [truncated value]", {}, (ERROR, "Truncated value: boolean")),
-        (H("01 54 02 00 74 00"), "WEFT T t = ? [truncated value]", {}, (ERROR, "Truncated value: no bytes left")),
         (message("F", text("f"), H("02 61 00 42 00 78 00 49 05")), "WEFT F f(a = OFF x = ?) [truncated value]", {},
          (ERROR, "Truncated value")),
         (message("F", text("f"), H("02 61 00 42 00")), "WEFT F f(a = OFF ?) [unterminated string]", {},
          (ERROR, "Unterminated string: entry 2 of 2")),
-        (message("F", text("f")), "WEFT F f() [truncated value]", {}, (ERROR, "Truncated value")),
         (H("01 41 01 00 00"), "WEFT A [unknown command]", {}, (ERROR, "Unknown command A")),
         (message("T", text("v"), b"X"), "WEFT T v = INV", {"weft.value.type": ["'X'"]}, (WARN, "Unknown value type X")),
         (H("01 53 04 00 61 62 00 FF"), "WEFT S ab", {}, (WARN, "Bytes after the last item: 1")),
@@ -254,33 +245,26 @@ class WeftMessageTest(DissectorCase):
 
 
 class TcpFramingTest(DissectorCase):
-    def test_message_split_across_two_segments_is_reassembled(self):
+    def test_split_messages_are_reassembled_and_two_in_one_segment_both_decoded(self):
         body = framed(PLAY)
-        frames = self.decode(self.capture([body[:9], body[9:]]), ["tcp.reassembled_in", "weft.summary"])
+        both = framed(H("01 53 03 00 61 62 00"), H("01 55 04 00 73 00 42 01"))
+        frames = self.decode(self.capture([body[:9], body[9:], both]), ["tcp.reassembled_in", "weft.name"])
         self.assertField(frames[0], "tcp.reassembled_in", ["2"])
-        self.assertField(frames[0], "weft.summary", [])
         self.assertField(frames[1], "_ws.col.Info", ['WEFT F play(clip = "intro" loop = ON)'])
+        self.assertField(frames[2], "_ws.col.Info", ["WEFT S ab, WEFT U s = ON"])
+        self.assertField(frames[2], "weft.name", ["ab", "s"])
 
-    def test_two_messages_in_one_segment_are_both_decoded(self):
-        frames = self.decode(self.capture([framed(H("01 53 03 00 61 62 00"), H("01 55 04 00 73 00 42 01"))]),
-                             ["weft.name"])
-        self.assertField(frames[0], "_ws.col.Info", ["WEFT S ab, WEFT U s = ON"])
-        self.assertField(frames[0], "weft.name", ["ab", "s"])
-
-    def test_heuristic_finds_stream_written_prefix_first_in_both_directions(self):
+    def test_heuristic_finds_streams_written_prefix_first_both_ways_and_leaves_others_alone(self):
         trigger = framed(TRIGGER)
         packets = [(CLIENT, framed(SUBSCRIBE)[:2]), (CLIENT, SUBSCRIBE),
                    (SERVER, trigger[:2]), (SERVER, trigger[2:]),
                    (CLIENT, framed(H("01 41 01 00 00")))]  # claimed through the conversation
+        others = [H("05 00"), H("02 53 01 00 00"), H("0700 0153 0900 61 62 00"), b"\xff\xff hello"]
         frames = self.decode(self.capture(packets, ports=(40000, 7777), directional=True), ["weft.summary"])
         self.assertEqual([f.get("weft.summary") for f in frames],
                          [None, ["WEFT S level"], None, ["WEFT T tally = ON"], ["WEFT A [unknown command]"]])
-
-    def test_heuristic_leaves_other_streams_alone(self):
-        packets = [H("05 00"), H("02 53 01 00 00"), H("0700 0153 0900 61 62 00"), H("0900 0199 0500 61 00 49 01 00"),
-                   b"\xff\xff hello"]
-        frames = self.decode(self.capture(packets, ports=(40000, 7777)), ["weft.summary"])
-        self.assertEqual([f.get("weft.summary") for f in frames], [None] * len(packets))
+        frames = self.decode(self.capture(others, ports=(40001, 7777), name="o.pcapng"), ["weft.summary"])
+        self.assertEqual([f.get("weft.summary") for f in frames], [None] * len(others))
 
     def test_port_preference_and_decode_as_select_other_ports(self):
         path = self.capture([framed(H("02 53 03 00 61 62 00"))], ports=(40000, 7777))
@@ -313,20 +297,15 @@ class EudpTest(DissectorCase):
         (H("01 4E 4F 50 00 00 00 00"), "EUDP NOP", {"eudp.command": ["NOP"], "eudp.arg": ["0"]}),
         (datagram("ACK", 17), "EUDP ACK seq=17", {"eudp.seq": ["17"]}),
         (datagram("NAK", 3), "EUDP NAK seq=3", {"eudp.command_desc": ["negative acknowledgement"]}),
-        (datagram("CON", 0), "EUDP CON seq=0", {"eudp.seq": ["0"]}),
-        (datagram("DIS", 65534), "EUDP DIS seq=65534", {}),
         (datagram("CMD", 17, H("01 54 08 00 74 61 6C 6C 79 00 42 01")), "EUDP CMD seq=17 -> WEFT T tally = ON",
          {"eudp.payload_length": ["12"], "weft.name": ["tally"], "weft.summary": ["WEFT T tally = ON"]}),
         (datagram("CMD", 18), "EUDP CMD seq=18 keep-alive", {"eudp.payload_length": ["0"]}),
         (H("01 4D 4F 44 52 44 44 44"), "EUDP MOD send=R recv=D",
          {"eudp.modes": ["RDDD"], "eudp.mode.send_asked": ["'R'"], "eudp.mode.recv": ["'D'"]}),
-        (datagram("MOD", b"DDRD"), "EUDP MOD send=D recv=R", {"eudp.mode.recv_asked": ["'R'"]}),
         (datagram("MAK", b"RRDT"), "EUDP MAK send=R recv=T (asked send=R recv=D)", {"eudp.mode.send": ["'R'"]}),
         (datagram("WIN", 25), "EUDP WIN size=25", {"eudp.window": ["25"]}),
-        (datagram("WAK", 3000000000), "EUDP WAK size=3000000000", {}),
         (H("01 61 63 6B 00 00 00 00"), "EUDP ack [unknown command]", {}, (ERROR, 'Unknown command "ack"')),
         (H("01 41 43 4B 00 00 00"), "EUDP [header too short]", {}, (ERROR, "Header too short: 7 bytes")),
-        (H("02 41 43 4B 00"), "EUDP [wrong version]", {}, (ERROR, "Wrong version: 2")),
         (datagram("MOD", b"ZDDD"), "EUDP MOD send=Z recv=D", {}, (WARN, "Unknown mode byte Z")),
         (datagram("DIS", 65535), "EUDP DIS seq=65535", {}, (WARN, "Sequence number out of range: 65535")),
         (datagram("ACK", 1, b"xy"), "EUDP ACK seq=1", {}, (WARN, "Payload on a control packet: 2 bytes")),
@@ -368,51 +347,39 @@ class FuzzTest(DissectorCase):
     SEED = int(os.environ.get("WEFT_FUZZ_SEED", "20241123"))
     SEEDS = [m for m, *_ in WeftMessageTest.CASES if m]
 
-    def mutate(self, rng, data):
-        data = bytearray(data)
+    def random_weft(self, rng):
+        if rng.random() < 0.2:
+            return bytes(rng.randrange(256) for _ in range(rng.randrange(1, 40)))
+        data = bytearray(rng.choice(self.SEEDS))
         for _ in range(rng.randint(1, 4)):
-            action = rng.randrange(4)
-            if action == 0 and data:
-                data[rng.randrange(len(data))] = rng.randrange(256)
-            elif action == 1 and data:
-                del data[rng.randrange(len(data)):]
+            action, at = rng.randrange(4), rng.randrange(len(data) + 1)
+            if action == 0 and at < len(data):
+                data[at] = rng.randrange(256)
+            elif action == 1:
+                del data[at:]
             elif action == 2:
-                data.insert(rng.randrange(len(data) + 1), rng.choice([0, 1, 0x49, 0x53, 0x42, 0x46, 0xFF]))
+                data.insert(at, rng.choice([0, 1, 0x49, 0x53, 0x42, 0x46, 0xFF]))
             else:
                 data[2:4] = struct.pack("<H", rng.randrange(0, 40))
         return bytes(data)
 
-    def random_weft(self, rng):
-        if rng.random() < 0.2:
-            return bytes(rng.randrange(256) for _ in range(rng.randrange(1, 40)))
-        return self.mutate(rng, rng.choice(self.SEEDS))
-
     def test_random_vectors_decode_without_lua_errors(self):
         rng = random.Random(self.SEED)
         names = ["NOP", "ACK", "NAK", "CON", "DIS", "CMD", "MOD", "MAK", "WIN", "WAK", "cmd", "ZZZ"]
-        datagrams = []
-        for _ in range(300):
-            kind = rng.randrange(3)
-            if kind == 0:
-                datagrams.append(bytes(rng.randrange(256) for _ in range(rng.randrange(1, 24))))
-            else:
-                arg = bytes(rng.choice(b"TRDX\x00\xff") for _ in range(4))
-                payload = self.random_weft(rng) if kind == 2 else b""
-                datagrams.append(datagram(rng.choice(names), arg, payload))
+        datagrams = [datagram(rng.choice(names), bytes(rng.choice(b"TRDX\x00\xff") for _ in range(4)),
+                              self.random_weft(rng) if rng.random() < 0.5 else b"") for _ in range(200)]
+        datagrams += [bytes(rng.randrange(256) for _ in range(rng.randrange(1, 24))) for _ in range(100)]
         messages = [m for m in (self.random_weft(rng) for _ in range(300)) if m]
-        segments = [framed(m) for m in messages]
-        loose = [bytes(rng.randrange(256) for _ in range(rng.randrange(1, 12))) for _ in range(100)]
 
-        udp = self.decode(self.capture(datagrams, "-u", name="u.pcapng"), ["eudp.summary", "weft.summary"])
+        udp = self.decode(self.capture(datagrams, "-u", name="u.pcapng"), ["eudp.summary"])
         self.assertEqual(len(udp), len(datagrams))
         self.assertTrue(all("eudp.summary" in f for f in udp), "seed %d" % self.SEED)
-        tcp = self.decode(self.capture(segments, name="t.pcapng"), ["weft.summary"])
+        tcp = self.decode(self.capture([framed(m) for m in messages], name="t.pcapng"), ["weft.summary"])
         self.assertEqual(sum(len(f.get("weft.summary", [])) for f in tcp), len(messages), "seed %d" % self.SEED)
-        self.decode(self.capture(loose, ports=(40000, 7777), name="h.pcapng"))
         for name in ("u.pcapng", "t.pcapng"):  # as if captured with a short snapshot length
             subprocess.run([EDITCAP, "-s", "60", os.path.join(self.dir, name), os.path.join(self.dir, "cut-" + name)],
                            check=True)
-        for name in ("u.pcapng", "t.pcapng", "h.pcapng", "cut-u.pcapng", "cut-t.pcapng"):
+        for name in ("u.pcapng", "t.pcapng", "cut-u.pcapng", "cut-t.pcapng"):
             out, err = run_tshark(os.path.join(self.dir, name), ["-V", "-2"])
             self.assertNotIn("Lua Error", out + err, "%s, seed %d" % (name, self.SEED))
             self.assertNotIn("[Malformed Packet", out, "%s, seed %d" % (name, self.SEED))
