@@ -251,6 +251,14 @@ bool EUDPTransport::askPeer(tavo::BinarySemaphore& answered, std::chrono::micros
 
 void EUDPTransport::disconnect()
 {
+    // What the application handed over and the peer has not acknowledged
+    // would otherwise be lost with the DIS: an ending client's last requests.
+    drainReliable();
+    close();
+}
+
+void EUDPTransport::close()
+{
     // Set first, so that a second call, even from another thread, does nothing.
     if (m_closed.exchange(true))
     {

@@ -190,7 +190,7 @@ bool EUDPTransport::queueData(const uint8* data, uint length, bool waitForRoom)
             // must not hold this caller, and whoever waits behind it, for good.
             log(tavo::LOG_LEVEL_ERROR) << "no room to send for " << limitMs
                                        << " ms: the peer takes nothing (closing)" << std::endl;
-            disconnect();
+            close();
             return false;
         }
         waited = true;
@@ -259,5 +259,45 @@ void EUDPTransport::releaseModeRequests()
     {
         m_hasHeldModeRequest = false;
         answerModeRequest(m_heldModeRequest);
+    }
+}
+
+void EUDPTransport::drainReliable()
+{
+    if (m_peerPort == 0)
+    {
+        return;
+    }
+    // A bounded wait even when sends may wait without limit: closing must end.
+    const unsigned int limitMs =
+        m_sendTimeoutMs != 0 ? m_sendTimeoutMs.load() : WEFT_SEND_TIMEOUT_MS;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+    for (;;)
+    {
+        m_sendMutex.take();
+        if (m_closed || m_sendMode != CONN_MODE_RELIABLE || m_pSendWindow->isEmpty())
+        {
+            m_sendMutex.give();
+            if (m_closed)
+            {
+                // The wake-up at closing goes on to any sender waiting for room.
+                m_semSendSpace.give();
+            }
+            return;
+        }
+        ++m_spaceWaiters;
+        m_sendMutex.give();
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+            deadline - std::chrono::steady_clock::now());
+        const bool woken = left.count() > 0 && m_semSendSpace.take(toWaitMs(left)) == tavo::TAKE_OK;
+        m_sendMutex.take();
+        --m_spaceWaiters;
+        m_sendMutex.give();
+        if (!woken)
+        {
+            log(tavo::LOG_LEVEL_WARNING) << "closing with data the peer has not acknowledged after "
+                                         << limitMs << " ms" << std::endl;
+            return;
+        }
     }
 }

@@ -63,6 +63,8 @@ public:
     bool setReceiveMode(EConnMode mode) override;
     // Waits up to 5 s for the answer to the connection request.
     bool connect(const tavo::HostAddress& address, uint16 port) override;
+    // Reliable data not yet acknowledged is given up to the send time-out
+    // to get through first; then DIS.
     void disconnect() override;
     // Queues one data packet; blocks while the send ring is full.
     bool sendData(const uint8* data, uint length) override;
@@ -160,6 +162,11 @@ private:
     void changeSendMode(EConnMode mode);
     // sendData with the choice not to wait for room.
     bool queueData(const uint8* data, uint length, bool waitForRoom);
+    // Waits, up to the send time-out, until the peer has acknowledged every
+    // reliable packet queued, the connection ends or reliable sending stops.
+    void drainReliable();
+    // Closes at once: DIS to a peer, socket closed, waiters woken.
+    void close();
 
     // ---- sending (EUDPSender.cpp): the sender thread and the sends of others ----
     // Starts the sender thread when reliable sending first needs it; caller
