@@ -95,14 +95,7 @@ void EUDPTransport::changeSendMode(EConnMode mode)
         const bool freed = flushSendable(std::chrono::steady_clock::now());
         afterQueued(freed, wakeSender, giveSpace);
     }
-    if (wakeSender)
-    {
-        m_semSendWork.give();
-    }
-    if (giveSpace)
-    {
-        m_semSendSpace.give();
-    }
+    giveWakeups(wakeSender, giveSpace);
 }
 
 bool EUDPTransport::setWindowSize(uint size)
@@ -205,14 +198,7 @@ bool EUDPTransport::queueData(const uint8* data, uint length, bool waitForRoom)
     // it on to the next caller waiting for room.
     giveSpace = giveSpace || (waited && !m_pSendWindow->isFull() && m_spaceWaiters > 0);
     m_sendMutex.give();
-    if (wakeSender)
-    {
-        m_semSendWork.give();
-    }
-    if (giveSpace)
-    {
-        m_semSendSpace.give();
-    }
+    giveWakeups(wakeSender, giveSpace);
     return true;
 }
 

@@ -116,6 +116,18 @@ void EUDPTransport::afterQueued(bool freed, bool& wakeSender, bool& giveSpace)
     giveSpace = freed && m_spaceWaiters > 0;
 }
 
+void EUDPTransport::giveWakeups(bool wakeSender, bool giveSpace)
+{
+    if (wakeSender)
+    {
+        m_semSendWork.give();
+    }
+    if (giveSpace)
+    {
+        m_semSendSpace.give();
+    }
+}
+
 void EUDPTransport::sendDatagram(const EUDPPacket& packet)
 {
     m_pSocket->sendTo(packet.getBuffer(), static_cast<int>(packet.getLength()), m_peerAddress,

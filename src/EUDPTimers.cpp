@@ -90,12 +90,5 @@ void EUDPTransport::queueKeepAlive()
         const bool freed = flushSendable(std::chrono::steady_clock::now());
         afterQueued(freed, wakeSender, giveSpace);
     }
-    if (wakeSender)
-    {
-        m_semSendWork.give();
-    }
-    if (giveSpace)
-    {
-        m_semSendSpace.give();
-    }
+    giveWakeups(wakeSender, giveSpace);
 }

@@ -182,6 +182,8 @@ private:
     // After queuing or freeing under m_sendMutex: whether the sender thread
     // must be woken to keep time, and whether a caller waiting for room must.
     void afterQueued(bool freed, bool& wakeSender, bool& giveSpace);
+    // What afterQueued decided, done once m_sendMutex is released.
+    void giveWakeups(bool wakeSender, bool giveSpace);
     void sendDatagram(const EUDPPacket& packet);
 
     // ---- receiver thread (EUDPReceiver.cpp), one handler per command ----
