@@ -1,14 +1,11 @@
 #pragma once
 
 // Shared by the fuzz targets: a failing check that prints the values, the
-// fuzzer's bytes read in order, and a reference reader of the parameter forms
-// written from the format alone, so that a target compares the library with
-// something other than itself.
+// fuzzer's bytes read in order, and the forms the library writes.
 
 #include "support/HexBytes.h"
-#include "support/LogCapture.h"
 
-#include <weft/EUDPPacket.h>
+#include <weft/Constants.h>
 #include <weft/Init.h>
 #include <weft/ParameterList.h>
 #include <weft/ParameterValue.h>
@@ -17,9 +14,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
-#include <map>
-#include <optional>
 #include <type_traits>
 
 namespace fuzz
@@ -102,99 +96,6 @@ private:
     std::size_t m_position = 0;
 };
 
-namespace reference
-{
-
-// One value form: its canonical bytes (a boolean's byte as 0 or 1, as any
-// other byte reads as true) and the count consumed; nothing when cut short.
-inline std::optional<Bytes> value(const uint8* data, std::size_t size, std::size_t& consumed)
-{
-    const uint8 tag = size > 0 ? data[0] : 0;
-    const std::size_t fixed = tag == 'I' || tag == 'F' ? 5 : tag == 'B' ? 2 : 1;
-    if (size == 0 || size < fixed)
-    {
-        return std::nullopt;
-    }
-    if (tag == 'S')
-    {
-        const void* nul = std::memchr(data + 1, 0, size - 1);
-        if (nul == nullptr)
-        {
-            return std::nullopt;
-        }
-        consumed = static_cast<std::size_t>(static_cast<const uint8*>(nul) - data) + 1;
-        return Bytes(data, data + consumed);
-    }
-    consumed = fixed;
-    return tag == 'B' ? Bytes{'B', static_cast<uint8>(data[1] != 0)} : Bytes(data, data + fixed);
-}
-
-// By name in bytewise order, as the library keeps them.
-typedef std::map<std::string, Bytes> Entries;
-
-// Merges one list form into `entries`, a later name replacing an earlier one;
-// the count consumed, or 0 when cut short (the entries read before stay).
-inline std::size_t list(const uint8* data, std::size_t size, Entries& entries)
-{
-    std::size_t position = 1;
-    for (unsigned int i = 0; size > 0 && i < data[0]; ++i)
-    {
-        const void* end = std::memchr(data + position, 0, size - position);
-        if (end == nullptr)
-        {
-            return 0;
-        }
-        const std::size_t nameEnd = static_cast<std::size_t>(static_cast<const uint8*>(end) - data);
-        std::size_t consumed = 0;
-        const std::optional<Bytes> form = value(data + nameEnd + 1, size - nameEnd - 1, consumed);
-        if (!form)
-        {
-            return 0;
-        }
-        entries[std::string(data + position, data + nameEnd)] = *form;
-        position = nameEnd + 1 + consumed;
-    }
-    return size > 0 ? position : 0;
-}
-
-// What the library writes for `entries`.
-inline Bytes encode(const Entries& entries)
-{
-    Bytes bytes{static_cast<uint8>(entries.size())};
-    for (const auto& [name, form] : entries)
-    {
-        bytes.insert(bytes.end(), name.begin(), name.end());
-        bytes.push_back(0);
-        bytes.insert(bytes.end(), form.begin(), form.end());
-    }
-    return bytes;
-}
-
-} // namespace reference
-
-namespace eudp
-{
-
-const char* const NAMES[] = {"NOP", "ACK", "NAK", "CON", "DIS", "CMD", "MOD", "MAK", "WIN", "WAK"};
-
-// The command three letters name, or EUDP_UNKNOWN.
-inline int commandOf(const uint8* letters)
-{
-    int command = 0;
-    while (command < EUDP_UNKNOWN && std::memcmp(letters, NAMES[command], 3) != 0)
-    {
-        ++command;
-    }
-    return command;
-}
-
-inline std::uint32_t le32(const uint8* bytes)
-{
-    return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
-}
-
-} // namespace eudp
-
 // The form the library writes, empty when it refuses. One block larger than
 // any input, reused: clearing a fresh one per form costs more than the code
 // under test.
@@ -220,28 +121,6 @@ inline void startQuietly()
 {
     weftInit();
     tavo::LogManager::getInstance()->setMaxLevel(tavo::LOG_LEVEL_OFF);
-}
-
-// The lines captured since the last call, each as "level text".
-inline std::vector<std::string> take(LogCapture& log)
-{
-    std::vector<std::string> lines;
-    for (const LogCapture::Line& line : log.lines())
-    {
-        lines.push_back(str(line.level) + " " + line.text);
-    }
-    log.clear();
-    return lines;
-}
-
-inline std::string join(const std::vector<std::string>& lines)
-{
-    std::string text;
-    for (const std::string& line : lines)
-    {
-        text += "\n    " + line;
-    }
-    return text.empty() ? " (none)" : text;
 }
 
 } // namespace fuzz

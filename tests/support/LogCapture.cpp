@@ -2,6 +2,8 @@
 
 #include <tavo/LogManager.h>
 
+#include <algorithm>
+
 LogCapture::LogCapture()
 {
     tavo::LogManager* manager = tavo::LogManager::getInstance();
@@ -30,6 +32,14 @@ std::vector<LogCapture::Line> LogCapture::lines() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_lines;
+}
+
+std::size_t LogCapture::countContaining(const std::string& part) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return static_cast<std::size_t>(
+        std::count_if(m_lines.begin(), m_lines.end(),
+                      [&](const Line& line) { return line.text.find(part) != std::string::npos; }));
 }
 
 int LogCapture::levelOf(const std::string& text) const

@@ -1,16 +1,19 @@
 #pragma once
 
 // Plain sockets on loopback: a UDP socket for tests that play a peer or a
-// stranger byte by byte (each adds the receiving it needs), and the address
-// helpers it uses, which the benchmark's plain-socket baselines share.
+// stranger byte by byte, and the address helpers it uses, which the
+// benchmark's plain-socket baselines share.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 // 127.0.0.1:port.
 inline sockaddr_in loopbackAddress(std::uint16_t port)
@@ -71,6 +74,29 @@ public:
     ssize_t send(std::uint16_t port, const Container& bytes)
     {
         return send(port, bytes.data(), bytes.size());
+    }
+
+    struct Datagram
+    {
+        std::vector<std::uint8_t> bytes;
+        std::uint16_t from = 0;
+    };
+
+    // The next datagram within `waitMs` (0: only one already waiting); an
+    // empty one when none comes, or when a signal cuts the wait short.
+    Datagram receive(int waitMs)
+    {
+        pollfd wait{m_fd, POLLIN, 0};
+        Datagram datagram{std::vector<std::uint8_t>(2048)};
+        sockaddr_in source{};
+        socklen_t length = sizeof(source);
+        const ssize_t n = ::poll(&wait, 1, waitMs) == 1
+                              ? ::recvfrom(m_fd, datagram.bytes.data(), datagram.bytes.size(), 0,
+                                           reinterpret_cast<sockaddr*>(&source), &length)
+                              : 0;
+        datagram.bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
+        datagram.from = ntohs(source.sin_port);
+        return datagram;
     }
 
 protected:

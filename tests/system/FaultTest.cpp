@@ -1,7 +1,7 @@
 // Faults around working connections: a network that falls silent and comes
 // back, disconnect racing with traffic, a listener that goes away while its
 // connections live on, and connections destroyed in every state. (A peer
-// process killed mid-stream: tool/test_weft_tool.py, ServerLoss.)
+// process killed mid-stream: tool/test_weft_tool.py, SignalTest.)
 
 #include "ImpairmentRelay.h"
 #include "support/Recorders.h"

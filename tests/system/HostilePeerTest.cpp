@@ -14,10 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <poll.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -39,18 +35,13 @@ public:
     // none comes within `waitMs`.
     uint16 sourceOfNext(const Bytes& prefix, int waitMs = 10000)
     {
-        Bytes buffer(2000);
-        pollfd wait{m_fd, POLLIN, 0};
-        while (::poll(&wait, 1, waitMs) == 1)
+        for (Datagram datagram = receive(waitMs); !datagram.bytes.empty();
+             datagram = receive(waitMs))
         {
-            sockaddr_in source{};
-            socklen_t length = sizeof(source);
-            const ssize_t n = ::recvfrom(m_fd, buffer.data(), buffer.size(), 0,
-                                         reinterpret_cast<sockaddr*>(&source), &length);
-            if (n >= static_cast<ssize_t>(prefix.size()) &&
-                std::equal(prefix.begin(), prefix.end(), buffer.begin()))
+            if (datagram.bytes.size() >= prefix.size() &&
+                std::equal(prefix.begin(), prefix.end(), datagram.bytes.begin()))
             {
-                return ntohs(source.sin_port);
+                return datagram.from;
             }
         }
         return 0;

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The Debian packages as a user meets them: built with cpack, installed with
 dpkg (into a scratch root, so that the machine is left alone), the installed
-examples built against them with CMake and with pkg-config and run against
+examples built against them with CMake and with pkg-config, one run against
 the installed weft tool, then removed.
 
     debian_package.py --cpack CPACK --build-dir DIR --work-dir DIR --libdir lib/ARCH
@@ -14,14 +14,11 @@ import json
 import os
 import shlex
 import shutil
-import socket
 import subprocess
 import sys
-import time
 import unittest
 
 ARGS = None
-WAIT = 60.0
 
 
 def run(*command, **kwargs):
@@ -52,21 +49,8 @@ class DebianPackageTest(unittest.TestCase):
             fake.write("#!/bin/sh\nexit 0\n")
         os.chmod(os.path.join(bin_dir, "ldconfig"), 0o755)
         self.dpkg_env = dict(os.environ, PATH=bin_dir + os.pathsep + os.environ["PATH"])
-        self.procs = []
 
-    def tearDown(self):
-        for proc in self.procs:
-            if proc.poll() is None:
-                proc.kill()
-                proc.wait()
-
-    def start(self, *command):
-        proc = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                stderr=subprocess.PIPE, text=True)
-        self.procs.append(proc)
-        return proc
-
-    def test_packages_install_build_both_examples_run_them_and_remove_cleanly(self):
+    def test_packages_install_build_the_examples_run_one_and_remove_cleanly(self):
         run(ARGS.cpack, "-G", "DEB", "--config", os.path.join(ARGS.build_dir, "CPackConfig.cmake"),
             "-B", ARGS.work_dir)
         debs = {run("dpkg-deb", "--field", path, "Package").strip(): path
@@ -105,17 +89,9 @@ class DebianPackageTest(unittest.TestCase):
         for package, files in expected.items():
             for path in files:
                 self.assertIn(path, owned[package], package)
-        if python and os.path.exists("/usr/bin/python3"):
-            # The module is for Debian's python3, and finds the library beside it.
-            imported = run("/usr/bin/python3", "-c", "import weft; print(weft.__file__)",
-                           env={"PATH": os.environ["PATH"],
-                                "PYTHONPATH": self.root + "/usr/lib/python3/dist-packages"})
-            self.assertEqual(imported.strip(), self.root + modules[0])
         self.assertFalse(os.path.exists(os.path.join(self.root, "usr/include/tavo")))
         with gzip.open(os.path.join(self.root, "usr/share/man/man1/weft.1.gz"), "rt") as man:
-            page = man.read()
-        for section in ("NAME", "SERVE", "CONNECT", "RELAY", "DEMO", "LIMITS", "EXIT STATUS"):
-            self.assertIn(".SH " + section, page)
+            self.assertIn(".SH EXIT STATUS", man.read())
 
         # What a user of the installed package would type, minus the root.
         pc_env = dict(os.environ, PKG_CONFIG_LIBDIR=os.path.join(self.root, libdir, "pkgconfig"))
@@ -128,41 +104,24 @@ class DebianPackageTest(unittest.TestCase):
         run("cmake", "-S", ARGS.examples, "-B", examples, "-G", ARGS.generator,
             "-DCMAKE_CXX_COMPILER=" + ARGS.cxx, "-DCMAKE_PREFIX_PATH=" + os.path.join(self.root, "usr"),
             "-DCMAKE_CXX_FLAGS=" + ARGS.flags, "-DCMAKE_EXE_LINKER_FLAGS=" + ARGS.flags)
-        run("cmake", "--build", examples)
+        run("cmake", "--build", examples)  # the server example too
         client = os.path.join(ARGS.work_dir, "minimal_client_pc")
         run(ARGS.cxx, "-std=c++20", *flags, os.path.join(ARGS.examples, "minimal_client.cpp"),
             *pc_flags, "-Wl,-rpath," + os.path.join(self.root, libdir), "-o", client)
 
         weft = os.path.join(self.root, "usr/bin/weft")
-        server = self.start(weft, "serve", "--host", "127.0.0.1", "--port", "0", "--json")
+        server = subprocess.Popen([weft, "serve", "--host", "127.0.0.1", "--port", "0", "--json"],
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(server.wait)
+        self.addCleanup(server.kill)
         port = json.loads(server.stdout.readline())["port"]
         server.stdin.write("update greeting 'hello there'\n")
         server.stdin.flush()
         self.assertIn("update greeting = hello there", run(client, "127.0.0.1", str(port)))
         # The client's call reaches the server before it disconnects; ctest's
         # time limit ends this read should it never come.
-        for line in server.stdout:
-            event = json.loads(line)
-            if event["event"] == "call":
-                self.assertEqual(event["params"], {"attempt": 1, "from": "minimal_client"})
-                break
-
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            free = probe.getsockname()[1]
-        example = self.start(os.path.join(examples, "minimal_server"), str(free))
-        connect = [weft, "connect", "127.0.0.1:%d" % free, "-s", "greeting", "-n", "1", "--json"]
-        for _ in range(int(WAIT / 0.05)):
-            client_run = subprocess.run(connect, stdin=subprocess.DEVNULL, capture_output=True,
-                                        text=True, timeout=WAIT)
-            if client_run.returncode == 0:
-                break
-            time.sleep(0.05)  # the example is still starting
-        events = [json.loads(line) for line in client_run.stdout.splitlines()]
-        self.assertIn("hello from the server", [event.get("value") for event in events],
-                      client_run.stderr)
-        # Enter stops the example server.
-        self.assertIn("subscribe greeting", example.communicate("\n", timeout=WAIT)[0])
+        calls = (json.loads(line) for line in server.stdout if '"call"' in line)
+        self.assertEqual(next(calls)["params"], {"attempt": 1, "from": "minimal_client"})
 
         run(*self.dpkg, "--purge", *debs, env=self.dpkg_env)
         left = [os.path.join(folder, name) for folder, _, names in os.walk(os.path.join(self.root, "usr"))

@@ -5,7 +5,6 @@
 Run: test_weft_tool.py --weft PATH/TO/weft [unittest arguments]
 Every wait is on an output line or an exit, with a time limit."""
 
-import itertools
 import json
 import os
 import selectors
@@ -138,83 +137,54 @@ class ToolTest(unittest.TestCase):
             s.bind(("127.0.0.1", 0))
             return s.getsockname()[1]
 
+    def silent_udp(self):
+        """The port of a UDP socket that never answers; its socket waits for the next datagram."""
+        self.silent = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(self.silent.close)
+        self.silent.bind(("127.0.0.1", 0))
+        self.silent.settimeout(WAIT)
+        return self.silent.getsockname()[1]
+
 
 class Conversation:
     """The same stories on both transports."""
     TRANSPORT = None
 
-    def test_json_events_carry_requests_values_and_parameters_with_their_types(self):
+    def test_requests_and_pushes_reach_the_clients_they_are_for(self):
         server, port = self.serve(self.TRANSPORT)
         server.send("update level 0.5")
         self.assertEqual(server.event("update", name="level")["clients"], 0)
         client = self.start("connect", "127.0.0.1:%d" % port, "-t", self.TRANSPORT, "--json",
-                            "-s", "level", "--call", "play", "clip=intro", "count=3", "gain=f:0.25",
-                            "loop=on", "note=s:\"quoted\"\n")
-        connected = client.event("connected")
-        self.assertEqual(connected["port"], port)
-        self.assertLess(abs(connected["time"] - time.time()), 60)
+                            "-s", "level", "--call", "play", "clip=intro", "count=3")
+        self.assertEqual(client.event("connected")["port"], port)
         # A subscriber first gets the item's current value.
         self.assertEqual(server.event("subscribe", name="level")["answered"], True)
         update = client.event("update", name="level")
         self.assertEqual((update["type"], update["value"]), ("float", 0.5))
-        params = server.event("call", name="play")["params"]
-        self.assertEqual(params, {"clip": "intro", "count": 3, "gain": 0.25, "loop": True,
-                                  "note": "\"quoted\"\n"})
-        self.assertIs(type(params["count"]), int)
-        self.assertIs(type(params["gain"]), float)
+        self.assertEqual(server.event("call", name="play")["params"], {"clip": "intro", "count": 3})
+        other = self.start("connect", "127.0.0.1:%d" % port, "-t", self.TRANSPORT, "--json",
+                           "-s", "other")
+        server.event("subscribe", client=2, name="other")
 
         for command, kind, value in (("trigger level 'studio A'", "trigger", "studio A"),
                                      ("update level n:", "update", None)):
             server.send(command)
             self.assertEqual(server.event(kind, name="level")["clients"], 1, command)
             self.assertEqual(client.event(kind, name="level")["value"], value, command)
+        server.send("broadcast update all 2")
+        self.assertEqual(server.event("update", name="all", broadcast=True)["clients"], 2)
+        for each in (client, other):
+            self.assertEqual(each.event("update", name="all")["value"], 2)
+        # Pushes on one connection keep their order: the other client, which
+        # has the broadcast, never got the item it did not subscribe to.
+        self.assertFalse(any('"level"' in line for line in other.lines), other.transcript())
 
-        server.send("frobnicate")
         client.send("unsub level")
         server.event("unsubscribe", name="level")
         client.close_stdin()
         self.assertEqual(client.event("disconnected")["lost"], False)
         self.assertEqual(client.wait(), 0, client.transcript())
         server.event("disconnected", client=1)
-        self.assertIn("unknown command 'frobnicate'", server.err)
-
-    def test_text_output_shows_pushes_and_calls_and_count_ends_the_client(self):
-        server = self.start("serve", "-t", self.TRANSPORT, "--host", "127.0.0.1", "--port", "0")
-        port = int(server.line("listening on %s 127.0.0.1:" % self.TRANSPORT).rsplit(":", 1)[1])
-        server.send("update level s:42")
-        client = self.start("connect", "127.0.0.1:%d" % port, "-t", self.TRANSPORT, "-s", "level",
-                            "-n", "2", "--timestamps")
-        server.line('client 1 subscribe "level" (answered with "42")')
-        client.send('call play clip="take two" count=3')
-        server.line('client 1 call "play" clip="take two" count=3')
-        server.send("trigger level on")
-        self.assertEqual(client.wait(), 0, client.transcript())
-        self.assertRegex(client.lines[0], r"^\d\d:\d\d:\d\d\.\d{6} connected to ")
-        shown = [line.split(" ", 1)[1] for line in client.lines]
-        for line in ('update "level" "42"', 'call "play" clip="take two" count=3', 'trigger "level" ON'):
-            self.assertIn(line, shown)
-
-    def test_pushes_reach_only_subscribers_and_broadcasts_reach_everyone(self):
-        server, port = self.serve(self.TRANSPORT)
-        clients = []
-        for number, item in ((1, "a"), (2, "b")):
-            clients.append(self.start("connect", "127.0.0.1:%d" % port, "-t", self.TRANSPORT,
-                                      "--json", "-s", item))
-            server.event("subscribe", client=number, name=item)
-        server.send("clients")
-        listed = [server.event("client", client=n)["subscriptions"] for n in (1, 2)]
-        self.assertEqual(listed, [["a"], ["b"]])
-        self.assertEqual(server.event("clients")["count"], 2)
-        server.send("update b s:for-b")
-        self.assertEqual(server.event("update", name="b")["clients"], 1)
-        self.assertEqual(clients[1].event("update", name="b")["value"], "for-b")
-        server.send("broadcast update all 2")
-        self.assertEqual(server.event("update", name="all", broadcast=True)["clients"], 2)
-        for client in clients:
-            self.assertEqual(client.event("update", name="all")["value"], 2)
-        # The first client never saw the item it did not subscribe to.
-        self.assertFalse(any('"for-b"' in line for line in clients[0].lines),
-                         clients[0].transcript())
 
 
 class TcpConversationTest(Conversation, ToolTest):
@@ -226,53 +196,47 @@ class EudpConversationTest(Conversation, ToolTest):
 
 
 class EudpModeTest(ToolTest):
-    def test_reliable_modes_and_a_window_are_agreed_before_subscribing(self):
-        server, port = self.serve("eudp")
+    def test_a_mode_and_a_window_are_agreed_and_a_mode_the_server_does_not_allow_refused(self):
+        server, port = self.serve("eudp", "--allow-send", "realtime")
         client = self.start("connect", "127.0.0.1:%d" % port, "-t", "eudp", "--json",
-                            "--send-mode", "reliable", "--receive-mode", "reliable",
-                            "--window", "20", "-s", "level", "-n", "1")
-        self.assertEqual(client.event("mode", direction="send")["mode"], "reliable")
+                            "--receive-mode", "reliable", "--window", "20", "-s", "level")
         self.assertEqual(client.event("mode", direction="receive")["mode"], "reliable")
         self.assertEqual(client.event("window")["size"], 20)
-        # The server saw each request and what it granted.
-        self.assertTrue(server.event("mode", send="reliable")["granted"])
         self.assertEqual(server.event("mode", receive="reliable")["receiving"], "reliable")
         self.assertEqual(server.event("window")["size"], 20)
         server.event("subscribe", name="level")
         server.send("update level 5")
         self.assertEqual(client.event("update")["value"], 5)
-        self.assertEqual(client.wait(), 0, client.transcript())
-
-
-    def test_a_mode_the_server_does_not_allow_is_refused_and_the_server_says_so(self):
-        server, port = self.serve("eudp", "--allow-send", "realtime")
-        client = self.start("connect", "127.0.0.1:%d" % port, "-t", "eudp", "-s", "x")
         # Asked once the server has the connection in hand: an accepted EUDP
         # transport answers requests before the application's onConnection
         # has run, so a request at the very start could slip past the limit.
-        server.event("subscribe", name="x")
         client.send("send-mode reliable")
         refused = server.event("mode", send="reliable")
         self.assertFalse(refused["granted"])
         self.assertEqual(refused["sending"], "realtime")
         server.error("unknown mode request (ignoring)")  # the library's warning, shown by default
-        # The client waits for an answer that never comes: the library's
-        # negotiation time-out, tested with shortened time-outs in
-        # tests/system/EUDPWireTest.cpp.
 
 
 class ConnectFailureTest(ToolTest):
-    def test_nothing_listening_an_unknown_host_or_a_taken_port_exit_1_with_the_reason(self):
+    def test_each_failure_exits_with_its_code_and_reason(self):
         port = self.free_port(socket.SOCK_STREAM)
-        cases = [(["connect", "127.0.0.1:%d" % port], "cannot connect to 127.0.0.1:%d over tcp" % port)]
+        silent = self.silent_udp()
+        cases = [(["connect", "127.0.0.1:%d" % port], 1, "cannot connect to 127.0.0.1:%d over tcp" % port),
+                 (["connect", "127.0.0.1:%d" % silent, "-t", "eudp", "--timeout", "0.3"], 1,
+                  "no connection to 127.0.0.1:%d within --timeout" % silent)]
         for transport in ("tcp", "eudp"):
             taken = self.serve(transport)[1]
-            cases += [(["connect", "nosuch.invalid", "-t", transport], "unknown host 'nosuch.invalid'"),
-                      (["serve", "-t", transport, "--host", "127.0.0.1", "--port", str(taken)],
-                       "cannot listen on %s 127.0.0.1:%d" % (transport, taken))]
-        for args, reason in cases:
-            proc = self.start(*args, stdin=False)
-            self.assertEqual(proc.wait(), 1, proc.transcript())
+            address = "127.0.0.1:%d" % taken
+            cases += [(["connect", "nosuch.invalid", "-t", transport], 1, "unknown host 'nosuch.invalid'"),
+                      (["serve", "-t", transport, "--host", "127.0.0.1", "--port", str(taken)], 1,
+                       "cannot listen on %s %s" % (transport, address)),
+                      # A count not reached in time exits 3; a plain time limit ends a client well.
+                      (["connect", address, "-t", transport, "-n", "1", "--timeout", "1"], 3,
+                       "timed out after 0 of 1 messages"),
+                      (["connect", address, "-t", transport, "--timeout", "1"], 0, "")]
+        for proc, code, reason in [(self.start(*args, stdin=False), code, reason)
+                                   for args, code, reason in cases]:
+            self.assertEqual(proc.wait(), code, proc.transcript())
             self.assertIn(reason, proc.err)
 
     def test_the_largest_update_goes_and_one_byte_more_is_refused_unsent(self):
@@ -286,22 +250,6 @@ class ConnectFailureTest(ToolTest):
         server.send("update k s:" + "x" * 1484)
         self.assertEqual(client.event("update", name="k")["value"], "x" * 1484)
         self.assertEqual(sum('"update"' in line for line in client.lines), 1, client.transcript())
-
-
-class ClientLimitsTest(ToolTest):
-    def test_timeout_before_the_count_exits_3_and_a_plain_timeout_exits_0(self):
-        server, port = self.serve("tcp")
-        waiting = self.start("connect", "127.0.0.1:%d" % port, "-s", "x", "-n", "2",
-                             "--timeout", "1", stdin=False)
-        watching = self.start("connect", "127.0.0.1:%d" % port, "-s", "x", "--timeout", "1",
-                              stdin=False)
-        for client in (1, 2):
-            server.event("subscribe", client=client)
-        server.send("update x 1")
-        waiting.line('update "x" 1')
-        self.assertEqual(waiting.wait(), 3, waiting.transcript())
-        self.assertIn("timed out after 1 of 2 messages", waiting.err)
-        self.assertEqual(watching.wait(), 0, watching.transcript())
 
 
 class SignalTest(ToolTest):
@@ -321,77 +269,33 @@ class SignalTest(ToolTest):
                 server.event("stopped")
             self.assertEqual(client.wait(), 1, client.transcript())
 
-    def test_sigterm_and_ctrl_c_stop_a_client_cleanly_on_both_transports(self):
-        for transport, sig, code in (("tcp", signal.SIGTERM, 0), ("eudp", signal.SIGINT, 130)):
-            server, port = self.serve(transport)
-            client = self.start("connect", "127.0.0.1:%d" % port, "-t", transport, "-s", "x")
-            server.event("subscribe", name="x")
-            client.proc.send_signal(sig)
-            self.assertEqual(client.wait(), code, client.transcript())
-            self.assertEqual(client.lines[-1], "disconnected", client.transcript())
-            # The server hears the client go at once: EOF on TCP, DIS on EUDP.
-            server.event("disconnected", client=1)
-
-
-    def test_ctrl_c_and_timeout_end_a_connect_that_goes_unanswered(self):
-        # EUDP: a port that never answers the CON. TCP: a listener whose
-        # accept queue is full, so that the SYN goes unanswered as it does
-        # for an unroutable address (which some networks answer for).
-        silent = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        full = socket.socket()
-        for sock in (silent, full):
-            self.addCleanup(sock.close)
-            sock.bind(("127.0.0.1", 0))
-        full.listen(0)
-        fillers = set()
-        for _ in range(2):
-            filler = socket.socket()
-            self.addCleanup(filler.close)
-            filler.setblocking(False)
-            filler.connect_ex(full.getsockname())
-            fillers.add("%04X" % filler.getsockname()[1])
-
-        def syn_sent(port):  # by the client, not by a filler that is waiting too
-            with open("/proc/net/tcp") as table:
-                rows = [row.split() for row in list(table)[1:]]
-            return any(row[2].endswith(":%04X" % port) and row[3] == "02" and
-                       row[1].split(":")[1] not in fillers for row in rows)
-
-        silent.settimeout(WAIT)
-        waits = {"eudp": (silent.getsockname()[1], lambda port: silent.recv(64)),
-                 "tcp": (full.getsockname()[1], syn_sent)}
-        for (transport, (port, in_connect)), ending in itertools.product(waits.items(),
-                                                                        ("ctrl-c", "timeout")):
-            if (transport, ending) == ("tcp", "ctrl-c") and os.environ.get("WEFT_SANITIZE") == "thread":
-                # Under ThreadSanitizer the signal does not reach the tool's
-                # watchdog while the TCP connect waits (seen, not explained
-                # yet); the other builds check this case.
-                continue
-            extra = ["--timeout", "0.3"] if ending == "timeout" else []
-            client = self.start("connect", "127.0.0.1:%d" % port, "-t", transport, *extra,
-                                stdin=False)
-            deadline = time.monotonic() + WAIT
-            while not in_connect(port):
-                self.assertLess(time.monotonic(), deadline, client.transcript())
-                time.sleep(0.01)
+    def test_sigterm_and_ctrl_c_stop_a_client_connected_or_still_connecting(self):
+        silent = self.silent_udp()
+        for transport, sig, code in (("tcp", signal.SIGTERM, 0), ("eudp", signal.SIGINT, 130),
+                                     (None, signal.SIGINT, 130)):
+            if transport:
+                server, port = self.serve(transport)
+                client = self.start("connect", "127.0.0.1:%d" % port, "-t", transport, "-s", "x")
+                server.event("subscribe", name="x")
+            else:  # an EUDP connect that goes unanswered: its CON shows it waits
+                client = self.start("connect", "127.0.0.1:%d" % silent, "-t", "eudp", stdin=False)
+                self.silent.recv(64)
             started = time.monotonic()
-            if ending == "ctrl-c":
-                client.proc.send_signal(signal.SIGINT)
-            self.assertEqual(client.wait(timeout=5), 130 if ending == "ctrl-c" else 1,
-                             client.transcript())
-            # Well before the 5 s an EUDP connect waits (TCP's SYN waits longer),
-            # with room for a sanitizer build on a busy machine.
-            self.assertLess(time.monotonic() - started, 3.0, (transport, ending))
-            if ending == "timeout":
-                self.assertIn("no connection to 127.0.0.1:%d within --timeout" % port, client.err)
+            client.proc.send_signal(sig)
+            self.assertEqual(client.wait(timeout=5), code, client.transcript())
+            # Well before the 5 s a connect waits, with room for a sanitizer build.
+            self.assertLess(time.monotonic() - started, 3.0, transport)
+            if transport:
+                self.assertEqual(client.lines[-1], "disconnected", client.transcript())
+                # The server hears the client go at once: EOF on TCP, DIS on EUDP.
+                server.event("disconnected", client=1)
 
 
 class RelayTest(ToolTest):
     def test_relay_prints_both_ways_and_what_it_drops_is_sent_again(self):
-        # EUDP asked to be reliable both ways: the relay drops a share of
-        # everything (the handshake and the mode requests too, which are
-        # repeated), prints each datagram, and every call still arrives once
-        # and in order. TCP passes everything, late.
+        # EUDP reliable both ways through 30% loss (the handshake and the mode
+        # requests too, which are repeated): every call arrives once and in
+        # order. TCP passes everything, late.
         for transport, impairment, modes in (
                 ("eudp", ["--drop", "30%", "--seed", "12"],
                  ["--send-mode", "reliable", "--receive-mode", "reliable"]),
@@ -402,17 +306,16 @@ class RelayTest(ToolTest):
                                "127.0.0.1:%d" % port, "--print", "--json", *impairment)
             relay_port = relay.event("listening")["port"]
             calls = [word for n in range(10) for word in ("-c", "f", "n=%d" % n)]
+            # The client stays for a second update, sent once every call is in:
+            # a client that ends first may take unacknowledged calls with it.
             client = self.start("connect", "127.0.0.1:%d" % relay_port, "-t", transport, *modes,
-                                "-s", "level", "-n", "1", *calls, stdin=False)
-            self.assertEqual(client.wait(), 0, client.transcript())
+                                "-s", "level", "-n", "2", *calls, stdin=False)
             self.assertEqual(relay.event("update", **{"from": "server"})["value"], "studio A")
             relay.event("subscribe", name="level", client=1)
             arrived = [server.event("call", params={"n": n})["params"]["n"] for n in range(10)]
             self.assertEqual(arrived, list(range(10)))
-            # Each call passed the relay at least once, however often it was dropped.
-            for n in range(10):
-                relay.line(lambda line, n=n: json.loads(line).get("params") == {"n": n}
-                           and not json.loads(line).get("dropped"))
+            server.send("update level done")
+            self.assertEqual(client.wait(), 0, client.transcript())
             relay.proc.send_signal(signal.SIGINT)
             self.assertEqual(relay.wait(), 130, relay.transcript())
             stopped = relay.event("stopped")
@@ -427,9 +330,6 @@ class UsageTest(ToolTest):
         cases = [
             ([], "A subcommand is required"),
             (["bogus"], "bogus"),
-            (["connect", "h:0"], "'0' is not a port (1 to 65535)"),
-            (["serve", "--port", "70000"], "--port: '70000' is not a port (0 to 65535)"),
-            (["connect", "h", "--timeout", "0"], "--timeout: '0' is not a time above 0"),
             (["relay", "-t", "eudp", "--listen", "1", "--to", "h", "--drop", "101%"],
              "'101%' is not a percentage"),
             (["relay", "--listen", "1", "--to", "h", "--drop", "5%"], "apply to -t eudp only"),
@@ -438,8 +338,6 @@ class UsageTest(ToolTest):
              'at most 1488'),
             (["connect", "h", "-t", "udp"], "'udp' is not one of tcp|eudp"),
             (["connect", "h", "--window", "5"], "apply to --transport eudp only"),
-            (["connect", "h", "--call", "f", "n=i:1.5"], "'1.5' is not a whole number"),
-            (["demo", "--transport", "udp"], "'udp' is not one of tcp|eudp|both"),
         ]
         for args, message in cases:
             proc = self.start(*args, stdin=False)
@@ -456,17 +354,10 @@ class UsageTest(ToolTest):
 
 
 class DemoTest(ToolTest):
-    def test_demo_shows_every_step_on_both_transports_and_exits_0(self):
+    def test_demo_checks_every_step_on_both_transports_and_exits_0(self):
         demo = self.start("demo", stdin=False)
         self.assertEqual(demo.wait(), 0, demo.transcript())
-        sections = "\n".join(demo.lines).split("=== EUDP")
-        self.assertEqual(len(sections), 2, demo.transcript())
-        for section in sections:
-            for step in ('server: onCallFunctionId("play", {clip="intro" count=3 gain=0.75 loop=ON})',
-                         'client: onTrigger("studio", INV)  [empty]', "server: onStatus(DISCONNECTED)"):
-                self.assertIn(step, section)
-        self.assertIn("client: setWindowSize -> agreed", sections[1])
-        self.assertNotIn("client: setWindowSize -> agreed", sections[0])
+        self.assertEqual(sum(line.startswith("=== ") for line in demo.lines), 2, demo.transcript())
         self.assertEqual(demo.lines[-1], "demo finished: every step was seen")
 
 

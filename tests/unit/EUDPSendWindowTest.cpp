@@ -1,12 +1,11 @@
-// The send side of the protocol on plain values, and a sender and a receiver
-// joined by a lossy link in one thread, with the time passed in.
+// The send side of the protocol on plain values, with the time passed in.
+// Delivery through loss is ReliabilityTest's and LetterPeerTest's over
+// sockets; the switch from real-time to reliable sending is the cases here.
 
 #include "EUDPSendWindow.h"
-#include "EUDPReceiveWindow.h"
 
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 #include <vector>
 
@@ -153,165 +152,6 @@ TEST(EUDPSendWindowTest, APeerWaitingForNumbersSentRealtimeIsBroughtPastThemByEm
     // Acknowledged reliable numbers are not filled: the peer has them.
     ASSERT_TRUE(window.onAck(ModuloValue(2), START + RETRANSMIT).accepted);
     EXPECT_EQ(window.onNak(ModuloValue(2), START + 2 * RETRANSMIT), EUDPSendWindow::NAK_ACKED);
-}
-
-// A sender and a receiver joined in one thread: datagrams and answers cross
-// the link at once unless the link loses them.
-class Link
-{
-public:
-    explicit Link(double loss, unsigned int seed) : m_loss(loss), m_random(seed) {}
-
-    // Sends each message now and lets the protocol run until everything
-    // queued is acknowledged, or `limit` passes.
-    void send(const std::vector<std::string>& messages, std::chrono::seconds limit = 60s)
-    {
-        for (const std::string& message : messages)
-        {
-            ASSERT_FALSE(m_sender.isFull());
-            m_sender.queue(reinterpret_cast<const uint8*>(message.data()),
-                           static_cast<uint>(message.size()));
-        }
-        const TimePoint end = m_now + limit;
-        while (m_now < end)
-        {
-            if (m_reliable)
-            {
-                const auto due = m_sender.retransmitDue();
-                if (due && m_now >= *due)
-                {
-                    m_sender.goBack(m_now);
-                }
-                while (const EUDPPacket* packet = m_sender.nextReliable(WINDOW, m_now))
-                {
-                    transmit(*packet);
-                }
-            }
-            else
-            {
-                while (const EUDPPacket* packet = m_sender.takeOldest())
-                {
-                    transmit(*packet);
-                }
-            }
-            const auto due = m_sender.retransmitDue();
-            if (!m_reliable || !due)
-            {
-                return;
-            }
-            m_now = std::max(m_now + 1ms, *due);
-        }
-    }
-
-    // Both ends switch as a mode request would switch them.
-    void setReliable(bool reliable)
-    {
-        if (reliable && !m_reliable)
-        {
-            m_sender.startReliable();
-        }
-        m_reliable = reliable;
-    }
-
-    // Payloads handed to the application, in order.
-    std::vector<std::string> delivered()
-    {
-        std::vector<std::string> result;
-        while (!m_receiver.isEmpty())
-        {
-            const EUDPPacket& packet = m_receiver.oldest();
-            result.emplace_back(reinterpret_cast<const char*>(packet.getPayload()),
-                                packet.getPayloadLength());
-            m_receiver.dropOldest();
-        }
-        return result;
-    }
-
-private:
-    static constexpr int WINDOW = 8;
-
-    bool lost() { return std::uniform_real_distribution<double>(0, 1)(m_random) < m_loss; }
-
-    void transmit(const EUDPPacket& packet)
-    {
-        if (lost())
-        {
-            return;
-        }
-        const auto verdict =
-            m_receiver.receive(packet, m_reliable ? CONN_MODE_RELIABLE : CONN_MODE_REALTIME);
-        if (verdict.answer == EUDP_UNKNOWN || lost())
-        {
-            return;
-        }
-        const ModuloValue seq = ModuloValue::fromArg(verdict.answerArg);
-        if (verdict.answer == EUDP_ACK)
-        {
-            m_sender.onAck(seq, m_now);
-        }
-        else if (verdict.answer == EUDP_NAK)
-        {
-            m_sender.onNak(seq, m_now);
-        }
-    }
-
-    double m_loss;
-    std::mt19937 m_random;
-    TimePoint m_now = START;
-    bool m_reliable = false;
-    EUDPSendWindow m_sender{EUDP_RING_CAPACITY, RETRANSMIT};
-    EUDPReceiveWindow m_receiver{EUDP_RING_CAPACITY};
-};
-
-std::vector<std::string> batch(const std::string& prefix, int count)
-{
-    std::vector<std::string> messages;
-    for (int i = 0; i < count; ++i)
-    {
-        messages.push_back(prefix + std::to_string(i));
-    }
-    return messages;
-}
-
-TEST(EUDPLinkTest, ModeSwitchesOverALossyLinkDeliverEveryReliableMessageOnceAndInOrder)
-{
-    for (unsigned int seed = 1; seed <= 40; ++seed)
-    {
-        Link link(0.25, seed);
-        std::vector<std::string> reliableSent;
-        std::vector<std::string> delivered;
-        for (int phase = 0; phase < 6; ++phase)
-        {
-            const bool reliable = phase % 2 == 1;
-            link.setReliable(reliable);
-            const auto messages = batch("p" + std::to_string(phase) + "-", 30);
-            link.send(messages);
-            if (reliable)
-            {
-                reliableSent.insert(reliableSent.end(), messages.begin(), messages.end());
-            }
-            const auto now = link.delivered();
-            delivered.insert(delivered.end(), now.begin(), now.end());
-        }
-        // Real-time messages may be missing; reliable ones never, and nothing
-        // arrives twice or out of order.
-        std::vector<std::string> reliableDelivered;
-        for (const std::string& message : delivered)
-        {
-            const int phase = message[1] - '0';
-            if (phase % 2 == 1)
-            {
-                reliableDelivered.push_back(message);
-            }
-        }
-        ASSERT_EQ(reliableDelivered, reliableSent) << "seed " << seed;
-        for (std::size_t i = 1; i < delivered.size(); ++i)
-        {
-            ASSERT_LT(std::make_pair(delivered[i - 1][1], std::stoi(delivered[i - 1].substr(3))),
-                      std::make_pair(delivered[i][1], std::stoi(delivered[i].substr(3))))
-                << "seed " << seed;
-        }
-    }
 }
 
 } // namespace

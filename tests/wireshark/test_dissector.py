@@ -1,14 +1,9 @@
 #!/usr/bin/env python3
 """Checks the Wireshark dissector (tools/wireshark/weft.lua) with tshark, on captures built from byte
-vectors with text2pcap.
+vectors with text2pcap: one capture per transport.
 
     python3 tests/wireshark/test_dissector.py [-v] [TestClass ...]
-    python3 tests/wireshark/test_dissector.py --check-capture FILE [-o PREF:VALUE ...] [--filter DISPLAY_FILTER]
-
-The second form checks a capture of any real run: no malformed packet, no Lua error, every UDP
-datagram decoded as EUDP and every TCP payload as WEFT.
 """
-import argparse
 import atexit
 import json
 import os
@@ -26,10 +21,7 @@ DISSECTOR = os.environ.get("WEFT_DISSECTOR", os.path.join(ROOT, "tools", "wiresh
 
 TSHARK = shutil.which("tshark")
 TEXT2PCAP = shutil.which("text2pcap")
-MERGECAP = shutil.which("mergecap")
-EDITCAP = shutil.which("editcap")
 ERROR, WARN, NOTE = "8388608", "6291456", "4194304"  # expert severities
-CLIENT, SERVER = "I", "O"  # text2pcap directions: client->server, server->client
 # tshark runs with an empty home folder, so that an installed copy of the
 # plugin or personal preferences cannot change what is tested.
 TSHARK_HOME = tempfile.mkdtemp(prefix="weft-ws-home-")
@@ -57,7 +49,6 @@ def datagram(command, arg, payload=b""):
 
 SUBSCRIBE = message("S", text("level"))
 PLAY = message("F", text("play"), b"\x02" + text("clip") + b"S" + text("intro") + text("loop") + b"B\x01")
-TRIGGER = message("T", text("tally"), b"B\x01")
 
 
 def framed(*messages):
@@ -77,20 +68,17 @@ H = bytes.fromhex
 
 # Captures and decoding ----------------------------------------------------
 
-def write_capture(path, packets, header, ports, directional=False):
-    """Writes packets (bytes, or (direction, bytes)) behind dummy -u/-T headers."""
+def write_capture(path, packets, header, ports):
+    """Writes packets behind dummy -u/-T headers."""
     lines = []
-    for packet in packets:
-        direction, data = packet if directional else ("", packet)
+    for data in packets:
         for offset in range(0, len(data), 16):
-            prefix = direction + " " if direction and offset == 0 else ""
-            row = " ".join("%02x" % b for b in data[offset:offset + 16])
-            lines.append("%s%06x  %s" % (prefix, offset, row))
+            lines.append("%06x  %s" % (offset, " ".join("%02x" % b for b in data[offset:offset + 16])))
         lines.append("")
     dump = path + ".txt"
     with open(dump, "w") as f:
         f.write("\n".join(lines) + "\n")
-    args = [TEXT2PCAP, "-q"] + (["-D"] if directional else []) + [header, "%d,%d" % ports, dump, path]
+    args = [TEXT2PCAP, "-q", header, "%d,%d" % ports, dump, path]
     subprocess.run(args, check=True, capture_output=True)
     return path
 
@@ -118,40 +106,14 @@ def experts(frame):
     return list(zip(frame.get("_ws.expert.severity", []), frame.get("_ws.expert.message", [])))
 
 
-def capture_problems(frames, stderr=""):
-    """What a capture of a correct run must not show."""
-    problems = []
-    if "Lua Error" in stderr:
-        problems.append("tshark: " + stderr.strip())
-    for frame in frames:
-        number = frame["frame.number"][0]
-        for severity, msg in experts(frame):
-            if severity == ERROR or "Lua Error" in msg or "Exception" in msg:
-                problems.append("frame %s: %s" % (number, msg))
-        if "udp.length" in frame and "eudp.summary" not in frame:
-            problems.append("frame %s: UDP datagram not decoded as EUDP" % number)
-        tcp_payload = int(frame.get("tcp.len", ["0"])[0]) > 0
-        if tcp_payload and "weft.summary" not in frame and "tcp.reassembled_in" not in frame:
-            problems.append("frame %s: TCP payload not decoded as WEFT" % number)
-    return problems
-
-
-CHECK_FIELDS = ["udp.length", "tcp.len", "tcp.reassembled_in", "eudp.summary", "weft.summary"]
-
-
-def check_capture(path, prefs=(), display_filter="udp or tcp"):
-    frames, err = decode(path, CHECK_FIELDS, prefs, ["-Y", display_filter])
-    return frames, capture_problems(frames, err)
-
-
 @unittest.skipUnless(TSHARK and TEXT2PCAP, "tshark and text2pcap are needed (tools/wireshark/setup.sh)")
 class DissectorCase(unittest.TestCase):
     def setUp(self):
         self.dir = tempfile.mkdtemp(prefix="weft-ws-")
         self.addCleanup(shutil.rmtree, self.dir, True)
 
-    def capture(self, packets, header="-T", ports=(40000, 7420), directional=False, name="c.pcapng"):
-        return write_capture(os.path.join(self.dir, name), packets, header, ports, directional)
+    def capture(self, packets, header="-T", ports=(40000, 7420), name="c.pcapng"):
+        return write_capture(os.path.join(self.dir, name), packets, header, ports)
 
     def decode(self, path, fields=(), prefs=(), extra=()):
         frames, err = decode(path, fields, prefs, extra)
@@ -184,8 +146,7 @@ class DissectorCase(unittest.TestCase):
 class WeftMessageTest(DissectorCase):
     """Every wire example of messages and parameter forms, and malformed ones, one TCP segment each."""
 
-    FLOATS = [(0.1, "0.1"), (3.14159265, "3.14159"), (100000.0, "100000"), (1234567.0, "1.23457e+06"),
-              (0.00001, "1e-05")]
+    FLOATS = [(0.1, "0.1"), (1234567.0, "1.23457e+06"), (0.00001, "1e-05")]
     CASES = [  # message bytes, Info, {field: values}, (expert severity, text) ...
         (H("01 53 03 00 61 62 00"), "WEFT S ab", {"weft.command": ["'S'"], "weft.command_name": ["subscribe"],
                                                     "weft.length": ["3"], "weft.name": ["ab"], "weft.version": ["1"],
@@ -231,19 +192,6 @@ class WeftMessageTest(DissectorCase):
             self.assertFrame(frame, info, fields, wanted)
             self.assertField(frame, "weft.summary", [info])
 
-    def test_copy_in_personal_plugins_folder_loads_without_options(self):
-        home = os.path.join(self.dir, "home")
-        plugins = os.path.join(home, ".local", "lib", "wireshark", "plugins")
-        os.makedirs(plugins)
-        shutil.copy(DISSECTOR, plugins)
-        path = self.capture([framed(TRIGGER)])
-        for script in ([], ["-X", "lua_script:" + DISSECTOR]):  # the second copy is told apart and ignored
-            done = subprocess.run([TSHARK, "-n"] + script + ["-r", path, "-T", "fields", "-e", "weft.summary"],
-                                  capture_output=True, text=True, env=dict(TSHARK_ENV, HOME=home))
-            self.assertEqual(done.stdout.strip(), "WEFT T tally = ON", done.stderr)
-        self.assertIn("already loaded", done.stderr)
-
-
 class TcpFramingTest(DissectorCase):
     def test_split_messages_are_reassembled_and_two_in_one_segment_both_decoded(self):
         body = framed(PLAY)
@@ -253,43 +201,6 @@ class TcpFramingTest(DissectorCase):
         self.assertField(frames[1], "_ws.col.Info", ['WEFT F play(clip = "intro" loop = ON)'])
         self.assertField(frames[2], "_ws.col.Info", ["WEFT S ab, WEFT U s = ON"])
         self.assertField(frames[2], "weft.name", ["ab", "s"])
-
-    def test_heuristic_finds_streams_written_prefix_first_both_ways_and_leaves_others_alone(self):
-        trigger = framed(TRIGGER)
-        packets = [(CLIENT, framed(SUBSCRIBE)[:2]), (CLIENT, SUBSCRIBE),
-                   (SERVER, trigger[:2]), (SERVER, trigger[2:]),
-                   (CLIENT, framed(H("01 41 01 00 00")))]  # claimed through the conversation
-        others = [H("05 00"), H("02 53 01 00 00"), H("0700 0153 0900 61 62 00"), b"\xff\xff hello"]
-        frames = self.decode(self.capture(packets, ports=(40000, 7777), directional=True), ["weft.summary"])
-        self.assertEqual([f.get("weft.summary") for f in frames],
-                         [None, ["WEFT S level"], None, ["WEFT T tally = ON"], ["WEFT A [unknown command]"]])
-        frames = self.decode(self.capture(others, ports=(40001, 7777), name="o.pcapng"), ["weft.summary"])
-        self.assertEqual([f.get("weft.summary") for f in frames], [None] * len(others))
-
-    def test_port_preference_and_decode_as_select_other_ports(self):
-        path = self.capture([framed(H("02 53 03 00 61 62 00"))], ports=(40000, 7777))
-        self.assertNotIn("weft.summary", self.decode(path, ["weft.summary"])[0])
-        by_pref = self.decode(path, ["weft.summary"], prefs=["weft.tcp_port:7777"])[0]
-        self.assertField(by_pref, "weft.summary", ["WEFT [wrong version]"])
-        decode_as = self.decode(path, ["weft.summary"], extra=["-d", "tcp.port==7777,weft"])[0]
-        self.assertField(decode_as, "weft.summary", ["WEFT [wrong version]"])
-        self.assertNotIn("weft.summary", self.decode(self.capture([framed(SUBSCRIBE)[2:]]),
-                                                    ["weft.summary"], prefs=["weft.tcp_port:0"])[0])
-
-
-class MalformedTest(DissectorCase):
-    def test_capture_check_reports_malformed_and_undecoded_packets(self):
-        udp = self.capture([datagram("ACK", 1), H("01 61 63 6B 00 00 00 00")], "-u", (40001, 41000), name="u")
-        other = self.capture([b"hello"], "-u", (40002, 41001), name="o")
-        tcp = self.capture([framed(SUBSCRIBE), framed(H("01 53 05 00 61 62 00"))], name="t")
-        merged = os.path.join(self.dir, "m.pcapng")
-        subprocess.run([MERGECAP, "-a", "-w", merged, udp, other, tcp], check=True)
-        frames, problems = check_capture(merged)
-        self.assertEqual(len(frames), 5)
-        self.assertEqual(problems, ['frame 2: Unknown command "ack": the receiver drops the datagram',
-                                    "frame 3: UDP datagram not decoded as EUDP",
-                                    "frame 5: Wrong size: the header counts 5 payload bytes, the message has 3"])
-        self.assertEqual(check_capture(merged, display_filter="frame.number == 1 or frame.number == 4")[1], [])
 
 
 class EudpTest(DissectorCase):
@@ -325,83 +236,27 @@ class EudpTest(DissectorCase):
             self.assertFrame(frame, info, fields, wanted)
             self.assertField(frame, "eudp.summary", [info])
 
-    def test_conversation_on_accepted_port_is_found_without_preferences(self):
-        first = self.capture([datagram("CON", 0)], "-u", (40001, 7420), name="a.pcapng")
-        accepted = self.capture([(SERVER, datagram("ACK", 0)), (CLIENT, datagram("CMD", 1, SUBSCRIBE)),
-                                 (SERVER, datagram("QQQ", 1)), (CLIENT, b"\x01")], "-u", (40001, 41234),
-                                directional=True, name="b.pcapng")
-        merged = os.path.join(self.dir, "m.pcapng")
-        subprocess.run([MERGECAP, "-a", "-w", merged, first, accepted], check=True)
-        frames = self.decode(merged, ["eudp.summary", "udp.srcport"], prefs=["eudp.udp_port:7420"])
-        self.assertEqual([f.get("eudp.summary") for f in frames],
-                         [["EUDP CON seq=0"], ["EUDP ACK seq=0"], ["EUDP CMD seq=1 -> WEFT S level"],
-                          ["EUDP QQQ [unknown command]"], ["EUDP [header too short]"]])
-        self.assertField(frames[1], "udp.srcport", ["41234"])
-        no_port = self.decode(merged, ["eudp.summary"], prefs=["eudp.udp_port:0"])
-        self.assertEqual(no_port[0]["eudp.summary"], ["EUDP CON seq=0"])
-
-
 class FuzzTest(DissectorCase):
-    """Random and mutated byte vectors never raise a Lua error."""
+    """Random bytes, in datagrams with a valid header and without, and as messages, never raise a Lua error."""
 
     SEED = int(os.environ.get("WEFT_FUZZ_SEED", "20241123"))
-    SEEDS = [m for m, *_ in WeftMessageTest.CASES if m]
 
-    def random_weft(self, rng):
-        if rng.random() < 0.2:
-            return bytes(rng.randrange(256) for _ in range(rng.randrange(1, 40)))
-        data = bytearray(rng.choice(self.SEEDS))
-        for _ in range(rng.randint(1, 4)):
-            action, at = rng.randrange(4), rng.randrange(len(data) + 1)
-            if action == 0 and at < len(data):
-                data[at] = rng.randrange(256)
-            elif action == 1:
-                del data[at:]
-            elif action == 2:
-                data.insert(at, rng.choice([0, 1, 0x49, 0x53, 0x42, 0x46, 0xFF]))
-            else:
-                data[2:4] = struct.pack("<H", rng.randrange(0, 40))
-        return bytes(data)
-
-    def test_random_vectors_decode_without_lua_errors(self):
+    def test_random_bytes_decode_without_lua_errors(self):
         rng = random.Random(self.SEED)
+        noise = lambda longest: bytes(rng.randrange(256) for _ in range(rng.randrange(1, longest)))
         names = ["NOP", "ACK", "NAK", "CON", "DIS", "CMD", "MOD", "MAK", "WIN", "WAK", "cmd", "ZZZ"]
-        datagrams = [datagram(rng.choice(names), bytes(rng.choice(b"TRDX\x00\xff") for _ in range(4)),
-                              self.random_weft(rng) if rng.random() < 0.5 else b"") for _ in range(200)]
-        datagrams += [bytes(rng.randrange(256) for _ in range(rng.randrange(1, 24))) for _ in range(100)]
-        messages = [m for m in (self.random_weft(rng) for _ in range(300)) if m]
-
-        udp = self.decode(self.capture(datagrams, "-u", name="u.pcapng"), ["eudp.summary"])
-        self.assertEqual(len(udp), len(datagrams))
-        self.assertTrue(all("eudp.summary" in f for f in udp), "seed %d" % self.SEED)
+        datagrams = [datagram(rng.choice(names), bytes(rng.choice(b"TRDX\x00\xff") for _ in range(4)), noise(40))
+                     for _ in range(100)]
+        datagrams += [noise(24) for _ in range(50)]
+        messages = [bytes([1, rng.choice(b"SXTUFA")]) + noise(40) for _ in range(100)] + [noise(40) for _ in range(50)]
+        udp = self.capture(datagrams, "-u", name="u.pcapng")
+        self.assertTrue(all("eudp.summary" in f for f in self.decode(udp, ["eudp.summary"])), "seed %d" % self.SEED)
         tcp = self.decode(self.capture([framed(m) for m in messages], name="t.pcapng"), ["weft.summary"])
         self.assertEqual(sum(len(f.get("weft.summary", [])) for f in tcp), len(messages), "seed %d" % self.SEED)
-        for name in ("u.pcapng", "t.pcapng"):  # as if captured with a short snapshot length
-            subprocess.run([EDITCAP, "-s", "60", os.path.join(self.dir, name), os.path.join(self.dir, "cut-" + name)],
-                           check=True)
-        for name in ("u.pcapng", "t.pcapng", "cut-u.pcapng", "cut-t.pcapng"):
-            out, err = run_tshark(os.path.join(self.dir, name), ["-V", "-2"])
-            self.assertNotIn("Lua Error", out + err, "%s, seed %d" % (name, self.SEED))
-            self.assertNotIn("[Malformed Packet", out, "%s, seed %d" % (name, self.SEED))
 
 
 def main():
-    parser = argparse.ArgumentParser(add_help=False)
-    parser.add_argument("--check-capture")
-    parser.add_argument("-o", dest="prefs", action="append", default=[])
-    parser.add_argument("--filter", default="udp or tcp")
-    args, rest = parser.parse_known_args()
-    if args.check_capture:
-        try:
-            frames, problems = check_capture(args.check_capture, args.prefs, args.filter)
-        except AssertionError as error:  # tshark refused the capture, a preference or the filter
-            print(error, file=sys.stderr)
-            return 2
-        for problem in problems:
-            print(problem)
-        print("%d frames checked, %d problems" % (len(frames), len(problems)))
-        return 1 if problems else 0
-    result = unittest.main(argv=[sys.argv[0]] + rest, exit=False).result
+    result = unittest.main(argv=sys.argv, exit=False).result
     if not result.wasSuccessful():
         return 1
     # Lets ctest report a run whose every test skipped as skipped.
