@@ -9,6 +9,8 @@
 #include "EUDPSendWindow.h"
 #include "EUDPTimeouts.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 
 void EUDPTransport::allowSendMode(bool realtime, bool reliable)
@@ -254,14 +256,20 @@ void EUDPTransport::drainReliable()
     {
         return;
     }
-    // A bounded wait even when sends may wait without limit: closing must end.
+    // Bounded even when sends may wait without limit: closing must end. A
+    // peer that acknowledges nothing for two retransmission ceilings is gone
+    // or not listening, and is not waited for any longer.
+    using Clock = std::chrono::steady_clock;
     const unsigned int limitMs =
         m_sendTimeoutMs != 0 ? m_sendTimeoutMs.load() : WEFT_SEND_TIMEOUT_MS;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(limitMs);
+    Clock::time_point quiet = Clock::now() + 2 * m_pTimeouts->retransmit;
     for (;;)
     {
         m_sendMutex.take();
-        if (m_closed || m_sendMode != CONN_MODE_RELIABLE || m_pSendWindow->isEmpty())
+        // A caller blocked on a full ring is being given up on: nothing to wait for.
+        if (m_closed || m_sendMode != CONN_MODE_RELIABLE || m_pSendWindow->isEmpty() ||
+            m_spaceWaiters > 0)
         {
             m_sendMutex.give();
             if (m_closed)
@@ -274,16 +282,18 @@ void EUDPTransport::drainReliable()
         ++m_spaceWaiters;
         m_sendMutex.give();
         const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
-            deadline - std::chrono::steady_clock::now());
-        const bool woken = left.count() > 0 && m_semSendSpace.take(toWaitMs(left)) == tavo::TAKE_OK;
+            std::min(end, quiet) - Clock::now());
+        const bool progressed =
+            left.count() > 0 && m_semSendSpace.take(toWaitMs(left)) == tavo::TAKE_OK;
         m_sendMutex.take();
         --m_spaceWaiters;
         m_sendMutex.give();
-        if (!woken)
+        if (!progressed)
         {
-            log(tavo::LOG_LEVEL_WARNING) << "closing with data the peer has not acknowledged after "
-                                         << limitMs << " ms" << std::endl;
+            log(tavo::LOG_LEVEL_WARNING)
+                << "closing with data the peer has not acknowledged" << std::endl;
             return;
         }
+        quiet = Clock::now() + 2 * m_pTimeouts->retransmit;
     }
 }

@@ -129,9 +129,6 @@ private:
     std::string m_who;
 };
 
-// The name BoundsTest knows it by.
-typedef Recorder RecordingClient;
-
 // Keeps every accepted connection, gives each a server object of its own
 // that records into one log, and disconnects and deletes them at the end.
 class CollectingConnector : public IWEFTConnector
