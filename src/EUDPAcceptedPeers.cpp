@@ -2,7 +2,7 @@
 
 EUDPAcceptedPeers::Key EUDPAcceptedPeers::keyOf(const tavo::HostAddress& address, uint16 port)
 {
-    return Key(address.getAddressString(), port);
+    return Key(address, port);
 }
 
 std::map<EUDPAcceptedPeers::Key, EUDPAcceptedPeers::Entry>::iterator

@@ -51,7 +51,9 @@ public:
     unsigned int halfOpenCount() const;
 
 private:
-    typedef std::pair<std::string, uint16> Key;
+    // An IPv4 client of a dual-stack listener has its plain IPv4 address
+    // here, as in the accepted transport's strict-peer check.
+    typedef std::pair<tavo::HostAddress, uint16> Key;
     struct Entry
     {
         EUDPTransport* transport;

@@ -14,6 +14,8 @@
 #include <tavo/UdpSocket.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <system_error>
 
 bool EUDPTransport::listen(const tavo::HostAddress& address, uint16 port)
 {
@@ -172,6 +174,16 @@ bool EUDPTransport::connect(const tavo::HostAddress& address, uint16 port)
     // lines from then on; the receiver starts once there is a port to read.
     sendPacket(EUDP_CON, first, port);
     m_logPort = getLocalPort();
+    if (m_logPort == 0)
+    {
+        // No socket for the address's family (an IPv6 address on a host
+        // without IPv6): there would be nothing to receive the answer on.
+        log(tavo::LOG_LEVEL_ERROR)
+            << "failed to connect to " << address.getEndpointString(port)
+            << " (cannot send there: " << std::error_code(errno, std::generic_category()).message()
+            << ")" << std::endl;
+        return false;
+    }
     while (m_semReceived.take(0) == tavo::TAKE_OK)
     {
     }
@@ -188,9 +200,8 @@ bool EUDPTransport::connect(const tavo::HostAddress& address, uint16 port)
             return false;
         }
         // Only answers to another CON came: say so, they explain the wait.
-        log(tavo::LOG_LEVEL_ERROR)
-            << "failed to connect to " << address.getAddressString() << ":" << port
-            << (m_strayAck ? " (wrong ACK)" : " (timeout)") << std::endl;
+        log(tavo::LOG_LEVEL_ERROR) << "failed to connect to " << address.getEndpointString(port)
+                                   << (m_strayAck ? " (wrong ACK)" : " (timeout)") << std::endl;
         return false;
     }
     bool rightAck = false;
@@ -207,8 +218,8 @@ bool EUDPTransport::connect(const tavo::HostAddress& address, uint16 port)
     }
     if (!rightAck)
     {
-        log(tavo::LOG_LEVEL_ERROR) << "failed to connect to " << address.getAddressString() << ":"
-                                   << port << " (wrong ACK)" << std::endl;
+        log(tavo::LOG_LEVEL_ERROR) << "failed to connect to " << address.getEndpointString(port)
+                                   << " (wrong ACK)" << std::endl;
         return false;
     }
     initTimers(m_pTimeouts->connectingKeepAlive);

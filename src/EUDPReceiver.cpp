@@ -87,8 +87,9 @@ void EUDPTransport::handleDatagram(EUDPPacket& packet, uint length, const tavo::
     }
     if (m_strictPeer && isStranger(source, sourcePort))
     {
-        log(tavo::LOG_LEVEL_DEBUG) << "ignoring a datagram from " << source.getAddressString()
-                                   << ":" << sourcePort << " (not the peer)" << std::endl;
+        log(tavo::LOG_LEVEL_DEBUG)
+            << "ignoring a datagram from " << source.getEndpointString(sourcePort)
+            << " (not the peer)" << std::endl;
         return;
     }
     if (!packet.validatePacket(length))

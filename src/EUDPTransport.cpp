@@ -136,6 +136,11 @@ void EUDPTransport::setHalfOpenLimit(unsigned int limit)
     m_halfOpenLimit = limit;
 }
 
+void EUDPTransport::setDualStack(bool on)
+{
+    m_pSocket->setDualStack(on);
+}
+
 void EUDPTransport::setSendTimeout(unsigned int timeoutMs)
 {
     m_sendTimeoutMs = timeoutMs;
@@ -153,6 +158,9 @@ void EUDPTransport::holdModeRequests(bool hold)
 
 bool EUDPTransport::isStranger(const tavo::HostAddress& source, uint16 port) const
 {
+    // An IPv4 peer seen through a dual-stack socket is held as its plain
+    // IPv4 address on both sides, so one peer compares equal to itself
+    // whichever socket saw it.
     if (source != m_peerAddress)
     {
         return true;

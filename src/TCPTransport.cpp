@@ -37,6 +37,11 @@ void TCPTransport::setListenBacklog(int backlog)
     m_listenBacklog = backlog;
 }
 
+void TCPTransport::setDualStack(bool on)
+{
+    m_pSocket->setDualStack(on);
+}
+
 void TCPTransport::setSendTimeout(unsigned int timeoutMs)
 {
     m_sendTimeoutMs = timeoutMs;

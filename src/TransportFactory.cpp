@@ -15,12 +15,14 @@ IWEFTTransport* TransportFactory::create(ETransport kind, const TransportOptions
         eudp->setStrictPeer(options.strictPeer);
         eudp->setHalfOpenLimit(options.halfOpenLimit);
         eudp->holdModeRequests(options.holdModeRequests);
+        eudp->setDualStack(options.dualStack);
         return eudp;
     }
     case TRANSPORT_TCP:
     {
         TCPTransport* tcp = new TCPTransport();
         tcp->setListenBacklog(options.listenBacklog);
+        tcp->setDualStack(options.dualStack);
         return tcp;
     }
     }

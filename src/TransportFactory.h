@@ -6,7 +6,7 @@
 
 class IWEFTNegotiationObserver;
 
-// What a transport may be told beyond IWEFTTransport. Only EUDP has these;
+// What a transport may be told beyond IWEFTTransport. Most are EUDP's only:
 // a TCP stream has its peer fixed by the kernel and no half-open state.
 struct TransportOptions
 {
@@ -19,6 +19,8 @@ struct TransportOptions
     bool holdModeRequests = false;
     // Listening TCP: connections the kernel may hold waiting for accept.
     int listenBacklog = TCP_LISTEN_BACKLOG;
+    // Listening on ::, IPv4 clients are taken too.
+    bool dualStack = true;
 };
 
 // The one place that knows the concrete transports: the protocol layer

@@ -9,10 +9,36 @@
 #include <tavo/HostAddress.h>
 #include <tavo/LogManager.h>
 
+#include <cerrno>
 #include <ostream>
+#include <system_error>
 
 namespace
 {
+
+// What a failed bind's error means to whoever asked for the address.
+std::string bindFailure(int error)
+{
+    switch (error)
+    {
+    case 0:
+        return "failed";
+    case EADDRINUSE:
+        return "address in use";
+    case EADDRNOTAVAIL:
+        return "no such address on this host";
+    case EAFNOSUPPORT:
+        return "address family not supported on this host";
+    default:
+        break;
+    }
+    std::string text = std::error_code(error, std::generic_category()).message();
+    if (!text.empty() && text[0] >= 'A' && text[0] <= 'Z')
+    {
+        text[0] = static_cast<char>(text[0] - 'A' + 'a');
+    }
+    return text;
+}
 
 enum EListenState
 {
@@ -80,6 +106,10 @@ bool WEFTListener::start()
     // no thread uses that one any more.
     delete m_pTransport.exchange(nullptr);
     m_listenState = LISTEN_PENDING;
+    {
+        std::lock_guard<std::mutex> lock(m_listenErrorMutex);
+        m_listenError.clear();
+    }
     while (m_semListened.take(0) == tavo::TAKE_OK)
     {
     }
@@ -92,6 +122,7 @@ void WEFTListener::run()
     options.strictPeer = m_strictPeer;
     options.halfOpenLimit = m_halfOpenLimit;
     options.listenBacklog = m_listenBacklog;
+    options.dualStack = m_dualStack;
     // Mode requests of an accepted client wait until onConnection has set the
     // connection's policy and the connection is started.
     options.holdModeRequests = true;
@@ -100,9 +131,24 @@ void WEFTListener::run()
     m_pTransport = transport;
     // Published before m_bRunning is looked at, so that a shutdown racing
     // with this start either sees the transport and closes it or is seen here.
-    const bool bound = transport->listen(tavo::HostAddress(m_host), m_port);
+    const tavo::HostAddress address(m_host);
+    // The sockets leave errno as the failed call set it.
+    errno = 0;
+    const bool bound = transport->listen(address, m_port);
+    if (!bound)
+    {
+        const std::string why = address.isValid() ? bindFailure(errno) : "unknown host";
+        weftLog(tavo::LOG_LEVEL_ERROR) << "WEFT: cannot bind " << address.getEndpointString(m_port)
+                                       << ": " << why << std::endl;
+        std::lock_guard<std::mutex> lock(m_listenErrorMutex);
+        m_listenError = why;
+    }
     m_listenState = bound ? LISTEN_BOUND : LISTEN_FAILED;
     m_semListened.give();
+    if (!bound)
+    {
+        return;
+    }
 
     for (;;)
     {
@@ -185,6 +231,17 @@ void WEFTListener::setMaxConnections(unsigned int limit)
 void WEFTListener::setListenBacklog(int backlog)
 {
     m_listenBacklog = backlog;
+}
+
+void WEFTListener::setDualStack(bool on)
+{
+    m_dualStack = on;
+}
+
+std::string WEFTListener::getListenError() const
+{
+    std::lock_guard<std::mutex> lock(m_listenErrorMutex);
+    return m_listenError;
 }
 
 void WEFTListener::setStrictPeer(bool strict)

@@ -104,6 +104,9 @@ public:
     // it closes the one half-open longest. 0 sets no limit;
     // EUDP_DEFAULT_HALF_OPEN_LIMIT at first.
     void setHalfOpenLimit(unsigned int limit);
+    // Whether a transport listening on :: takes IPv4 clients too (the
+    // default); given before listen.
+    void setDualStack(bool on);
 
 private:
     friend class EUDPTransportTestPeer;

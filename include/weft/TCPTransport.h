@@ -52,6 +52,9 @@ public:
     // Connections the kernel may hold waiting for accept (TCP_LISTEN_BACKLOG
     // at first); takes effect at the next listen.
     void setListenBacklog(int backlog);
+    // Whether a transport listening on :: takes IPv4 clients too (the
+    // default); given before listen.
+    void setDualStack(bool on);
 
 private:
     // When the message being read began: its bytes must all come within

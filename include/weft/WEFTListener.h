@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 
 class WEFTListener;
@@ -51,6 +52,9 @@ public:
     // Waits up to `timeoutMs` for the listening transport to be bound: true
     // when it is, false when binding failed or the time ran out.
     bool waitForListen(unsigned int timeoutMs);
+    // Why the latest listen could not bind ("address in use", "unknown
+    // host", ...); empty while it is bound or pending.
+    std::string getListenError() const;
     // The bound local port (useful after listening on port 0); 0 until bound.
     unsigned short getLocalPort() const;
 
@@ -68,6 +72,9 @@ public:
     // TCP: connections the kernel may hold waiting for accept
     // (TCP_LISTEN_BACKLOG by default); takes effect at the next listen.
     void setListenBacklog(int backlog);
+    // Whether a listener on :: takes IPv4 clients too (the default; they show
+    // as plain IPv4 addresses); takes effect at the next listen.
+    void setDualStack(bool on);
 
 private:
     ETransport m_eTransport;
@@ -85,6 +92,9 @@ private:
     std::atomic<bool> m_strictPeer;
     std::atomic<unsigned int> m_maxConnections{WEFT_NO_CONNECTION_LIMIT};
     std::atomic<int> m_listenBacklog{TCP_LISTEN_BACKLOG};
+    std::atomic<bool> m_dualStack{true};
+    mutable std::mutex m_listenErrorMutex;
+    std::string m_listenError;
     // Connections handed over and still running, shared with them.
     std::shared_ptr<std::atomic<unsigned int>> m_pConnectionCount;
 };

@@ -24,11 +24,6 @@ namespace
 // so that a listener survives the shortage instead of ending.
 constexpr auto ACCEPT_RESOURCE_BACKOFF = std::chrono::milliseconds(10);
 
-int newStreamSocket()
-{
-    return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-}
-
 bool isTransientAcceptError(int error)
 {
     switch (error)
@@ -58,62 +53,137 @@ bool isResourceShortage(int error)
 
 uint16 localPortOf(int fd)
 {
-    sockaddr_in address{};
+    sockaddr_storage address{};
     socklen_t length = sizeof(address);
-    if (fd < 0 || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    HostAddress ignored;
+    uint16 port = 0;
+    if (fd < 0 || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+        !fromSocketAddress(address, ignored, port))
     {
         return 0;
     }
-    return ntohs(address.sin_port);
+    return port;
 }
 
-TcpSocket::TcpSocket() : m_descriptor(newStreamSocket()) {}
+TcpSocket::TcpSocket() = default;
 
-TcpSocket::TcpSocket(int fd) : m_descriptor(fd) {}
+TcpSocket::TcpSocket(int fd) : m_descriptor(fd)
+{
+    int family = 0;
+    socklen_t length = sizeof(family);
+    if (fd >= 0 && ::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &family, &length) == 0)
+    {
+        m_family = family;
+    }
+}
 
 TcpSocket::~TcpSocket() = default;
 
+bool TcpSocket::applySettings(int fd) const
+{
+    // Only what was asked for: a socket of another kind (tests hand in
+    // socket pairs) has no TCP options to set.
+    const int noDelay = m_noDelay ? 1 : 0;
+    return !m_noDelay ||
+           ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay)) == 0;
+}
+
+int TcpSocket::open(int family)
+{
+    std::lock_guard<std::mutex> lock(m_openMutex);
+    if (m_family != 0 || m_descriptor.isClosed())
+    {
+        return m_family;
+    }
+    const int fd = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+    {
+        return 0;
+    }
+    applySettings(fd);
+    if (family == AF_INET6)
+    {
+        const int v6Only = m_dualStack ? 0 : 1;
+        ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &v6Only, sizeof(v6Only));
+    }
+    // Known before the descriptor is, so that every call that gets the
+    // descriptor knows its family.
+    m_family = family;
+    if (!m_descriptor.open(fd))
+    {
+        ::close(fd);
+    }
+    return family;
+}
+
 bool TcpSocket::setNoDelay(bool on)
 {
+    std::lock_guard<std::mutex> lock(m_openMutex);
+    m_noDelay = on;
     SocketUse use(m_descriptor);
     const int value = on ? 1 : 0;
-    return use.valid() &&
-           ::setsockopt(use.fd(), IPPROTO_TCP, TCP_NODELAY, &value, sizeof(value)) == 0;
+    if (!use.valid())
+    {
+        return !m_descriptor.isClosed();
+    }
+    return ::setsockopt(use.fd(), IPPROTO_TCP, TCP_NODELAY, &value, sizeof(value)) == 0;
 }
 
 bool TcpSocket::setSendTimeout(unsigned int timeoutMs)
 {
+    // Read by send for each call: no socket option, so it holds whether or
+    // not the socket is made yet.
     m_sendTimeoutMs = timeoutMs;
     return true;
 }
 
+void TcpSocket::setDualStack(bool on)
+{
+    std::lock_guard<std::mutex> lock(m_openMutex);
+    m_dualStack = on;
+}
+
 bool TcpSocket::connect(const HostAddress& address, uint16 port)
 {
+    if (!address.isValid())
+    {
+        errno = EINVAL;
+        return false;
+    }
+    const int family = open(familyOf(address));
     SocketUse use(m_descriptor);
-    if (!use.valid() || !address.isValid())
+    sockaddr_storage target{};
+    const socklen_t length = toSocketAddress(address, port, family, target);
+    if (!readyFor(use, m_descriptor, length))
     {
         return false;
     }
-    const sockaddr_in target = toSocketAddress(address, port);
     int result;
     do
     {
-        result = ::connect(use.fd(), reinterpret_cast<const sockaddr*>(&target), sizeof(target));
+        result = ::connect(use.fd(), reinterpret_cast<const sockaddr*>(&target), length);
     } while (result != 0 && errno == EINTR);
     return result == 0;
 }
 
 bool TcpSocket::bind(const HostAddress& address, uint16 port)
 {
+    if (!address.isValid())
+    {
+        errno = EINVAL;
+        return false;
+    }
+    const int family = open(familyOf(address));
     SocketUse use(m_descriptor);
-    if (!use.valid() || !address.isValid())
+    sockaddr_storage local{};
+    const socklen_t length = toSocketAddress(address, port, family, local);
+    if (!readyFor(use, m_descriptor, length))
     {
         return false;
     }
     const int reuse = 1;
     ::setsockopt(use.fd(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
-    const sockaddr_in local = toSocketAddress(address, port);
-    return ::bind(use.fd(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0;
+    return ::bind(use.fd(), reinterpret_cast<const sockaddr*>(&local), length) == 0;
 }
 
 bool TcpSocket::listen(int backlog)
@@ -308,14 +378,13 @@ int TcpSocket::receive(uint8* buffer, int length, unsigned int timeoutMs)
 bool TcpSocket::getPeerName(HostAddress& address, uint16& port) const
 {
     SocketUse use(m_descriptor);
-    sockaddr_in peer{};
+    sockaddr_storage peer{};
     socklen_t length = sizeof(peer);
     if (!use.valid() || ::getpeername(use.fd(), reinterpret_cast<sockaddr*>(&peer), &length) != 0)
     {
         return false;
     }
-    fromSocketAddress(peer, address, port);
-    return true;
+    return fromSocketAddress(peer, address, port);
 }
 
 uint16 TcpSocket::getLocalPort() const

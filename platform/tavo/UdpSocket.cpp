@@ -2,7 +2,9 @@
 
 #include "../SocketAddress.h"
 
+#include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -21,19 +23,63 @@ bool isTransientReceiveError(int error)
 
 } // namespace
 
-UdpSocket::UdpSocket() : m_descriptor(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
+UdpSocket::UdpSocket() = default;
 
 UdpSocket::~UdpSocket() = default;
 
+int UdpSocket::open(int family)
+{
+    std::lock_guard<std::mutex> lock(m_openMutex);
+    if (m_family != 0 || m_descriptor.isClosed())
+    {
+        return m_family;
+    }
+    const int fd = ::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+    {
+        return 0;
+    }
+    if (m_receiveBufferSize > 0)
+    {
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &m_receiveBufferSize, sizeof(m_receiveBufferSize));
+    }
+    if (family == AF_INET6)
+    {
+        const int v6Only = m_dualStack ? 0 : 1;
+        ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &v6Only, sizeof(v6Only));
+    }
+    // Known before the descriptor is, so that every call that gets the
+    // descriptor knows its family.
+    m_family = family;
+    if (!m_descriptor.open(fd))
+    {
+        ::close(fd);
+    }
+    return family;
+}
+
 bool UdpSocket::bind(const HostAddress& address, uint16 port)
 {
+    if (!address.isValid())
+    {
+        errno = EINVAL;
+        return false;
+    }
+    const int family = open(familyOf(address));
     SocketUse use(m_descriptor);
-    if (!use.valid() || !address.isValid())
+    sockaddr_storage local{};
+    const socklen_t length = toSocketAddress(address, port, family, local);
+    if (!readyFor(use, m_descriptor, length))
     {
         return false;
     }
-    const sockaddr_in local = toSocketAddress(address, port);
-    return ::bind(use.fd(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0;
+    return ::bind(use.fd(), reinterpret_cast<const sockaddr*>(&local), length) == 0;
+}
+
+void UdpSocket::setDualStack(bool on)
+{
+    std::lock_guard<std::mutex> lock(m_openMutex);
+    m_dualStack = on;
 }
 
 void UdpSocket::close()
@@ -52,17 +98,23 @@ int UdpSocket::sendTo(const uint8* data, int length, const HostAddress& address,
     {
         return -1;
     }
+    int family = m_family;
+    if (family == 0)
+    {
+        family = open(familyOf(address));
+    }
     SocketUse use(m_descriptor);
-    if (!use.valid())
+    sockaddr_storage target{};
+    const socklen_t targetLength = toSocketAddress(address, port, family, target);
+    if (!readyFor(use, m_descriptor, targetLength))
     {
         return -1;
     }
-    const sockaddr_in target = toSocketAddress(address, port);
     ssize_t result;
     do
     {
         result = ::sendto(use.fd(), data, static_cast<std::size_t>(length), MSG_NOSIGNAL,
-                          reinterpret_cast<const sockaddr*>(&target), sizeof(target));
+                          reinterpret_cast<const sockaddr*>(&target), targetLength);
     } while (result < 0 && errno == EINTR);
     return static_cast<int>(result);
 }
@@ -90,7 +142,7 @@ int UdpSocket::receive(uint8* buffer, int length, HostAddress& address, uint16& 
     }
     for (;;)
     {
-        sockaddr_in source{};
+        sockaddr_storage source{};
         socklen_t sourceLength = sizeof(source);
         const ssize_t result = ::recvfrom(use.fd(), buffer, static_cast<std::size_t>(length), flags,
                                           reinterpret_cast<sockaddr*>(&source), &sourceLength);
@@ -122,8 +174,14 @@ uint16 UdpSocket::getLocalPort() const
 
 bool UdpSocket::setReceiveBufferSize(int bytes)
 {
+    std::lock_guard<std::mutex> lock(m_openMutex);
+    m_receiveBufferSize = bytes;
     SocketUse use(m_descriptor);
-    return use.valid() && ::setsockopt(use.fd(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)) == 0;
+    if (!use.valid())
+    {
+        return !m_descriptor.isClosed();
+    }
+    return ::setsockopt(use.fd(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)) == 0;
 }
 
 } // namespace tavo

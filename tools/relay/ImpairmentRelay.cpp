@@ -22,30 +22,6 @@ constexpr std::size_t RECEIVE_BUFFER_SIZE = 65536;
 // cannot starve the others or the queue.
 constexpr int RECEIVE_BATCH = 64;
 
-sockaddr_in makeAddress(const RelayEndpoint& endpoint)
-{
-    sockaddr_in result{};
-    result.sin_family = AF_INET;
-    result.sin_addr.s_addr = htonl(endpoint.address);
-    result.sin_port = htons(endpoint.port);
-    return result;
-}
-
-// A non-blocking UDP socket bound to `local`; -1 with errno set on failure.
-int makeUdpSocket(const RelayEndpoint& local)
-{
-    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = makeAddress(local);
-    if (fd >= 0 && ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
-    {
-        const int error = errno;
-        ::close(fd);
-        errno = error;
-        return -1;
-    }
-    return fd;
-}
-
 RelayOptions loopbackOptions(uint16_t targetPort, uint32_t seed)
 {
     RelayOptions options;
@@ -93,11 +69,10 @@ ImpairmentRelay::ImpairmentRelay(RelayOptions options) : m_options(std::move(opt
 
 bool ImpairmentRelay::open()
 {
-    const int socket = makeUdpSocket(m_options.listen);
+    const int socket = makeRelaySocket(SOCK_DGRAM, m_options.listen, m_options.dualStack);
     if (socket < 0)
     {
-        m_error = std::string("cannot bind to UDP port ") + std::to_string(m_options.listen.port) +
-                  ": " + std::strerror(errno);
+        m_error = "cannot bind to UDP " + m_options.listen.text() + ": " + std::strerror(errno);
         return false;
     }
     if (::pipe2(m_wakePipe, O_NONBLOCK | O_CLOEXEC) != 0)
@@ -106,10 +81,7 @@ bool ImpairmentRelay::open()
         ::close(socket);
         return false;
     }
-    sockaddr_in bound{};
-    socklen_t boundLength = sizeof(bound);
-    ::getsockname(socket, reinterpret_cast<sockaddr*>(&bound), &boundLength);
-    m_port = ntohs(bound.sin_port);
+    m_port = RelayEndpoint::boundPort(socket);
     m_socket = socket;
     return true;
 }
@@ -243,7 +215,7 @@ void ImpairmentRelay::receiveAll(int socket, Session* pSession, std::vector<uint
 {
     for (int i = 0; i < RECEIVE_BATCH; ++i)
     {
-        sockaddr_in source{};
+        sockaddr_storage source{};
         socklen_t sourceLength = sizeof(source);
         const ssize_t size = ::recvfrom(socket, buffer.data(), buffer.size(), 0,
                                         reinterpret_cast<sockaddr*>(&source), &sourceLength);
@@ -251,18 +223,22 @@ void ImpairmentRelay::receiveAll(int socket, Session* pSession, std::vector<uint
         {
             return; // drained (or an ICMP error report, which carries nothing to relay)
         }
+        const std::optional<RelayEndpoint> sender = RelayEndpoint::from(source);
+        if (!sender)
+        {
+            continue;
+        }
         std::vector<uint8_t> bytes(buffer.begin(), buffer.begin() + size);
-        const uint16_t sourcePort = ntohs(source.sin_port);
         RelayDirection direction = RelayDirection::ServerToClient;
         if (pSession == nullptr)
         {
             direction = RelayDirection::ClientToServer;
-            pSession = findOrCreateSession({ntohl(source.sin_addr.s_addr), sourcePort});
+            pSession = findOrCreateSession(*sender);
         }
         else
         {
             // An accepted transport answers from its own new port: follow it.
-            pSession->serverPort = sourcePort;
+            pSession->serverPort = sender->port;
         }
         judge(direction, pSession, std::move(bytes));
         if (direction == RelayDirection::ClientToServer)
@@ -274,7 +250,7 @@ void ImpairmentRelay::receiveAll(int socket, Session* pSession, std::vector<uint
 
 ImpairmentRelay::Session* ImpairmentRelay::findOrCreateSession(const RelayEndpoint& client)
 {
-    const auto key = std::make_pair(client.address, client.port);
+    const RelayEndpoint& key = client;
     const auto found = m_sessions.find(key);
     if (found != m_sessions.end())
     {
@@ -282,7 +258,7 @@ ImpairmentRelay::Session* ImpairmentRelay::findOrCreateSession(const RelayEndpoi
     }
     // Out of sockets (a relay that meets many clients): this datagram is
     // dropped, and the next one from the client tries again.
-    const int socket = makeUdpSocket({INADDR_ANY, 0});
+    const int socket = makeRelaySocket(SOCK_DGRAM, RelayEndpoint::any(m_options.target.family()));
     if (socket < 0)
     {
         return nullptr;
@@ -486,14 +462,18 @@ void ImpairmentRelay::send(const Datagram& datagram)
 {
     const Session& session = *datagram.pSession;
     int socket = m_socket;
-    sockaddr_in destination = makeAddress(session.client);
+    RelayEndpoint to = session.client;
+    int family = m_options.listen.family();
     if (datagram.direction == RelayDirection::ClientToServer)
     {
         socket = session.socket;
         const bool toListener = datagram.isCon || session.serverPort == 0;
-        destination = makeAddress(
-            {m_options.target.address, toListener ? m_options.target.port : session.serverPort});
+        to = m_options.target;
+        to.port = toListener ? m_options.target.port : session.serverPort;
+        family = m_options.target.family();
     }
+    sockaddr_storage destination{};
+    const socklen_t destinationLength = to.toSocketAddress(family, destination);
 
     std::lock_guard<std::mutex> lock(m_mutex);
     RelayCounts& counts = m_counts[index(datagram.direction)];
@@ -501,7 +481,7 @@ void ImpairmentRelay::send(const Datagram& datagram)
     {
         return ::sendto(socket, datagram.bytes.data(), datagram.bytes.size(), 0,
                         reinterpret_cast<const sockaddr*>(&destination),
-                        sizeof(destination)) == static_cast<ssize_t>(datagram.bytes.size());
+                        destinationLength) == static_cast<ssize_t>(datagram.bytes.size());
     };
     // Silence applies to what is already on its way, too.
     if (isBlocked(datagram.direction) || !sendOnce())

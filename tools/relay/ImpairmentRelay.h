@@ -1,5 +1,7 @@
 #pragma once
 
+#include "RelayEndpoint.h"
+
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -69,13 +71,6 @@ struct RelayCounts
     uint64_t delayed = 0;    // datagrams given a non-zero delay
 };
 
-// An IPv4 address and port, both in host byte order.
-struct RelayEndpoint
-{
-    uint32_t address = 0;
-    uint16_t port = 0;
-};
-
 // What the relay saw, for whoever watches it (weft relay --print). Sessions
 // are numbered from 1 in the order clients first appear.
 struct RelayEvent
@@ -109,6 +104,8 @@ struct RelayOptions
     Impairment impairment;
     // 0: sessions are kept until the relay stops.
     std::chrono::milliseconds idleTimeout{0};
+    // Listening on ::, IPv4 clients are taken too.
+    bool dualStack = true;
     // Called on the relay's thread for every session and datagram; it must
     // not call back into the relay.
     std::function<void(const RelayEvent&)> onEvent;
@@ -208,7 +205,7 @@ private:
 
     // Touched by the relay thread only.
     std::mt19937 m_generator[2];
-    std::map<std::pair<uint32_t, uint16_t>, std::unique_ptr<Session>> m_sessions;
+    std::map<RelayEndpoint, std::unique_ptr<Session>> m_sessions;
     uint32_t m_lastSessionId = 0;
     Clock::time_point m_nextIdleCheck;
     std::map<std::pair<Clock::time_point, uint64_t>, Datagram> m_queue;

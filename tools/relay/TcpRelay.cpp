@@ -24,15 +24,6 @@ constexpr std::size_t READ_SIZE = 65536;
 constexpr std::size_t MAX_QUEUED = 1024 * 1024;
 constexpr int LISTEN_BACKLOG = 16;
 
-sockaddr_in makeAddress(const RelayEndpoint& endpoint)
-{
-    sockaddr_in result{};
-    result.sin_family = AF_INET;
-    result.sin_addr.s_addr = htonl(endpoint.address);
-    result.sin_port = htons(endpoint.port);
-    return result;
-}
-
 std::size_t index(RelayDirection direction)
 {
     return direction == RelayDirection::ClientToServer ? 0 : 1;
@@ -62,25 +53,18 @@ TcpRelay::~TcpRelay()
 
 bool TcpRelay::open()
 {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    const sockaddr_in address = makeAddress(m_options.listen);
-    if (fd < 0 || ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
-        ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        ::listen(fd, LISTEN_BACKLOG) != 0 || ::pipe2(m_wakePipe, O_NONBLOCK | O_CLOEXEC) != 0)
+    const int fd = makeRelaySocket(SOCK_STREAM, m_options.listen, m_options.dualStack);
+    if (fd < 0 || ::listen(fd, LISTEN_BACKLOG) != 0 ||
+        ::pipe2(m_wakePipe, O_NONBLOCK | O_CLOEXEC) != 0)
     {
-        m_error = std::string("cannot listen on TCP port ") +
-                  std::to_string(m_options.listen.port) + ": " + std::strerror(errno);
+        m_error = "cannot listen on TCP " + m_options.listen.text() + ": " + std::strerror(errno);
         if (fd >= 0)
         {
             ::close(fd);
         }
         return false;
     }
-    sockaddr_in bound{};
-    socklen_t length = sizeof(bound);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &length);
-    m_port = ntohs(bound.sin_port);
+    m_port = RelayEndpoint::boundPort(fd);
     m_socket = fd;
     return true;
 }
@@ -210,7 +194,7 @@ void TcpRelay::acceptAll()
 {
     for (;;)
     {
-        sockaddr_in peer{};
+        sockaddr_storage peer{};
         socklen_t length = sizeof(peer);
         const int client = ::accept4(m_socket, reinterpret_cast<sockaddr*>(&peer), &length,
                                      SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -220,7 +204,7 @@ void TcpRelay::acceptAll()
         }
         auto connection = std::make_unique<Connection>();
         connection->id = ++m_lastId;
-        connection->client = {ntohl(peer.sin_addr.s_addr), ntohs(peer.sin_port)};
+        connection->client = RelayEndpoint::from(peer).value_or(RelayEndpoint());
         connection->clientFd = client;
         setNoDelay(client);
         TcpRelayEvent opened;
@@ -229,11 +213,13 @@ void TcpRelay::acceptAll()
         opened.client = connection->client;
         emit(opened);
 
-        const int server = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        const sockaddr_in target = makeAddress(m_options.target);
+        const int family = m_options.target.family();
+        const int server = ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        sockaddr_storage target{};
+        const socklen_t targetLength = m_options.target.toSocketAddress(family, target);
         connection->serverFd = server;
         if (server < 0 ||
-            (::connect(server, reinterpret_cast<const sockaddr*>(&target), sizeof(target)) != 0 &&
+            (::connect(server, reinterpret_cast<const sockaddr*>(&target), targetLength) != 0 &&
              errno != EINPROGRESS))
         {
             close(*connection,

@@ -46,6 +46,8 @@ struct TcpRelayOptions
     RelayEndpoint listen{0x7F000001, 0};
     RelayEndpoint target{0x7F000001, 0};
     std::chrono::microseconds delay{0};
+    // Listening on ::, IPv4 clients are taken too.
+    bool dualStack = true;
     // Called on the relay's thread; it must not call back into the relay.
     std::function<void(const TcpRelayEvent&)> onEvent;
 };

@@ -70,7 +70,7 @@ public:
 
     void onStatus(EConnStatus status) override
     {
-        const std::string peer = m_host + ":" + std::to_string(m_port);
+        const std::string peer = joinHostPort(m_host, m_port);
         if (status == CONN_STATUS_CONNECTED)
         {
             const unsigned short local = m_connection.getLocalPort();
@@ -377,12 +377,13 @@ CLI::App* addConnectCommand(CLI::App& app, ConnectOptions& options)
                    "trigger and state update that arrives.");
     connect
         ->add_option("target", options.target,
-                     "HOST or HOST:PORT (port " + std::to_string(WEFT_TOOL_DEFAULT_PORT) +
-                         " when none is given)")
+                     "HOST or HOST:PORT, [IPV6]:PORT for an IPv6 address with a port (port " +
+                         std::to_string(WEFT_TOOL_DEFAULT_PORT) + " when none is given)")
         ->required();
     addChoice<ETransport>(*connect, "-t,--transport", options.transport,
                           {{"tcp", TRANSPORT_TCP}, {"eudp", TRANSPORT_EUDP}}, "transport")
         ->default_str("tcp");
+    addFamilyFlags(*connect, options.family);
     connect->add_option("-s,--subscribe", options.subscribe, "subscribe to NAME (repeatable)")
         ->type_name("NAME");
     connect
@@ -425,6 +426,7 @@ request still waits).
 examples:
   weft connect localhost --subscribe level
   weft connect 127.0.0.1:7420 -s level -n 1 --json < /dev/null
+  weft connect '[::1]:7420' -t eudp -s level
   weft connect studio:7420 --call play clip=intro loop=on gain=f:0.5
   weft connect localhost -t eudp --send-mode reliable --window 32 -s level
   echo 'call stop' | weft connect localhost)");
@@ -477,7 +479,7 @@ int runConnect(const ConnectOptions& options)
     unsigned short port = WEFT_TOOL_DEFAULT_PORT;
     std::string error;
     parseHostPort(options.target, host, port, error);
-    const std::string where = host + ":" + std::to_string(port);
+    const std::string where = joinHostPort(host, port);
     Wakeup& wakeup = Wakeup::instance();
     InputLoop::Deadline deadline;
     if (options.timeout.count() > 0)
@@ -493,14 +495,15 @@ int runConnect(const ConnectOptions& options)
         // Either may take seconds: Ctrl-C and --timeout end them at once.
         BusyScope busy(std::string(COMMAND) + ": no connection to " + where + " within --timeout",
                        EXIT_FAILED);
-        // Checked first, so that an unknown name is reported as such, and at
-        // once on either transport.
-        if (!tavo::HostAddress(host).isValid())
+        // Looked up first, so that an unknown name is reported as such, and
+        // at once on either transport; the library gets the address.
+        tavo::HostAddress address;
+        if (!resolveHost(host, options.family, address, error))
         {
-            printer.error(COMMAND, "unknown host '" + host + "'");
+            printer.error(COMMAND, error);
             return EXIT_FAILED;
         }
-        connected = connection.connect(host, port, &client);
+        connected = connection.connect(address.getAddressString(), port, &client);
     }
     if (!connected)
     {

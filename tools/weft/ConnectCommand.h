@@ -6,6 +6,8 @@
 #include <weft/ConnStatus.h>
 #include <weft/IWEFTTransport.h>
 
+#include <tavo/HostAddress.h>
+
 #include <chrono>
 #include <string>
 #include <vector>
@@ -22,6 +24,7 @@ struct ConnectOptions
 {
     std::string target;
     ETransport transport = TRANSPORT_TCP;
+    tavo::EAddressFamily family = tavo::ADDRESS_FAMILY_ANY;
     std::vector<std::string> subscribe;
     // Each --call: the function's name, then NAME=VALUE parameters.
     std::vector<std::vector<std::string>> calls;

@@ -2,8 +2,11 @@
 
 // Options that take a port, a time or a percentage: each checked by the one
 // parser of its kind, so that every wrong one gets the same kind of message.
+// And -4/-6, with the host look-up they steer.
 
 #include "ValueSyntax.h"
+
+#include <tavo/HostAddress.h>
 
 #include <CLI/CLI.hpp>
 
@@ -88,6 +91,47 @@ inline CLI::Option* addPercentOption(CLI::App& app, const std::string& flags, do
             help)
         ->check(parsedBy(parse))
         ->type_name("N%");
+}
+
+// -4 and -6: IPv4 only or IPv6 only. Host names resolve to that family
+// alone, addresses of the other are refused, and with -6 a listener on ::
+// takes no IPv4 clients.
+inline void addFamilyFlags(CLI::App& app, tavo::EAddressFamily& family)
+{
+    CLI::Option* v4 = app.add_flag_callback(
+        "-4,--ipv4", [&family] { family = tavo::ADDRESS_FAMILY_IPV4; },
+        "IPv4 only: names resolve to IPv4 addresses (as they do by default when they have one)");
+    CLI::Option* v6 = app.add_flag_callback(
+        "-6,--ipv6", [&family] { family = tavo::ADDRESS_FAMILY_IPV6; },
+        "IPv6 only: names resolve to IPv6 addresses, and a listener on :: takes no IPv4 "
+        "clients");
+    v4->excludes(v6);
+}
+
+// `host` as an address of `family`; false, with `error` saying why, when it
+// has none.
+inline bool resolveHost(const std::string& host, tavo::EAddressFamily family,
+                        tavo::HostAddress& address, std::string& error)
+{
+    address = tavo::HostAddress(host, family);
+    if (address.isValid())
+    {
+        return true;
+    }
+    const tavo::HostAddress other(host);
+    const char* wanted = family == tavo::ADDRESS_FAMILY_IPV4 ? "IPv4" : "IPv6";
+    if (family != tavo::ADDRESS_FAMILY_ANY && other.isValid())
+    {
+        // An address of the other family, or a name that has only such.
+        error = other.getAddressString() == host
+                    ? "'" + host + "' is not an " + wanted + " address (-" + wanted[3] + ")"
+                    : "'" + host + "' has no " + wanted + " address";
+    }
+    else
+    {
+        error = "unknown host '" + host + "'";
+    }
+    return false;
 }
 
 inline CLI::Option* addTimestampsFlag(CLI::App& app, bool& timestamps)

@@ -31,24 +31,28 @@ namespace
 
 const char* const COMMAND = "weft relay";
 
-std::string endpointText(const RelayEndpoint& endpoint)
+// [HOST:]PORT; all local addresses when no host is given (every IPv4 one,
+// or every IPv6 one with -6).
+bool parseListen(const std::string& text, tavo::EAddressFamily family, std::string& host,
+                 unsigned short& port, std::string& error)
 {
-    return tavo::HostAddress(endpoint.address).getAddressString() + ":" +
-           std::to_string(endpoint.port);
-}
-
-// [HOST:]PORT; all local addresses when no host is given.
-bool parseListen(const std::string& text, std::string& host, unsigned short& port,
-                 std::string& error)
-{
-    const std::size_t colon = text.rfind(':');
-    host = colon == std::string::npos ? "0.0.0.0" : text.substr(0, colon);
-    if (host.empty())
+    if (text.find(':') == std::string::npos && text.find('[') == std::string::npos)
     {
-        error = "'" + text + "' names no host (write PORT or HOST:PORT)";
+        host = family == tavo::ADDRESS_FAMILY_IPV6 ? "::" : "0.0.0.0";
+        return parsePort(text, true, port, error);
+    }
+    std::string portText;
+    bool hasPort = false;
+    if (!splitHostPort(text, host, portText, hasPort, error))
+    {
         return false;
     }
-    return parsePort(colon == std::string::npos ? text : text.substr(colon + 1), true, port, error);
+    if (!hasPort)
+    {
+        error = "'" + text + "' has no port (write PORT, HOST:PORT or [IPV6]:PORT)";
+        return false;
+    }
+    return parsePort(portText, true, port, error);
 }
 
 std::string percent(double rate)
@@ -76,7 +80,7 @@ public:
         if (event.kind != RelayEvent::DATAGRAM)
         {
             const bool opened = event.kind == RelayEvent::SESSION_OPENED;
-            client(event.session, opened, opened ? endpointText(event.client) : "",
+            client(event.session, opened, opened ? event.client.text() : "",
                    opened ? "" : "idle for " + std::to_string(RELAY_IDLE_TIMEOUT.count()) + " s");
             return;
         }
@@ -105,7 +109,7 @@ public:
     {
         if (event.kind == TcpRelayEvent::OPENED)
         {
-            client(event.connection, true, endpointText(event.client), "");
+            client(event.connection, true, event.client.text(), "");
             return;
         }
         if (event.kind == TcpRelayEvent::CLOSED)
@@ -190,8 +194,8 @@ CLI::App* addRelayCommand(CLI::App& app, RelayCommandOptions& options)
                  "duplication, reordering or delay if asked) and print what passes.");
     relay
         ->add_option("--listen", options.listen,
-                     "[HOST:]PORT to take clients on (all addresses when no HOST; port 0 picks "
-                     "a free one)")
+                     "[HOST:]PORT to take clients on (all IPv4 addresses when no HOST, all "
+                     "IPv6 ones with -6; [::]:PORT takes both; port 0 picks a free one)")
         ->required()
         ->type_name("[HOST:]PORT");
     relay
@@ -203,6 +207,7 @@ CLI::App* addRelayCommand(CLI::App& app, RelayCommandOptions& options)
     addChoice<ETransport>(*relay, "-t,--transport", options.transport,
                           {{"tcp", TRANSPORT_TCP}, {"eudp", TRANSPORT_EUDP}}, "transport")
         ->default_str("tcp");
+    addFamilyFlags(*relay, options.family);
     addPercentOption(*relay, "--drop", options.drop, "EUDP: drop this share of the datagrams");
     addPercentOption(*relay, "--dup", options.duplicate,
                      "EUDP: send this share of the datagrams twice");
@@ -233,7 +238,8 @@ each after a line with what passed each way.
 examples:
   weft relay --listen 7421 --to localhost:7420 --print
   weft relay -t eudp --listen 7421 --to studio:7420 --drop 5% --delay 20ms
-  weft relay -t eudp --listen 127.0.0.1:0 --to 127.0.0.1 --dup 1% --reorder 2% --seed 7 --json)");
+  weft relay -t eudp --listen 127.0.0.1:0 --to 127.0.0.1 --dup 1% --reorder 2% --seed 7 --json
+  weft relay -t eudp --listen '[::1]:7421' --to '[::1]:7420' --drop 5%)");
     return relay;
 }
 
@@ -242,7 +248,7 @@ std::string checkRelayOptions(const RelayCommandOptions& options)
     std::string host;
     unsigned short port = WEFT_TOOL_DEFAULT_PORT;
     std::string error;
-    if (!parseListen(options.listen, host, port, error) ||
+    if (!parseListen(options.listen, options.family, host, port, error) ||
         !parseHostPort(options.to, host, port, error))
     {
         return error;
@@ -264,25 +270,24 @@ int runRelay(const RelayCommandOptions& options)
     std::string targetHost;
     unsigned short targetPort = WEFT_TOOL_DEFAULT_PORT;
     std::string error;
-    parseListen(options.listen, listenHost, listenPort, error);
+    parseListen(options.listen, options.family, listenHost, listenPort, error);
     parseHostPort(options.to, targetHost, targetPort, error);
     tavo::HostAddress listenAddress;
     tavo::HostAddress targetAddress;
     {
         BusyScope busy("", EXIT_FAILED);
-        listenAddress = tavo::HostAddress(listenHost);
-        targetAddress = tavo::HostAddress(targetHost);
-    }
-    for (const auto* address : {&listenAddress, &targetAddress})
-    {
-        if (!address->isValid())
+        if (!resolveHost(listenHost, options.family, listenAddress, error) ||
+            !resolveHost(targetHost, options.family, targetAddress, error))
         {
-            printer.error(COMMAND, "unknown host '" + address->getAddressString() + "'");
+            printer.error(COMMAND, error);
             return EXIT_FAILED;
         }
     }
-    const RelayEndpoint listen{listenAddress.getAddress(), listenPort};
-    const RelayEndpoint target{targetAddress.getAddress(), targetPort};
+    // The relay takes numeric addresses only: the look-up is done.
+    const RelayEndpoint listen = RelayEndpoint::parse(listenAddress.getAddressString(), listenPort)
+                                     .value_or(RelayEndpoint());
+    const RelayEndpoint target = RelayEndpoint::parse(targetAddress.getAddressString(), targetPort)
+                                     .value_or(RelayEndpoint());
     const uint32_t seed = options.seed ? *options.seed : std::random_device()();
 
     Watcher watcher(printer, options.print);
@@ -294,6 +299,7 @@ int runRelay(const RelayCommandOptions& options)
     {
         RelayOptions relay;
         relay.listen = listen;
+        relay.dualStack = options.family != tavo::ADDRESS_FAMILY_IPV6;
         relay.target = target;
         relay.seed = seed;
         relay.impairment.dropRate = options.drop;
@@ -312,6 +318,7 @@ int runRelay(const RelayCommandOptions& options)
     {
         TcpRelayOptions relay;
         relay.listen = listen;
+        relay.dualStack = options.family != tavo::ADDRESS_FAMILY_IPV6;
         relay.target = target;
         relay.delay = options.delay;
         relay.onEvent = [&watcher](const TcpRelayEvent& event) { watcher.onStream(event); };
@@ -326,14 +333,14 @@ int runRelay(const RelayCommandOptions& options)
     }
     const char* transport = transportName(options.transport);
     printer.event(
-        std::string("relaying ") + transport + " " + listenHost + ":" + std::to_string(port) +
-            " -> " + endpointText(target) + what + ", delay " + milliseconds(options.delay),
+        std::string("relaying ") + transport + " " + joinHostPort(listenHost, port) + " -> " +
+            target.text() + what + ", delay " + milliseconds(options.delay),
         JsonObject()
             .addString("event", "listening")
             .addString("transport", transport)
             .addString("host", listenHost)
             .addInt("port", port)
-            .addString("to", endpointText(target))
+            .addString("to", target.text())
             .addRaw("drop", jsonFloat(static_cast<float>(options.drop)))
             .addRaw("dup", jsonFloat(static_cast<float>(options.duplicate)))
             .addRaw("reorder", jsonFloat(static_cast<float>(options.reorder)))

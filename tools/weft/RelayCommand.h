@@ -6,6 +6,8 @@
 
 #include <weft/ConnStatus.h>
 
+#include <tavo/HostAddress.h>
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -24,6 +26,7 @@ struct RelayCommandOptions
     std::string listen;
     std::string to;
     ETransport transport = TRANSPORT_TCP;
+    tavo::EAddressFamily family = tavo::ADDRESS_FAMILY_ANY;
     double drop = 0;      // 0 to 1
     double duplicate = 0; // 0 to 1
     double reorder = 0;   // 0 to 1

@@ -76,7 +76,7 @@ public:
     // Declared after the connection, so that its thread ends first.
     std::unique_ptr<Outbox> m_outbox;
     const std::string m_peer =
-        m_connection->getPeerAddress() + ":" + std::to_string(m_connection->getPeerPort());
+        joinHostPort(m_connection->getPeerAddress(), m_connection->getPeerPort());
     // Guarded by the server's mutex.
     std::set<std::string> m_subscriptions;
     // The listener has reported the connection up (it does not touch it
@@ -472,8 +472,10 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
         ->default_str("tcp");
     serve
         ->add_option("-H,--host", options.host,
-                     "address to listen on; 0.0.0.0 for every address of this host")
-        ->capture_default_str();
+                     "address to listen on; :: for every address of this host (IPv4 ones "
+                     "too), 0.0.0.0 for every IPv4 one")
+        ->default_str("127.0.0.1, ::1 with -6");
+    addFamilyFlags(*serve, options.family);
     serve->add_option("--allow", options.allowFrom,
                       "take clients only from these networks, comma-separated CIDR "
                       "(10.0.0.0/8,192.168.1.7,fd00::/8)");
@@ -500,14 +502,16 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
     addTimestampsFlag(*serve, options.timestamps);
     serve->footer(std::string(COMMANDS_HELP) + R"(
 
-The server listens on loopback (127.0.0.1) unless --host says otherwise, so
-only programs on this host reach it; --host 0.0.0.0 opens it to the network,
-and --allow narrows who may then connect.
+The server listens on loopback (127.0.0.1, or ::1 with -6) unless --host
+says otherwise, so only programs on this host reach it; --host :: opens it to
+the network on IPv6 and IPv4 (IPv6 only with -6), --host 0.0.0.0 on IPv4, and
+--allow narrows who may then connect. IPv4 clients of a server on :: show
+with their plain IPv4 address.
 
 The first line says where the server listens: "listening on tcp 127.0.0.1:7420"
-(with --json: {"event":"listening",...}). Then one line per connection,
-subscription, call, EUDP mode or window request (granted or refused) and
-disconnection.
+or "listening on tcp [::1]:7420" (with --json: {"event":"listening",...}).
+Then one line per connection, subscription, call, EUDP mode or window request
+(granted or refused) and disconnection.
 
 Values are typed (i:5 f:0.5 b:on s:text n:) or inferred (42, 0.5, on/off/
 true/false, anything else a string); strings print in double quotes. A
@@ -521,6 +525,7 @@ SIGTERM too (exit 0); each disconnects its clients first.
 examples:
   weft serve --port 7420
   weft serve --transport eudp --host 127.0.0.1 --port 0 --json
+  weft serve --host ::                         # IPv6 and IPv4 clients from anywhere
   weft serve -t eudp --allow-send realtime     # refuse reliable sending
   printf 'update level 0.5\n' | weft serve     # preset a value)");
     return serve;
@@ -549,37 +554,50 @@ int runServe(const ServeOptions& options)
     std::string error;
     allowed.parse(options.allowFrom, error); // checked with the arguments
     Server server(options, allowed, printer);
+    const std::string host = !options.host.empty()                         ? options.host
+                             : options.family == tavo::ADDRESS_FAMILY_IPV6 ? "::1"
+                                                                           : "127.0.0.1";
+    const std::string where =
+        std::string(transportName(options.transport)) + " " + joinHostPort(host, options.port);
     WEFTListener listener(options.transport);
     listener.setMaxConnections(options.maxClients);
+    listener.setDualStack(options.family != tavo::ADDRESS_FAMILY_IPV6);
     bool listening = false;
+    tavo::HostAddress address;
     {
         BusyScope busy("", EXIT_FAILED);
-        listener.listen(options.host, options.port, &server);
+        if (!resolveHost(host, options.family, address, error))
+        {
+            printer.error(COMMAND, "cannot listen on " + where + ": " + error);
+            return EXIT_FAILED;
+        }
+        // The address found, so that the library does not look the name up again.
+        listener.listen(address.getAddressString(), options.port, &server);
         listening = listener.waitForListen(WEFT_TOOL_LISTEN_WAIT_MS);
     }
     if (!listening)
     {
-        printer.error(COMMAND, std::string("cannot listen on ") + transportName(options.transport) +
-                                   " " + options.host + ":" + std::to_string(options.port) +
-                                   " (port in use, or no such local address)");
+        const std::string why = listener.getListenError();
+        printer.error(COMMAND, "cannot listen on " + where + ": " +
+                                   (why.empty() ? "no answer from the listener" : why));
         listener.shutdown(-1);
         return EXIT_FAILED;
     }
     const unsigned short port = listener.getLocalPort();
-    const bool loopbackOnly =
-        options.host.rfind("127.", 0) == 0 || options.host == "::1" || options.host == "localhost";
+    const bool loopbackOnly = address.isIpv6() ? address == tavo::HostAddress::loopbackIpv6()
+                                               : address.getAddress() >> 24 == 127;
     printer.event(std::string("listening on ") + transportName(options.transport) + " " +
-                      options.host + ":" + std::to_string(port),
+                      joinHostPort(host, port),
                   JsonObject()
                       .addString("event", "listening")
                       .addString("transport", transportName(options.transport))
-                      .addString("host", options.host)
+                      .addString("host", host)
                       .addInt("port", port)
                       .addBool("loopback", loopbackOnly));
     if (loopbackOnly && !options.json)
     {
-        printer.line("only programs on this host can connect; --host 0.0.0.0 opens the server "
-                     "to the network");
+        printer.line("only programs on this host can connect; --host :: or --host 0.0.0.0 opens "
+                     "the server to the network");
     }
 
     InputLoop input(Wakeup::instance(), InputLoop::stdinUsable());

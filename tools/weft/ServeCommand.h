@@ -5,6 +5,8 @@
 
 #include <weft/ConnStatus.h>
 
+#include <tavo/HostAddress.h>
+
 #include <string>
 
 namespace CLI
@@ -25,9 +27,10 @@ enum EAllowModes
 struct ServeOptions
 {
     ETransport transport = TRANSPORT_TCP;
-    // Loopback unless told otherwise: a server reachable from the whole
-    // network is a choice, not a default.
-    std::string host = "127.0.0.1";
+    // Loopback unless told otherwise (empty: 127.0.0.1, ::1 with -6): a
+    // server reachable from the whole network is a choice, not a default.
+    std::string host;
+    tavo::EAddressFamily family = tavo::ADDRESS_FAMILY_ANY;
     // Networks whose clients are taken (CIDR list); empty: everyone who can reach the port.
     std::string allowFrom;
     // 0: no limit.

@@ -404,17 +404,54 @@ bool splitWords(const std::string& line, std::vector<std::string>& words, std::s
     return true;
 }
 
-bool parseHostPort(const std::string& text, std::string& host, unsigned short& port,
+bool splitHostPort(const std::string& text, std::string& host, std::string& portText, bool& hasPort,
                    std::string& error)
 {
-    const std::size_t colon = text.rfind(':');
-    host = text.substr(0, colon);
+    std::size_t colon = text.rfind(':');
+    if (!text.empty() && text[0] == '[')
+    {
+        const std::size_t close = text.find(']');
+        if (close == std::string::npos || (close + 1 < text.size() && text[close + 1] != ':'))
+        {
+            error = "'" + text + "' is not [ADDRESS] or [ADDRESS]:PORT";
+            return false;
+        }
+        host = text.substr(1, close - 1);
+        colon = close + 1 < text.size() ? close + 1 : std::string::npos;
+    }
+    else if (colon != std::string::npos && text.find(':') != colon)
+    {
+        // Two colons or more: an IPv6 address, without a port.
+        host = text;
+        colon = std::string::npos;
+    }
+    else
+    {
+        host = text.substr(0, colon);
+    }
     if (host.empty())
     {
         error = "'" + text + "' names no host (write HOST or HOST:PORT)";
         return false;
     }
-    return colon == std::string::npos || parsePort(text.substr(colon + 1), false, port, error);
+    hasPort = colon != std::string::npos;
+    portText = hasPort ? text.substr(colon + 1) : std::string();
+    return true;
+}
+
+bool parseHostPort(const std::string& text, std::string& host, unsigned short& port,
+                   std::string& error)
+{
+    std::string portText;
+    bool hasPort = false;
+    return splitHostPort(text, host, portText, hasPort, error) &&
+           (!hasPort || parsePort(portText, false, port, error));
+}
+
+std::string joinHostPort(const std::string& host, unsigned short port)
+{
+    const bool ipv6 = host.find(':') != std::string::npos;
+    return (ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
 }
 
 bool parsePort(const std::string& text, bool allowZero, unsigned short& port, std::string& error)

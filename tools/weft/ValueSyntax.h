@@ -32,9 +32,15 @@ bool parseParameters(const std::vector<std::string>& words, ParameterList& list,
 // starts with # is a comment and has no words.
 bool splitWords(const std::string& line, std::vector<std::string>& words, std::string& error);
 
-// Splits HOST[:PORT]; the port stays as given when the text has none.
+// Splits HOST[:PORT]; the port stays as given when the text has none. An
+// IPv6 address takes a port in brackets ([::1]:7420); bare (::1), it has none.
 bool parseHostPort(const std::string& text, std::string& host, unsigned short& port,
                    std::string& error);
+// The same split, the port left as text: `hasPort` false when there is none.
+bool splitHostPort(const std::string& text, std::string& host, std::string& portText, bool& hasPort,
+                   std::string& error);
+// HOST:PORT, with an IPv6 address in brackets: the form parseHostPort reads.
+std::string joinHostPort(const std::string& host, unsigned short port);
 
 // A port number, 1 to 65535 (0 too with `allowZero`: "pick a free one"). Every
 // option and argument that takes a port says the same thing when it is wrong.
