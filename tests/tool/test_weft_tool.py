@@ -229,7 +229,7 @@ class ConnectFailureTest(ToolTest):
             address = "127.0.0.1:%d" % taken
             cases += [(["connect", "nosuch.invalid", "-t", transport], 1, "unknown host 'nosuch.invalid'"),
                       (["serve", "-t", transport, "--host", "127.0.0.1", "--port", str(taken)], 1,
-                       "cannot listen on %s %s" % (transport, address)),
+                       "cannot listen on %s %s: address in use" % (transport, address)),
                       # A count not reached in time exits 3; a plain time limit ends a client well.
                       (["connect", address, "-t", transport, "-n", "1", "--timeout", "1"], 3,
                        "timed out after 0 of 1 messages"),
@@ -322,6 +322,38 @@ class RelayTest(ToolTest):
                 self.assertGreater(stopped["to_server"]["dropped"], 0)
             else:
                 self.assertGreater(stopped["to_server_bytes"], 0)
+
+
+def has_ipv6_loopback():
+    try:
+        with socket.socket(socket.AF_INET6, socket.SOCK_DGRAM) as probe:
+            probe.bind(("::1", 0))
+        return True
+    except OSError:
+        return False
+
+
+@unittest.skipUnless(has_ipv6_loopback(), "no IPv6 loopback (::1) on this machine")
+class Ipv6Test(ToolTest):
+    def test_a_server_on_colons_takes_ipv6_and_ipv4_clients_directly_and_through_a_relay(self):
+        for transport in ("tcp", "eudp"):
+            server = self.start("serve", "-t", transport, "--host", "::", "--port", "0", "--json")
+            port = server.event("listening", host="::")["port"]
+            server.send("update level 0.5")
+            server.event("update", name="level")
+            relay = self.start("relay", "-t", transport, "--listen", "[::1]:0", "--to", "[::1]:%d" % port,
+                               "--json")
+            relayed = relay.event("listening", host="::1", to="[::1]:%d" % port)["port"]
+            for target, peer in (("[::1]:%d" % port, "[::1]:"), ("127.0.0.1:%d" % port, "127.0.0.1:"),
+                                 ("[::1]:%d" % relayed, "[::1]:")):
+                client = self.start("connect", target, "-t", transport, "-s", "level", "-n", "1", stdin=False)
+                self.assertEqual(client.wait(), 0, client.transcript())
+                self.assertIn("connected to %s over %s" % (target, transport), client.lines[0])
+                self.assertIn('update "level" 0.5', client.lines)
+                self.assertTrue(server.event("connected")["peer"].startswith(peer), server.transcript())
+            refused = self.start("connect", "-6", "127.0.0.1:%d" % port, "-t", transport, stdin=False)
+            self.assertEqual(refused.wait(), 1, refused.transcript())
+            self.assertIn("'127.0.0.1' is not an IPv6 address (-6)", refused.err)
 
 
 class UsageTest(ToolTest):

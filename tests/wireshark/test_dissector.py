@@ -68,8 +68,8 @@ H = bytes.fromhex
 
 # Captures and decoding ----------------------------------------------------
 
-def write_capture(path, packets, header, ports):
-    """Writes packets behind dummy -u/-T headers."""
+def write_capture(path, packets, header, ports, ip=()):
+    """Writes packets behind dummy -u/-T headers, and IP ones as text2pcap's -4/-6 say."""
     lines = []
     for data in packets:
         for offset in range(0, len(data), 16):
@@ -78,7 +78,7 @@ def write_capture(path, packets, header, ports):
     dump = path + ".txt"
     with open(dump, "w") as f:
         f.write("\n".join(lines) + "\n")
-    args = [TEXT2PCAP, "-q", header, "%d,%d" % ports, dump, path]
+    args = [TEXT2PCAP, "-q"] + list(ip) + [header, "%d,%d" % ports, dump, path]
     subprocess.run(args, check=True, capture_output=True)
     return path
 
@@ -112,8 +112,10 @@ class DissectorCase(unittest.TestCase):
         self.dir = tempfile.mkdtemp(prefix="weft-ws-")
         self.addCleanup(shutil.rmtree, self.dir, True)
 
+    IP = ()  # text2pcap's IP header options; IPv4 by default
+
     def capture(self, packets, header="-T", ports=(40000, 7420), name="c.pcapng"):
-        return write_capture(os.path.join(self.dir, name), packets, header, ports)
+        return write_capture(os.path.join(self.dir, name), packets, header, ports, self.IP)
 
     def decode(self, path, fields=(), prefs=(), extra=()):
         frames, err = decode(path, fields, prefs, extra)
@@ -230,11 +232,17 @@ class EudpTest(DissectorCase):
               "eudp.summary", "weft.name", "weft.summary", "_ws.malformed"]
 
     def test_every_command_and_argument_form_decodes_and_bad_datagrams_are_flagged(self):
-        frames = self.decode(self.capture([d for d, *_ in self.CASES], "-u"), self.FIELDS)
+        frames = self.decode(self.capture([d for d, *_ in self.CASES], "-u"), self.FIELDS + ["ipv6.src"])
         self.assertEqual(len(frames), len(self.CASES))
+        self.assertEqual([f.get("ipv6.src") for f in frames[:1]], [["2001:db8::7"] if self.IP else None])
         for frame, (_, info, fields, *wanted) in zip(frames, self.CASES):
             self.assertFrame(frame, info, fields, wanted)
             self.assertField(frame, "eudp.summary", [info])
+
+class EudpOverIpv6Test(EudpTest):
+    """The same datagrams in IPv6 packets decode the same."""
+    IP = ("-6", "2001:db8::7,2001:db8::1")
+
 
 class FuzzTest(DissectorCase):
     """Random bytes, in datagrams with a valid header and without, and as messages, never raise a Lua error."""

@@ -1,8 +1,12 @@
+#include "SocketAddress.h"
+
 #include <tavo/HostAddress.h>
 #include <tavo/TcpSocket.h>
 #include <tavo/UdpSocket.h>
 
 #include <gtest/gtest.h>
+
+#include <vector>
 
 namespace
 {
@@ -33,6 +37,75 @@ TEST(HostAddressTest, UnresolvableNameIsInvalidAndKeepsItsText)
     EXPECT_LT(socket.sendTo(&byte, 1, unknown, 9), 0);
     tavo::TcpSocket tcp;
     EXPECT_FALSE(tcp.connect(unknown, 9));
+}
+
+TEST(HostAddressTest, TextOfBothFamiliesParsesPrintsAndGoesThroughSocketAddressesAndBack)
+{
+    using tavo::HostAddress;
+    constexpr auto ANY = tavo::ADDRESS_FAMILY_ANY, V4 = tavo::ADDRESS_FAMILY_IPV4,
+                   V6 = tavo::ADDRESS_FAMILY_IPV6;
+    struct Row
+    {
+        const char* text;
+        tavo::EAddressFamily family;
+        const char* plain; // nullptr: no address of that family
+        const char* withPort;
+    };
+    const Row rows[] = {
+        {"10.1.2.3", V4, "10.1.2.3", "10.1.2.3:7420"},
+        {"0.0.0.1", ANY, "0.0.0.1", "0.0.0.1:7420"},
+        {"::1", ANY, "::1", "[::1]:7420"},
+        {"[::1]", V6, "::1", "[::1]:7420"},
+        {"2001:DB8:0:0:0:0:0:01", ANY, "2001:db8::1", "[2001:db8::1]:7420"},
+        {"", V6, "::", "[::]:7420"},
+        // How a dual-stack socket sees an IPv4 peer: as that IPv4 address.
+        {"::ffff:127.0.0.1", ANY, "127.0.0.1", "127.0.0.1:7420"},
+        {"fe80::1%lo", ANY, "fe80::1%lo", "[fe80::1%lo]:7420"},
+        {"localhost", V4, "127.0.0.1", "127.0.0.1:7420"},
+        {"::1", V4, nullptr, nullptr},
+        {"::ffff:10.1.2.3", V6, nullptr, nullptr},
+        {"[10.1.2.3]", ANY, nullptr, nullptr},
+        {"[::1", ANY, nullptr, nullptr},
+    };
+    std::vector<HostAddress> seen;
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(std::string(row.text) + " family " + std::to_string(row.family));
+        const HostAddress address(row.text, row.family);
+        ASSERT_EQ(address.isValid(), row.plain != nullptr);
+        if (row.plain == nullptr)
+        {
+            // Kept for messages; no socket takes it for the address 0.
+            EXPECT_EQ(address.getAddressString(), row.text);
+            tavo::UdpSocket socket;
+            EXPECT_FALSE(socket.bind(address, 0));
+            continue;
+        }
+        EXPECT_EQ(address.getAddressString(), row.plain);
+        EXPECT_EQ(address.getEndpointString(7420), row.withPort);
+        EXPECT_EQ(HostAddress(row.plain), address);
+        // An IPv4 address fits both kinds of socket, an IPv6 one only its own.
+        for (const int family : {AF_INET, AF_INET6})
+        {
+            sockaddr_storage system{};
+            const socklen_t length = tavo::toSocketAddress(address, 7420, family, system);
+            ASSERT_EQ(length == 0, family == AF_INET && address.isIpv6());
+            HostAddress back;
+            uint16 port = 0;
+            EXPECT_EQ(tavo::fromSocketAddress(system, back, port), length != 0);
+            EXPECT_EQ(back, length != 0 ? address : HostAddress());
+            EXPECT_EQ(port, length != 0 ? 7420 : 0);
+        }
+        // Peers are map keys: the same address only where the text is the
+        // same, in one strict order.
+        for (const HostAddress& other : seen)
+        {
+            SCOPED_TRACE(other.getAddressString());
+            EXPECT_EQ(address == other, other.getAddressString() == row.plain);
+            EXPECT_EQ((address < other) + (other < address) + (address == other), 1);
+        }
+        seen.push_back(address);
+    }
 }
 
 } // namespace

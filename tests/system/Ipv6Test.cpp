@@ -1,0 +1,136 @@
+// Both transports over IPv6 and a dual-stack listener; strangers over IPv6.
+
+#include "support/EudpWire.h"
+#include "support/Recorders.h"
+#include "support/WeftFixture.h"
+
+#include <weft/WEFTConnection.h>
+#include <weft/WEFTListener.h>
+
+#include <tavo/HostAddress.h>
+#include <tavo/UdpSocket.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using tavo::HostAddress;
+
+bool arrives(const EventLog& log, const Event& wanted)
+{
+    return eventually(
+        [&]
+        {
+            const auto events = log.events();
+            return std::find(events.begin(), events.end(), wanted) != events.end();
+        },
+        10s);
+}
+
+class Ipv6Test : public WeftFixture, public ::testing::WithParamInterface<ETransport>
+{
+protected:
+    void SetUp() override
+    {
+        WeftFixture::SetUp();
+        tavo::UdpSocket probe;
+        if (!probe.bind(HostAddress::loopbackIpv6(), 0))
+        {
+            GTEST_SKIP() << "no IPv6 loopback (::1) on this machine";
+        }
+    }
+
+    EventLog m_serverEvents;
+    CollectingConnector m_connector{m_serverEvents};
+};
+
+TEST_P(Ipv6Test, IPv6AndIPv4ClientsOfAnIPv6ListenerTalkBothWaysAndSeeTheirPeers)
+{
+    // Listen on, connect to, the client's address as the server sees it.
+    const char* const routes[][3] = {{"::1", "[::1]", "::1"}, {"::", "127.0.0.1", "127.0.0.1"}};
+    for (const auto& [host, target, seen] : routes)
+    {
+        SCOPED_TRACE(std::string(target) + " to " + host);
+        WEFTListener listener(GetParam());
+        listener.listen(host, 0, &m_connector);
+        ASSERT_TRUE(listener.waitForListen(10000));
+        const uint16 port = listener.getLocalPort();
+        const int index = m_connector.accepted();
+        EventLog clientEvents;
+        RecordingClient client(clientEvents);
+        WEFTConnection connection(GetParam());
+        ASSERT_TRUE(connection.connect(target, port, &client));
+        ASSERT_TRUE(m_connector.waitForConnections(index + 1));
+        WEFTConnection& accepted = *m_connector.connection(index);
+        EXPECT_EQ(accepted.getPeerAddress(), seen);
+        EXPECT_EQ(accepted.getPeerPort(), connection.getLocalPort());
+        EXPECT_EQ(connection.getPeerAddress(), HostAddress(target).getAddressString());
+
+        // EUDP's strict peers on both ends: an IPv4 client kept as
+        // ::ffff:127.0.0.1 on one side would lose every datagram here.
+        ASSERT_TRUE(connection.subscribe("level"));
+        ASSERT_TRUE(arrives(m_serverEvents, Event{"subscribe", "level", ""}));
+        ASSERT_TRUE(accepted.updateState("level", ParameterValue(0.5f)));
+        ASSERT_TRUE(arrives(clientEvents, Event{"update", "level", "0.5"}));
+
+        // The port is taken (on IPv4 too, for ::): the listen error says so.
+        WEFTListener second(GetParam());
+        second.listen(host == std::string("::") ? "127.0.0.1" : host, port, &m_connector);
+        EXPECT_FALSE(second.waitForListen(10000));
+        EXPECT_EQ(second.getListenError(), "address in use");
+        const HostAddress bound(host == std::string("::") ? "127.0.0.1" : host);
+        EXPECT_TRUE(log().contains("WEFT: cannot bind " + bound.getEndpointString(port) +
+                                   ": address in use"));
+        connection.disconnect();
+        listener.shutdown(-1);
+    }
+    EXPECT_EQ(log().countContaining("accept"), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, Ipv6Test, ::testing::Values(TRANSPORT_TCP, TRANSPORT_EUDP),
+                         [](const ::testing::TestParamInfo<ETransport>& info)
+                         { return info.param == TRANSPORT_TCP ? "Tcp" : "Eudp"; });
+
+using Ipv6StrictPeerTest = Ipv6Test;
+
+TEST_F(Ipv6StrictPeerTest, AStrangerOnIPv6CannotCloseEitherEnd)
+{
+    WEFTListener listener(TRANSPORT_EUDP);
+    listener.listen("::1", 0, &m_connector);
+    ASSERT_TRUE(listener.waitForListen(10000));
+    EventLog clientEvents;
+    RecordingClient client(clientEvents);
+    WEFTConnection connection(TRANSPORT_EUDP);
+    ASSERT_TRUE(connection.connect("::1", listener.getLocalPort(), &client));
+    ASSERT_TRUE(m_connector.waitForConnections(1));
+    WEFTConnection& accepted = *m_connector.connection(0);
+
+    const auto dis = eudpwire::packet("DIS", 0);
+    tavo::UdpSocket stranger;
+    for (const uint16 port : {accepted.getLocalPort(), connection.getLocalPort()})
+    {
+        ASSERT_EQ(stranger.sendTo(dis.data(), static_cast<int>(dis.size()),
+                                  HostAddress::loopbackIpv6(), port),
+                  static_cast<int>(dis.size()));
+    }
+    // Both ends log under the client's port: the accepted transport names its peer.
+    const std::string line =
+        "WEFT/EUDP[" + std::to_string(connection.getLocalPort()) +
+        "]: ignoring a datagram from [::1]:" + std::to_string(stranger.getLocalPort()) +
+        " (not the peer)";
+    ASSERT_TRUE(log().waitFor(line, 10s, 2)) << line;
+    ASSERT_TRUE(connection.subscribe("after"));
+    ASSERT_TRUE(arrives(m_serverEvents, Event{"subscribe", "after", ""}));
+    ASSERT_TRUE(accepted.updateState("after", ParameterValue(1)));
+    ASSERT_TRUE(arrives(clientEvents, Event{"update", "after", "1"}));
+    const auto events = clientEvents.events();
+    EXPECT_EQ(std::count(events.begin(), events.end(), Event{"status", "client", "disconnected"}),
+              0);
+    listener.shutdown(-1);
+}
+
+} // namespace
