@@ -55,6 +55,8 @@ public:
     WEFTConnection& operator=(const WEFTConnection&) = delete;
 
     // Connects, starts the receive thread and reports CONN_STATUS_CONNECTED.
+    // `host` is a name (its IPv4 address when it has one) or an IPv4 or IPv6
+    // address ("::1" or "[::1]").
     bool connect(const std::string& host, unsigned short port, IWEFTClient* client);
     // Starts (or restarts) the receive thread.
     bool start();
@@ -86,6 +88,8 @@ public:
     // window requests; a server sets it in onConnection, before the first
     // request is answered.
     void setNegotiationObserver(IWEFTNegotiationObserver* observer);
+    // The peer's address as text: "10.1.2.3", "::1"; an IPv4 client of a
+    // listener on :: shows as IPv4, not as ::ffff:10.1.2.3.
     std::string getPeerAddress() const;
     unsigned short getPeerPort() const;
     unsigned short getLocalPort() const;

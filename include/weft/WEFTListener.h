@@ -40,7 +40,9 @@ public:
     WEFTListener& operator=(const WEFTListener&) = delete;
 
     // Starts listening on the listener's thread; always true (see
-    // waitForListen to learn whether the address could be bound).
+    // waitForListen to learn whether the address could be bound). `host` is
+    // a name or an IPv4 or IPv6 address ("127.0.0.1", "::1", "[::1]"); "::"
+    // takes clients of both families (see setDualStack).
     bool listen(const std::string& host, unsigned short port, IWEFTConnector* connector);
     bool start();
     // The accept loop; runs on the listener's thread.
