@@ -179,13 +179,18 @@ void ServerCore::listen(const std::string& host, unsigned short port)
     m_listener->listen(host, port, this);
     if (!m_listener->waitForListen(LISTEN_WAIT_MS))
     {
+        const std::string why = m_listener->getListenError();
         m_listener->shutdown(-1);
         m_listener.reset();
         m_closing = true;
         m_events.end();
-        throw WeftError("cannot listen on " + (host.empty() ? std::string("0.0.0.0") : host) + ":" +
+        const std::string where = host.empty() ? std::string("0.0.0.0") : host;
+        // An IPv6 address goes in brackets before its port.
+        const bool ipv6 = where.find(':') != std::string::npos && where.front() != '[';
+        throw WeftError("cannot listen on " + (ipv6 ? "[" + where + "]" : where) + ":" +
                         std::to_string(port) + " over " +
-                        (m_transport == TRANSPORT_TCP ? "tcp" : "eudp"));
+                        (m_transport == TRANSPORT_TCP ? "tcp" : "eudp") +
+                        (why.empty() ? std::string() : ": " + why));
     }
     m_port = m_listener->getLocalPort();
 }
