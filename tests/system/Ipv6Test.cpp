@@ -74,13 +74,6 @@ TEST_P(Ipv6Test, IPv6AndIPv4ClientsOfAnIPv6ListenerTalkBothWaysAndStrangersCanno
         ASSERT_TRUE(m_serverEvents.waitFor(Event{"subscribe", target, ""}));
         ASSERT_TRUE(accepted.updateState(target, ParameterValue(0.5f)));
         ASSERT_TRUE(clientEvents.waitFor(Event{"update", target, "0.5"}));
-
-        // The port is taken, for IPv4 too when on ::, and the error says so.
-        const std::string taken = host == std::string("::") ? "127.0.0.1" : host;
-        WEFTListener second(GetParam());
-        second.listen(taken, port, &m_connector);
-        EXPECT_FALSE(second.waitForListen(10000));
-        EXPECT_EQ(second.getListenError(), "address in use");
         connection.disconnect();
         listener.shutdown(-1);
     }

@@ -351,9 +351,12 @@ class Ipv6Test(ToolTest):
                 self.assertIn("connected to %s over %s" % (target, transport), client.lines[0])
                 self.assertIn('update "level" 0.5', client.lines)
                 self.assertTrue(server.event("connected")["peer"].startswith(peer), server.transcript())
-            refused = self.start("connect", "-6", "127.0.0.1:%d" % port, "-t", transport, stdin=False)
-            self.assertEqual(refused.wait(), 1, refused.transcript())
-            self.assertIn("'127.0.0.1' is not an IPv6 address (-6)", refused.err)
+            for args, reason in ((["connect", "-6", "127.0.0.1:%d" % port], "'127.0.0.1' is not an IPv6 address"),
+                                 (["serve", "--host", "::1", "--port", str(port)],
+                                  "WEFT: cannot bind [::1]:%d: address in use" % port)):
+                refused = self.start(*args, "-t", transport, stdin=False)
+                self.assertEqual(refused.wait(), 1, refused.transcript())
+                self.assertIn(reason, refused.err)
 
 
 class UsageTest(ToolTest):
