@@ -157,6 +157,8 @@ TEST(TimerTest, RemovedAndUnsetCallbacksAreNotCalled)
     kept.timer.start(1000, true);
     ASSERT_TRUE(kept.fired.waitFor(1, 5s));
     EXPECT_EQ(removed.fired.get(), 0);
+    // The pass that fired may still be calling `unset`, which ends first.
+    kept.timer.stop();
     kept.timer.removeCallback(&unset);
 }
 
