@@ -20,10 +20,6 @@ constexpr auto C2S = RelayDirection::ClientToServer;
 // A plain UDP socket on 127.0.0.1 playing a client or a server.
 struct Peer : RawUdpSocket
 {
-    void send(uint16_t to, const std::string& bytes)
-    {
-        EXPECT_EQ(RawUdpSocket::send(to, bytes), static_cast<ssize_t>(bytes.size()));
-    }
     // The next datagram within `timeout` (0: only one already waiting), or an empty one.
     std::pair<std::string, uint16_t> receive(std::chrono::milliseconds timeout = WAIT)
     {
