@@ -14,6 +14,7 @@ namespace
 {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 constexpr auto WAIT = 5000ms;
 constexpr auto C2S = RelayDirection::ClientToServer;
 
@@ -95,7 +96,7 @@ TEST(ImpairmentRelayTest, SessionsCarryBytesUnchangedFollowTheServersNewPortAndE
                           8);
     path.client.send(path.relay.getPort(), cmd); // to the listening port while no other is known
     path.client.send(path.relay.getPort(), con);
-    other.send(path.relay.getPort(), "other");
+    other.send(path.relay.getPort(), "other"s);
     EXPECT_EQ(path.server.receive().first, cmd);
     const auto firstCon = path.server.receive();
     EXPECT_EQ(firstCon.first, con);
@@ -105,7 +106,7 @@ TEST(ImpairmentRelayTest, SessionsCarryBytesUnchangedFollowTheServersNewPortAndE
     EXPECT_EQ(path.relay.getSessionCount(), 2u);
 
     const std::string answer(1400, '\xab');
-    path.server.send(fromOther.second, "to other");
+    path.server.send(fromOther.second, "to other"s);
     accepted.send(firstCon.second, answer);
     EXPECT_EQ(other.receive().first, "to other");
     EXPECT_EQ(path.client.receive(), std::make_pair(answer, path.relay.getPort()));
@@ -184,7 +185,7 @@ TEST(ImpairmentRelayTest, DropsDelaysDuplicatesAndReordersFollowTheirSettingsRep
         // Destroyed without stop, with a datagram queued and a session open.
         ImpairmentRelay unstopped(path.server.port(), 8);
         unstopped.setImpairment(Impairment{.delay = 1h});
-        path.client.send(unstopped.getPort(), "queued");
+        path.client.send(unstopped.getPort(), "queued"s);
         EXPECT_TRUE(eventually([&] { return unstopped.getCounts(C2S).delayed == 1; }, WAIT));
     }
     EXPECT_EQ(runs[0], runs[1]);
