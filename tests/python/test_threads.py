@@ -51,15 +51,12 @@ def test_closing_from_inside_a_callback(transport, where, closer):
         conn = args[0] if isinstance(args[0], weft.Connection) else None
         closer(endpoints["server"], endpoints.get("client"), conn)
 
-    def on_status(status):
-        if status == "disconnected":
-            ended.set()
-
     on_server = {where: close} if where != "on_trigger" else {}
     on_client = {where: close} if where == "on_trigger" else {}
     with weft.listen("127.0.0.1", 0, transport=transport, **on_server) as server:
         endpoints["server"] = server
-        client = connect(transport, server, on_status=on_status, **on_client)
+        client = connect(transport, server, **on_client,
+                         on_status=lambda status: status == "disconnected" and ended.set())
         endpoints["client"] = client
         if where == "on_trigger":
             expect(server, "connected")
@@ -93,8 +90,7 @@ def test_closing_while_callbacks_fire_waits_for_them_and_no_more_run(transport):
             except weft.Error:
                 return
 
-        pump = threading.Thread(target=flood)
-        pump.start()
+        (pump := threading.Thread(target=flood)).start()
         assert many.wait(WAIT)
         client.close()
         after = len(calls)

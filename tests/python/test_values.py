@@ -15,7 +15,7 @@ def f32(number):
 # (sent, received): floats travel as 32-bit floats, text as UTF-8 with
 # undecodable bytes carried as lone surrogates.
 VALUES = [(0, 0), (-2**31, -2**31), (2**31 - 1, 2**31 - 1), (True, True), (False, False),
-          (0.5, 0.5), (0.1, f32(0.1)), (-3.4e38, f32(-3.4e38)), (float("inf"), float("inf")),
+          (0.1, f32(0.1)), (-3.4e38, f32(-3.4e38)), (float("inf"), float("inf")),
           ("", ""), ("ünï ✓", "ünï ✓"), ("\udcff", "\udcff"), (None, None)]
 
 
@@ -57,7 +57,6 @@ REFUSED = [
     ("NUL in a string", lambda c: c.call("f", v="a\0b"), ValueError),
     ("NUL in a name", lambda c: c.subscribe("a\0b"), ValueError),
     ("bytes", lambda c: c.call("f", v=b"x"), TypeError),
-    ("a list", lambda c: c.call("f", v=[1]), TypeError),
     ("a name not str", lambda c: c.call("f", {1: 2}), TypeError),
     ("256 parameters", lambda c: c.call("f", {f"p{i}": i for i in range(256)}), ValueError),
     ("name too long", lambda c: c.subscribe("n" * 1488), ValueError),

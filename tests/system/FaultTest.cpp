@@ -4,8 +4,7 @@
 // process killed mid-stream: tool/test_weft_tool.py, SignalTest.)
 
 #include "ImpairmentRelay.h"
-#include "support/Recorders.h"
-#include "support/WeftFixture.h"
+#include "support/ListenerFixture.h"
 
 #include <weft/WEFTConnection.h>
 #include <weft/WEFTListener.h>
@@ -14,13 +13,10 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace
@@ -41,20 +37,7 @@ long threadCount()
     return count;
 }
 
-// The names of the events of one kind, in order.
-std::vector<std::string> namesOf(const EventLog& log, const std::string& kind)
-{
-    std::vector<std::string> names;
-    for (const Event& event : log.events())
-    {
-        if (event.kind == kind)
-        {
-            names.push_back(event.name);
-        }
-    }
-    return names;
-}
-
+// The names, in order, that the senders below use.
 std::vector<std::string> numbered(const std::string& prefix, int count)
 {
     std::vector<std::string> names;
@@ -65,36 +48,15 @@ std::vector<std::string> numbered(const std::string& prefix, int count)
     return names;
 }
 
-// A listener on a free loopback port with a collecting connector.
-class FaultTest : public WeftFixture
+class FaultTest : public ListenerFixture
 {
-protected:
-    void startListener(ETransport transport)
-    {
-        m_listener = std::make_unique<WEFTListener>(transport);
-        m_listener->listen("127.0.0.1", 0, &m_connector);
-        ASSERT_TRUE(m_listener->waitForListen(10000));
-        m_port = m_listener->getLocalPort();
-    }
-
-    void TearDown() override
-    {
-        m_listener.reset();
-        m_connector.closeAll();
-        WeftFixture::TearDown();
-    }
-
-    EventLog m_serverEvents;
-    CollectingConnector m_connector{m_serverEvents};
-    std::unique_ptr<WEFTListener> m_listener;
-    uint16 m_port = 0;
 };
 
 // ---- a silent network ----
 
 TEST_F(FaultTest, ReliableConnectionsLoseNothingWhenTheNetworkIsSilentForAWhile)
 {
-    startListener(TRANSPORT_EUDP);
+    listen(TRANSPORT_EUDP);
     ImpairmentRelay relay(m_port, 5);
     EventLog clientEvents;
     Recorder client(clientEvents);
@@ -129,8 +91,8 @@ TEST_F(FaultTest, ReliableConnectionsLoseNothingWhenTheNetworkIsSilentForAWhile)
 
     EXPECT_TRUE(m_serverEvents.waitFor(2 + total, 60s));
     EXPECT_TRUE(clientEvents.waitFor(1 + total, 60s));
-    EXPECT_EQ(namesOf(m_serverEvents, "subscribe"), numbered("c", total));
-    EXPECT_EQ(namesOf(clientEvents, "update"), numbered("s", total));
+    EXPECT_EQ(m_serverEvents.namesOf("subscribe"), numbered("c", total));
+    EXPECT_EQ(clientEvents.namesOf("update"), numbered("s", total));
     EXPECT_EQ(clientEvents.countOf(Event{"status", "client", "disconnected"}), 0);
     EXPECT_EQ(m_serverEvents.countOf(Event{"status", "server0", "disconnected"}), 0);
     // Repeats went into the silence: a go-back each retransmission time.
@@ -147,7 +109,7 @@ class FaultPerTransport : public FaultTest, public ::testing::WithParamInterface
 TEST_P(FaultPerTransport, DisconnectRacingWithSendsAndTheReceiveLoopAlwaysReturns)
 {
     const bool eudp = GetParam() == TRANSPORT_EUDP;
-    startListener(GetParam());
+    listen(GetParam());
     constexpr int rounds = 24;
     for (int round = 0; round < rounds; ++round)
     {
@@ -155,8 +117,7 @@ TEST_P(FaultPerTransport, DisconnectRacingWithSendsAndTheReceiveLoopAlwaysReturn
         const std::string who = "server" + std::to_string(round);
         EventLog clientEvents;
         Recorder client(clientEvents);
-        auto connection = std::make_unique<WEFTConnection>(GetParam());
-        ASSERT_TRUE(connection->connect("127.0.0.1", m_port, &client));
+        auto connection = connectClient(&client);
         // The listener has finished handing it over.
         ASSERT_TRUE(m_serverEvents.waitFor(Event{"status", who, "connected"}));
         WEFTConnection* const server = m_connector.connection(round);
@@ -217,40 +178,34 @@ TEST_P(FaultPerTransport, ConnectionsOutliveTheirListenerAndCanBeDestroyedInEver
     // here, it does not count against the connections.
     tavo::Timer().isRunning();
     const long threadsBefore = threadCount();
-    startListener(GetParam());
+    listen(GetParam());
     EventLog clientEvents;
     Recorder client(clientEvents);
     {
         // Destroyed while connected: the destructor disconnects it.
-        WEFTConnection connected(GetParam());
-        ASSERT_TRUE(connected.connect("127.0.0.1", m_port, &client));
+        auto connected = connectClient(&client);
         ASSERT_TRUE(m_serverEvents.waitFor(2));
     }
     ASSERT_TRUE(m_serverEvents.waitFor(3, 20s));
     EXPECT_EQ(m_serverEvents.events().back(), (Event{"status", "server0", "disconnected"}));
     {
-        WEFTConnection disconnected(GetParam());
-        ASSERT_TRUE(disconnected.connect("127.0.0.1", m_port, &client));
+        auto disconnected = connectClient(&client);
         ASSERT_TRUE(m_serverEvents.waitFor(5));
-        disconnected.disconnect();
+        disconnected->disconnect();
     }
     {
         // Its listener goes; it lives on until its peer ends it, then is
         // destroyed without a disconnect.
-        WEFTConnection orphaned(GetParam());
-        ASSERT_TRUE(orphaned.connect("127.0.0.1", m_port, &client));
+        auto orphaned = connectClient(&client);
         ASSERT_TRUE(m_serverEvents.waitFor(8));
         m_listener.reset();
-        ASSERT_TRUE(orphaned.subscribe("after"));
+        ASSERT_TRUE(orphaned->subscribe("after"));
         ASSERT_TRUE(m_serverEvents.waitFor(Event{"subscribe", "after", ""}, 20s));
         m_connector.connection(2)->disconnect();
         ASSERT_TRUE(clientEvents.waitFor(6, 20s));
     }
-    {
-        // Nothing listens any more: TCP is refused at once, EUDP waits.
-        WEFTConnection failed(GetParam());
-        EXPECT_FALSE(failed.connect("127.0.0.1", m_port, &client));
-    }
+    // Nothing listens any more: TCP is refused at once, EUDP waits.
+    EXPECT_FALSE(WEFTConnection(GetParam()).connect("127.0.0.1", m_port, &client));
     const std::vector<Event> expected = {
         {"status", "client", "connected"}, {"status", "client", "disconnected"},
         {"status", "client", "connected"}, {"status", "client", "disconnected"},

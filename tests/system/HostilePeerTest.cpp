@@ -4,9 +4,8 @@
 // docs/security.md.
 
 #include "support/EudpWire.h"
+#include "support/ListenerFixture.h"
 #include "support/RawUdpSocket.h"
-#include "support/Recorders.h"
-#include "support/WeftFixture.h"
 
 #include <weft/Constants.h>
 #include <weft/WEFTConnection.h>
@@ -50,21 +49,13 @@ public:
 
 // A server that keeps every connection it accepts, and one well-behaved
 // client of it.
-class HostilePeerTest : public WeftFixture
+class HostilePeerTest : public ListenerFixture
 {
 protected:
-    void SetUp() override
-    {
-        WeftFixture::SetUp();
-        m_connector = std::make_unique<CollectingConnector>(m_serverEvents);
-    }
-
     void TearDown() override
     {
         m_good.reset();
-        m_listener.reset();
-        m_connector.reset();
-        WeftFixture::TearDown();
+        ListenerFixture::TearDown();
     }
 
     void startServer(ETransport transport, bool strict = false,
@@ -73,9 +64,7 @@ protected:
         m_listener = std::make_unique<WEFTListener>(transport);
         m_listener->setStrictPeer(strict);
         m_listener->setHalfOpenLimit(halfOpenLimit);
-        m_listener->listen("127.0.0.1", 0, m_connector.get());
-        ASSERT_TRUE(m_listener->waitForListen(10000));
-        m_port = m_listener->getLocalPort();
+        listen(transport);
     }
 
     // Connects the good client to `port` (the listener's when 0).
@@ -83,9 +72,9 @@ protected:
     {
         m_good = std::make_unique<WEFTConnection>(transport);
         m_good->setStrictPeer(strict);
-        const int before = m_connector->accepted();
+        const int before = m_connector.accepted();
         ASSERT_TRUE(m_good->connect("127.0.0.1", port != 0 ? port : m_port, &m_client));
-        ASSERT_TRUE(m_connector->waitForConnections(before + 1, 10s));
+        ASSERT_TRUE(m_connector.waitForConnections(before + 1, 10s));
         m_goodIndex = before;
     }
 
@@ -95,7 +84,7 @@ protected:
         ASSERT_TRUE(m_good->subscribe(tag));
         ASSERT_TRUE(m_serverEvents.waitFor(Event{"subscribe", tag, ""}, 20s))
             << tag << " did not reach the server";
-        ASSERT_TRUE(m_connector->connection(m_goodIndex)->updateState(tag, ParameterValue(1)));
+        ASSERT_TRUE(m_connector.connection(m_goodIndex)->updateState(tag, ParameterValue(1)));
         ASSERT_TRUE(m_clientEvents.waitFor(Event{"update", tag, "1"}, 20s))
             << tag << " did not reach the client";
     }
@@ -104,7 +93,7 @@ protected:
     // peer's (the client's, or the relay's).
     uint16 serverPort(bool peer)
     {
-        WEFTConnection* server = m_connector->connection(m_goodIndex);
+        WEFTConnection* server = m_connector.connection(m_goodIndex);
         return peer ? server->getPeerPort() : server->getLocalPort();
     }
 
@@ -113,10 +102,6 @@ protected:
         return "WEFT/EUDP[" + std::to_string(port) + "]: " + text;
     }
 
-    EventLog m_serverEvents;
-    std::unique_ptr<CollectingConnector> m_connector;
-    std::unique_ptr<WEFTListener> m_listener;
-    uint16 m_port = 0;
     EventLog m_clientEvents;
     Recorder m_client{m_clientEvents};
     std::unique_ptr<WEFTConnection> m_good;
@@ -148,7 +133,7 @@ TEST_F(HostilePeerTest, AHalfOpenLimitIgnoresFurtherConsUntilOneCompletesOrClose
     const std::string ignored = eudpLine(0, "too many half-open connections (ignoring CON)");
     ASSERT_TRUE(log().waitFor(ignored, 10s));
     EXPECT_EQ(log().levelOf(ignored), 3);
-    EXPECT_EQ(m_connector->accepted(), 3);
+    EXPECT_EQ(m_connector.accepted(), 3);
     ASSERT_NO_FATAL_FAILURE(exchange("at the limit"));
 
     // One answers its ACK: its connection is complete and frees a place.
@@ -158,21 +143,21 @@ TEST_F(HostilePeerTest, AHalfOpenLimitIgnoresFurtherConsUntilOneCompletesOrClose
         [&]
         {
             third.send(m_port, packet("CON", 0));
-            return m_connector->accepted() == 4;
+            return m_connector.accepted() == 4;
         },
         10s));
     // The limit is reached again, until the silent ones close.
     RawUdp fourth;
     fourth.send(m_port, packet("CON", 0));
     EXPECT_EQ(fourth.sourceOfNext(ack, 200), 0);
-    EXPECT_EQ(m_connector->accepted(), 4);
+    EXPECT_EQ(m_connector.accepted(), 4);
     ASSERT_TRUE(m_serverEvents.waitFor(Event{"status", "server2", "disconnected"}, 20s));
     // Its receive thread gives the place back as it ends, just after.
     EXPECT_TRUE(eventually(
         [&]
         {
             fourth.send(m_port, packet("CON", 0));
-            return m_connector->accepted() == 5;
+            return m_connector.accepted() == 5;
         },
         10s));
     ASSERT_NO_FATAL_FAILURE(exchange("after"));
