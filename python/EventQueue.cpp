@@ -188,6 +188,8 @@ py::object EventIterator::next()
         {
             py::gil_scoped_release release;
             result = m_queue.pop(record, slice);
+            // A daemon thread iterating at exit stays here.
+            runtime::parkIfExiting();
         }
         if (result == EventQueue::WAIT_EVENT)
         {

@@ -5,6 +5,7 @@
 #include <tavo/LogManager.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -135,6 +136,22 @@ void checkRunning()
     if (s.stopping)
     {
         throw WeftError("weft has shut down: the interpreter is exiting");
+    }
+}
+
+void parkIfExiting()
+{
+    State& s = state();
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (!s.stopping)
+        {
+            return;
+        }
+    }
+    for (;;)
+    {
+        std::this_thread::sleep_for(std::chrono::hours(1));
     }
 }
 

@@ -43,6 +43,11 @@ void start();
 void stop();
 // Throws WeftError once stop() has begun.
 void checkRunning();
+// On a thread that has let go of the GIL: once the interpreter is exiting it
+// must not take the GIL back (Python ends such a thread by unwinding it
+// through frames that cannot be unwound, which aborts the process), so it
+// waits here until the process is gone.
+void parkIfExiting();
 void enroll(const std::shared_ptr<IEndpoint>& endpoint);
 // Runs `job` without the GIL on a thread of the module: a library thread
 // cannot close its own connection, since closing waits for that thread.
