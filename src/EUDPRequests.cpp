@@ -252,7 +252,9 @@ void EUDPTransport::releaseModeRequests()
 
 void EUDPTransport::drainReliable()
 {
-    if (m_peerPort == 0)
+    // The connecting side only: an ending client's last requests must
+    // arrive; a server that closes is ending its own work.
+    if (m_peerPort == 0 || m_conArg == NO_CON)
     {
         return;
     }

@@ -63,13 +63,15 @@ void RunThreadC::run()
 
 WEFTConnection::WEFTConnection(ETransport transport)
     : m_pTransport(TransportFactory::create(transport)), m_pClient(nullptr), m_pServer(nullptr),
-      m_pLog(weftLogOutput()), m_pThread(nullptr)
+      m_pLog(weftLogOutput()), m_pThread(new RunThreadC(this))
 {
 }
 
 WEFTConnection::WEFTConnection(IWEFTTransport* transport)
     : m_pTransport(transport), m_pClient(nullptr), m_pServer(nullptr), m_pLog(weftLogOutput()),
-      m_pThread(nullptr)
+      // Made here, not when the thread starts: the application may
+      // disconnect a connection it was handed while the listener starts it.
+      m_pThread(new RunThreadC(this))
 {
 }
 
@@ -113,10 +115,6 @@ bool WEFTConnection::connect(const std::string& host, unsigned short port, IWEFT
 
 bool WEFTConnection::start()
 {
-    if (m_pThread == nullptr)
-    {
-        m_pThread = new RunThreadC(this);
-    }
     // An accepted EUDP connection held its client's mode requests until the
     // application had its say in onConnection; that is over now.
     TransportFactory::releaseHeldModeRequests(*m_pTransport);
