@@ -22,7 +22,7 @@ fi
 
 echo "=== fuzz: build"
 CC=clang CXX=clang++ cmake -S "$root" -B "$dir" -G Ninja -DWEFT_WERROR=ON -DWEFT_BUILD_FUZZ=ON \
-    -DWEFT_SANITIZE=address -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWEFT_BUILD_BENCH=OFF \
+    -DWEFT_SANITIZE=address -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -g1 -DNDEBUG" -DWEFT_BUILD_BENCH=OFF \
     -DWEFT_BUILD_TOOLS=OFF -DWEFT_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$dir" -j "$(nproc)" --target fuzzers
 

@@ -1,10 +1,9 @@
 #include "ConnectCommand.h"
 
-#include "Choice.h"
 #include "Common.h"
+#include "HostLookup.h"
 #include "Input.h"
 #include "MessageSize.h"
-#include "Options.h"
 #include "Printer.h"
 #include "Signals.h"
 #include "ValueSyntax.h"
@@ -14,8 +13,6 @@
 #include <weft/WEFTConnection.h>
 
 #include <tavo/HostAddress.h>
-
-#include <CLI/CLI.hpp>
 
 #include <atomic>
 #include <charconv>
@@ -28,12 +25,7 @@
 namespace weftcli
 {
 
-namespace
-{
-
-const char* const COMMAND = "weft connect";
-
-const char* const COMMANDS_HELP = R"(commands on stdin (one per line; quote words with spaces):
+const char* const CONNECT_STDIN_HELP = R"(commands on stdin (one per line; quote words with spaces):
   sub NAME                 subscribe to NAME
   unsub NAME               unsubscribe from NAME
   call NAME [K=VALUE ...]  call the function NAME with a parameter list
@@ -43,8 +35,13 @@ const char* const COMMANDS_HELP = R"(commands on stdin (one per line; quote word
   help                     this list
   quit                     disconnect and exit)";
 
-const std::map<std::string, EConnMode> MODES{{"realtime", CONN_MODE_REALTIME},
-                                             {"reliable", CONN_MODE_RELIABLE}};
+const std::map<std::string, EConnMode> CONNECT_MODES{{"realtime", CONN_MODE_REALTIME},
+                                                     {"reliable", CONN_MODE_RELIABLE}};
+
+namespace
+{
+
+const char* const COMMAND = "weft connect";
 
 // Prints what arrives; tells the main thread when the connection drops or
 // the wanted number of messages is in.
@@ -295,8 +292,8 @@ bool runCommand(Requests& requests, Printer& printer, const std::string& line)
     }
     else if (verb == "send-mode" || verb == "receive-mode")
     {
-        const auto mode = MODES.find(words[1]);
-        if (mode == MODES.end())
+        const auto mode = CONNECT_MODES.find(words[1]);
+        if (mode == CONNECT_MODES.end())
         {
             requests.failed("mode must be realtime or reliable");
         }
@@ -322,7 +319,7 @@ bool runCommand(Requests& requests, Printer& printer, const std::string& line)
     }
     else if (verb == "help")
     {
-        printer.line(COMMANDS_HELP);
+        printer.line(CONNECT_STDIN_HELP);
     }
     else if (verb == "quit")
     {
@@ -369,69 +366,6 @@ bool sendInitialRequests(const ConnectOptions& options, Requests& requests)
 }
 
 } // namespace
-
-CLI::App* addConnectCommand(CLI::App& app, ConnectOptions& options)
-{
-    CLI::App* connect = app.add_subcommand(
-        "connect", "Connect to a server, subscribe and call functions, and print every "
-                   "trigger and state update that arrives.");
-    connect
-        ->add_option("target", options.target,
-                     "HOST or HOST:PORT, [IPV6]:PORT for an IPv6 address with a port (port " +
-                         std::to_string(WEFT_TOOL_DEFAULT_PORT) + " when none is given)")
-        ->required();
-    addChoice<ETransport>(*connect, "-t,--transport", options.transport,
-                          {{"tcp", TRANSPORT_TCP}, {"eudp", TRANSPORT_EUDP}}, "transport")
-        ->default_str("tcp");
-    addFamilyFlags(*connect, options.family);
-    connect->add_option("-s,--subscribe", options.subscribe, "subscribe to NAME (repeatable)")
-        ->type_name("NAME");
-    connect
-        ->add_option("-c,--call", options.calls,
-                     "call NAME with NAME=VALUE parameters (repeatable)")
-        ->type_name("NAME [K=VALUE ...]")
-        ->expected(1, CLI::detail::expected_max_vector_size);
-    const std::vector<std::pair<std::string, EConnMode>> modes(MODES.begin(), MODES.end());
-    addChoice(*connect, "--send-mode", options.sendMode, modes,
-              "EUDP: the mode the server sends to this client in");
-    addChoice(*connect, "--receive-mode", options.receiveMode, modes,
-              "EUDP: the mode the server receives from this client in");
-    connect
-        ->add_option("--window", options.window,
-                     "EUDP: how many messages the server may have in flight")
-        ->check(CLI::Range(1u, EUDP_RING_CAPACITY - 1));
-    connect->add_option("-n,--count", options.count, "exit 0 after N triggers and updates")
-        ->check(CLI::Range(1, INT_MAX));
-    addTimeOption(*connect, "--timeout", options.timeout, false,
-                  "stop after TIME, the connect included (2, 1.5s, 500ms); exit 3 if --count "
-                  "was not reached, 1 if the connection was not made");
-    connect->add_flag("--json", options.json, "print one JSON object per event (JSON Lines)");
-    addTimestampsFlag(*connect, options.timestamps);
-    connect->footer(std::string(COMMANDS_HELP) + R"(
-
-Values are typed (i:5 f:0.5 b:on s:text) or inferred (42, 0.5, on/off/
-true/false, anything else a string); strings print in double quotes. Put HOST
-before --call, whose parameters run to the next option. A message carries at
-most 1488 bytes after its header: the name and its zero byte, then the value
-(a string takes its length plus 2) or the parameters. A request that does not
-fit is refused, never sent cut short.
-
-The client ends at the end of stdin, unless --count or --timeout says what to
-wait for. Exit status: 0 done, 1 the connection failed or dropped, or a
-request was refused or not understood, 2 bad arguments (a request too large
-on the command line too), 3 --timeout passed first, 130 Ctrl-C. SIGTERM ends
-it cleanly with the status it would have had (143 while a connect or a mode
-request still waits).
-
-examples:
-  weft connect localhost --subscribe level
-  weft connect 127.0.0.1:7420 -s level -n 1 --json < /dev/null
-  weft connect '[::1]:7420' -t eudp -s level
-  weft connect studio:7420 --call play clip=intro loop=on gain=f:0.5
-  weft connect localhost -t eudp --send-mode reliable --window 32 -s level
-  echo 'call stop' | weft connect localhost)");
-    return connect;
-}
 
 std::string checkConnectOptions(const ConnectOptions& options)
 {

@@ -9,6 +9,7 @@
 #include <tavo/HostAddress.h>
 
 #include <chrono>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,11 @@ struct ConnectOptions
     bool timestamps = false;
 };
 
+// The commands read from stdin, as help prints them; the modes they name.
+extern const char* const CONNECT_STDIN_HELP;
+extern const std::map<std::string, EConnMode> CONNECT_MODES;
+
+// In CommandLine.cpp, with every subcommand's options.
 CLI::App* addConnectCommand(CLI::App& app, ConnectOptions& options);
 // What is wrong with a parsed set of options; empty when nothing is.
 std::string checkConnectOptions(const ConnectOptions& options);

@@ -1,6 +1,5 @@
 #include "DemoCommand.h"
 
-#include "Choice.h"
 #include "Common.h"
 #include "ValueSyntax.h"
 
@@ -10,8 +9,6 @@
 #include <weft/IWEFTServer.h>
 #include <weft/WEFTConnection.h>
 #include <weft/WEFTListener.h>
-
-#include <CLI/CLI.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -348,25 +345,6 @@ bool conversation(ETransport transport)
 }
 
 } // namespace
-
-CLI::App* addDemoCommand(CLI::App& app, DemoOptions& options)
-{
-    CLI::App* demo = app.add_subcommand(
-        "demo", "Run a server and a client in this process and show their conversation over "
-                "loopback: TCP, then EUDP.");
-    addChoice<std::string>(*demo, "-t,--transport", options.transport,
-                           {{"tcp", "tcp"}, {"eudp", "eudp"}, {"both", "both"}},
-                           "which conversations to run")
-        ->default_str("both");
-    demo->footer(R"text(Lines "client -> server  ..." are requests as they are sent; lines
-"server: on...(...)" are the callbacks that received them. The demo waits for
-each callback and exits 1 naming the step that did not happen.
-
-examples:
-  weft demo
-  weft demo --transport eudp -v)text");
-    return demo;
-}
 
 int runDemo(const DemoOptions& options)
 {

@@ -18,6 +18,7 @@ struct DemoOptions
     std::string transport = "both"; // tcp, eudp or both
 };
 
+// In CommandLine.cpp, with every subcommand's options.
 CLI::App* addDemoCommand(CLI::App& app, DemoOptions& options);
 // 0 when every step was seen; 1 with the step that failed.
 int runDemo(const DemoOptions& options);

@@ -4,6 +4,7 @@
 // parser of its kind, so that every wrong one gets the same kind of message.
 // And -4/-6, with the host look-up they steer.
 
+#include "HostLookup.h"
 #include "ValueSyntax.h"
 
 #include <tavo/HostAddress.h>
@@ -106,32 +107,6 @@ inline void addFamilyFlags(CLI::App& app, tavo::EAddressFamily& family)
         "IPv6 only: names resolve to IPv6 addresses, and a listener on :: takes no IPv4 "
         "clients");
     v4->excludes(v6);
-}
-
-// `host` as an address of `family`; false, with `error` saying why, when it
-// has none.
-inline bool resolveHost(const std::string& host, tavo::EAddressFamily family,
-                        tavo::HostAddress& address, std::string& error)
-{
-    address = tavo::HostAddress(host, family);
-    if (address.isValid())
-    {
-        return true;
-    }
-    const tavo::HostAddress other(host);
-    const char* wanted = family == tavo::ADDRESS_FAMILY_IPV4 ? "IPv4" : "IPv6";
-    if (family != tavo::ADDRESS_FAMILY_ANY && other.isValid())
-    {
-        // An address of the other family, or a name that has only such.
-        error = other.getAddressString() == host
-                    ? "'" + host + "' is not an " + wanted + " address (-" + wanted[3] + ")"
-                    : "'" + host + "' has no " + wanted + " address";
-    }
-    else
-    {
-        error = "unknown host '" + host + "'";
-    }
-    return false;
 }
 
 inline CLI::Option* addTimestampsFlag(CLI::App& app, bool& timestamps)

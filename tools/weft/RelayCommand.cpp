@@ -1,9 +1,8 @@
 #include "RelayCommand.h"
 
-#include "Choice.h"
 #include "Common.h"
+#include "HostLookup.h"
 #include "Input.h"
-#include "Options.h"
 #include "Printer.h"
 #include "Signals.h"
 #include "ValueSyntax.h"
@@ -15,8 +14,6 @@
 #include <weft/Constants.h>
 
 #include <tavo/HostAddress.h>
-
-#include <CLI/CLI.hpp>
 
 #include <cstring>
 #include <map>
@@ -186,62 +183,6 @@ private:
 };
 
 } // namespace
-
-CLI::App* addRelayCommand(CLI::App& app, RelayCommandOptions& options)
-{
-    CLI::App* relay = app.add_subcommand(
-        "relay", "Stand between clients and a server, pass their traffic on (with loss, "
-                 "duplication, reordering or delay if asked) and print what passes.");
-    relay
-        ->add_option("--listen", options.listen,
-                     "[HOST:]PORT to take clients on (all IPv4 addresses when no HOST, all "
-                     "IPv6 ones with -6; [::]:PORT takes both; port 0 picks a free one)")
-        ->required()
-        ->type_name("[HOST:]PORT");
-    relay
-        ->add_option("--to", options.to,
-                     "HOST[:PORT] of the server (port " + std::to_string(WEFT_TOOL_DEFAULT_PORT) +
-                         " when none is given)")
-        ->required()
-        ->type_name("HOST[:PORT]");
-    addChoice<ETransport>(*relay, "-t,--transport", options.transport,
-                          {{"tcp", TRANSPORT_TCP}, {"eudp", TRANSPORT_EUDP}}, "transport")
-        ->default_str("tcp");
-    addFamilyFlags(*relay, options.family);
-    addPercentOption(*relay, "--drop", options.drop, "EUDP: drop this share of the datagrams");
-    addPercentOption(*relay, "--dup", options.duplicate,
-                     "EUDP: send this share of the datagrams twice");
-    addPercentOption(*relay, "--reorder", options.reorder,
-                     "EUDP: hold this share of the datagrams back behind the next one");
-    addTimeOption(*relay, "--delay", options.delay, true,
-                  "delay everything by TIME (20ms, 0.1s), both ways");
-    relay->add_option_function<uint32_t>(
-        "--seed", [&options](uint32_t seed) { options.seed = seed; },
-        "start the random choices from N, to repeat a run (default: a new seed, printed)");
-    relay->add_flag("--print", options.print,
-                    "print every message that passes, both ways (a retransmission again)");
-    relay->add_flag("--json", options.json, "print one JSON object per event (JSON Lines)");
-    addTimestampsFlag(*relay, options.timestamps);
-    relay->footer(R"(Each direction is impaired on its own, by the same rates. An EUDP relay
-follows each client to the port its connection was accepted on, like a NAT,
-and forgets a client after 30 s of silence. A TCP relay passes each
-connection on to a new one; TCP repairs loss itself, so --delay is the one
-impairment it takes.
-
-The first line says where the relay listens and what it does:
-"relaying eudp 0.0.0.0:7421 -> 127.0.0.1:7420, drop 5%, ...". Then one line
-per client, and with --print one per message: 'client 1 -> server  seq 4
-subscribe "level"  [dropped]' (EUDP: the datagram's sequence number and what
-the relay did with it). Ctrl-C stops it (exit 130), SIGTERM too (exit 0),
-each after a line with what passed each way.
-
-examples:
-  weft relay --listen 7421 --to localhost:7420 --print
-  weft relay -t eudp --listen 7421 --to studio:7420 --drop 5% --delay 20ms
-  weft relay -t eudp --listen 127.0.0.1:0 --to 127.0.0.1 --dup 1% --reorder 2% --seed 7 --json
-  weft relay -t eudp --listen '[::1]:7421' --to '[::1]:7420' --drop 5%)");
-    return relay;
-}
 
 std::string checkRelayOptions(const RelayCommandOptions& options)
 {

@@ -37,6 +37,7 @@ struct RelayCommandOptions
     bool timestamps = false;
 };
 
+// In CommandLine.cpp, with every subcommand's options.
 CLI::App* addRelayCommand(CLI::App& app, RelayCommandOptions& options);
 // What is wrong with a parsed set of options; empty when nothing is.
 std::string checkRelayOptions(const RelayCommandOptions& options);

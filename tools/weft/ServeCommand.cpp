@@ -1,11 +1,10 @@
 #include "ServeCommand.h"
 
 #include "AddressFilter.h"
-#include "Choice.h"
 #include "Common.h"
+#include "HostLookup.h"
 #include "Input.h"
 #include "MessageSize.h"
-#include "Options.h"
 #include "Outbox.h"
 #include "Printer.h"
 #include "Signals.h"
@@ -18,8 +17,6 @@
 #include <weft/WEFTConnection.h>
 #include <weft/WEFTListener.h>
 
-#include <CLI/CLI.hpp>
-
 #include <malloc.h>
 
 #include <map>
@@ -31,12 +28,7 @@
 namespace weftcli
 {
 
-namespace
-{
-
-const char* const COMMAND = "weft serve";
-
-const char* const COMMANDS_HELP = R"(commands on stdin (one per line; quote words with spaces):
+const char* const SERVE_STDIN_HELP = R"(commands on stdin (one per line; quote words with spaces):
   update NAME VALUE            store VALUE as NAME's state and send it to NAME's subscribers
   trigger NAME VALUE           send a trigger to NAME's subscribers
   broadcast update NAME VALUE  the same, to every connected client, subscribed or not
@@ -44,6 +36,11 @@ const char* const COMMANDS_HELP = R"(commands on stdin (one per line; quote word
   clients                      list the connected clients and their subscriptions
   help                         this list
   quit                         disconnect everyone and stop)";
+
+namespace
+{
+
+const char* const COMMAND = "weft serve";
 
 void allowed(EAllowModes modes, bool& realtime, bool& reliable)
 {
@@ -449,7 +446,7 @@ bool runCommand(Server& server, Printer& printer, const std::string& line)
     }
     if (!broadcast && verb == "help")
     {
-        printer.line(COMMANDS_HELP);
+        printer.line(SERVE_STDIN_HELP);
         return true;
     }
     if (!broadcast && verb == "quit")
@@ -461,75 +458,6 @@ bool runCommand(Server& server, Printer& printer, const std::string& line)
 }
 
 } // namespace
-
-CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
-{
-    CLI::App* serve = app.add_subcommand(
-        "serve", "Run a server that prints every connection, subscription and call, keeps the "
-                 "last value of each item and pushes values typed on stdin.");
-    addChoice<ETransport>(*serve, "-t,--transport", options.transport,
-                          {{"tcp", TRANSPORT_TCP}, {"eudp", TRANSPORT_EUDP}}, "transport")
-        ->default_str("tcp");
-    serve
-        ->add_option("-H,--host", options.host,
-                     "address to listen on; :: for every address of this host (IPv4 ones "
-                     "too), 0.0.0.0 for every IPv4 one")
-        ->default_str("127.0.0.1, ::1 with -6");
-    addFamilyFlags(*serve, options.family);
-    serve->add_option("--allow", options.allowFrom,
-                      "take clients only from these networks, comma-separated CIDR "
-                      "(10.0.0.0/8,192.168.1.7,fd00::/8)");
-    serve
-        ->add_option("--max-clients", options.maxClients,
-                     "at most this many clients at once; more are closed at once (0: no limit)")
-        ->capture_default_str();
-    serve
-        ->add_option("--max-subscriptions", options.maxSubscriptions,
-                     "items one client may subscribe to at once; more are refused")
-        ->capture_default_str();
-    options.port = WEFT_TOOL_DEFAULT_PORT;
-    addPortOption(*serve, "-p,--port", options.port, "port to listen on; 0 picks a free one")
-        ->default_str(std::to_string(WEFT_TOOL_DEFAULT_PORT));
-    const std::vector<std::pair<std::string, EAllowModes>> modes{
-        {"realtime", ALLOW_REALTIME}, {"reliable", ALLOW_RELIABLE}, {"both", ALLOW_BOTH}};
-    addChoice(*serve, "--allow-send", options.allowSend, modes,
-              "EUDP: the modes a client may ask this server to send in")
-        ->default_str("both");
-    addChoice(*serve, "--allow-receive", options.allowReceive, modes,
-              "EUDP: the modes a client may ask this server to receive in")
-        ->default_str("both");
-    serve->add_flag("--json", options.json, "print one JSON object per event (JSON Lines)");
-    addTimestampsFlag(*serve, options.timestamps);
-    serve->footer(std::string(COMMANDS_HELP) + R"(
-
-The server listens on loopback (127.0.0.1, or ::1 with -6) unless --host
-says otherwise, so only programs on this host reach it; --host :: opens it to
-the network on IPv6 and IPv4 (IPv6 only with -6), --host 0.0.0.0 on IPv4, and
---allow narrows who may then connect. IPv4 clients of a server on :: show
-with their plain IPv4 address.
-
-The first line says where the server listens: "listening on tcp 127.0.0.1:7420"
-or "listening on tcp [::1]:7420" (with --json: {"event":"listening",...}).
-Then one line per connection, subscription, call, EUDP mode or window request
-(granted or refused) and disconnection.
-
-Values are typed (i:5 f:0.5 b:on s:text n:) or inferred (42, 0.5, on/off/
-true/false, anything else a string); strings print in double quotes. A
-message carries at most 1488 bytes after its header (the name and its zero
-byte, then the value: a string takes its length plus 2); a push that does
-not fit is refused and the server goes on.
-
-The server runs on after the end of stdin. Ctrl-C stops it (exit 130),
-SIGTERM too (exit 0); each disconnects its clients first.
-
-examples:
-  weft serve --port 7420
-  weft serve --transport eudp --host 127.0.0.1 --port 0 --json
-  weft serve --host ::                         # IPv6 and IPv4 clients from anywhere
-  weft serve -t eudp --allow-send realtime     # refuse reliable sending
-  printf 'update level 0.5\n' | weft serve     # preset a value)");
-    return serve;
-}
 
 std::string checkServeOptions(const ServeOptions& options)
 {

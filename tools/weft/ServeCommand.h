@@ -46,6 +46,10 @@ struct ServeOptions
 };
 
 // Adds the subcommand and its options to the tool.
+// The commands read from stdin, as help prints them.
+extern const char* const SERVE_STDIN_HELP;
+
+// In CommandLine.cpp, with every subcommand's options.
 CLI::App* addServeCommand(CLI::App& app, ServeOptions& options);
 // What is wrong with a parsed set of options; empty when nothing is.
 std::string checkServeOptions(const ServeOptions& options);
