@@ -155,6 +155,16 @@ void EUDPTransport::renewForConnect()
     m_closed = false;
 }
 
+void EUDPTransport::sendCon(uint first, uint16 port, bool again)
+{
+    {
+        // Timed, so that the answer to a CON sent once measures the round trip.
+        tavo::MutexLock lock(m_sendMutex);
+        m_pSendWindow->connectionSent(std::chrono::steady_clock::now(), again);
+    }
+    sendPacket(EUDP_CON, first, port);
+}
+
 bool EUDPTransport::connect(const tavo::HostAddress& address, uint16 port)
 {
     TAVO_ASSERT(m_pSocket);
@@ -172,7 +182,7 @@ bool EUDPTransport::connect(const tavo::HostAddress& address, uint16 port)
     m_strayAck = false;
     // The first send binds the socket to a local port, which names the log
     // lines from then on; the receiver starts once there is a port to read.
-    sendPacket(EUDP_CON, first, port);
+    sendCon(first, port, false);
     m_logPort = getLocalPort();
     if (m_logPort == 0)
     {
@@ -191,7 +201,7 @@ bool EUDPTransport::connect(const tavo::HostAddress& address, uint16 port)
 
     const bool answered = askPeer(
         m_semConnected, m_pTimeouts->connect, m_pTimeouts->connectRepeat,
-        [&] { sendPacket(EUDP_CON, first, port); }, [] { return true; });
+        [&] { sendCon(first, port, true); }, [] { return true; });
     if (!answered)
     {
         if (m_closed)

@@ -190,7 +190,7 @@ void EUDPTransport::handleAck(uint arg, uint16 sourcePort)
         // The answer to our CON, from the accepted transport's new port.
         {
             tavo::MutexLock lock(m_sendMutex);
-            m_pSendWindow->acknowledgeConnection(seq);
+            m_pSendWindow->acknowledgeConnection(seq, std::chrono::steady_clock::now());
         }
         m_peerPort = sourcePort;
         m_semConnected.give();
@@ -202,6 +202,7 @@ void EUDPTransport::handleAck(uint arg, uint16 sourcePort)
 void EUDPTransport::processAck(int seq)
 {
     bool giveSpace = false;
+    bool wakeSender = false;
     {
         tavo::MutexLock lock(m_sendMutex);
         const auto now = std::chrono::steady_clock::now();
@@ -213,25 +214,32 @@ void EUDPTransport::processAck(int seq)
         // The window moved: what it lets out goes from this thread, at once.
         flushSendable(now);
         giveSpace = result.freed > 0 && m_spaceWaiters > 0;
+        wakeSender = senderWakesTooLate();
     }
-    if (giveSpace)
-    {
-        m_semSendSpace.give();
-    }
+    giveWakeups(wakeSender, giveSpace);
 }
 
 void EUDPTransport::processNak(int seq)
 {
     EUDPSendWindow::ENakResult result = EUDPSendWindow::NAK_IMPOSSIBLE;
+    bool giveSpace = false;
+    bool wakeSender = false;
     {
         tavo::MutexLock lock(m_sendMutex);
         const auto now = std::chrono::steady_clock::now();
+        const uint queuedBefore = m_pSendWindow->queued();
         result = m_pSendWindow->onNak(ModuloValue(seq), now);
-        if (result == EUDPSendWindow::NAK_RESEND || result == EUDPSendWindow::NAK_FILL)
+        if (result == EUDPSendWindow::NAK_RESEND || result == EUDPSendWindow::NAK_FILL ||
+            result == EUDPSendWindow::NAK_REPEATED)
         {
+            // A NAK also acknowledges what came before the gap: the window
+            // may have moved.
             flushSendable(now);
         }
+        giveSpace = m_pSendWindow->queued() < queuedBefore && m_spaceWaiters > 0;
+        wakeSender = senderWakesTooLate();
     }
+    giveWakeups(wakeSender, giveSpace);
     switch (result)
     {
     case EUDPSendWindow::NAK_FILL:
@@ -245,6 +253,7 @@ void EUDPTransport::processNak(int seq)
         log(tavo::LOG_LEVEL_WARNING)
             << "Received a NAK for a packet that had already been ACKed (ignoring)" << std::endl;
         break;
+    case EUDPSendWindow::NAK_REPEATED:
     case EUDPSendWindow::NAK_FILLING:
     case EUDPSendWindow::NAK_IMPOSSIBLE:
         break;

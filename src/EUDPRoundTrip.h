@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <optional>
 
@@ -28,6 +29,14 @@ public:
     // The smoothed round trip; unset before the first sample.
     std::optional<Duration> smoothed() const { return m_smoothed; }
     void setCeiling(Duration ceiling) { m_ceiling = ceiling; }
+    // How long a repeated packet is given before it may be repeated again
+    // on the peer's request: the time-out once the round trip is known, the
+    // floor before (the ceiling would leave a lost repeat unanswered for
+    // that long, while the peer keeps asking).
+    Duration repeatInterval() const
+    {
+        return m_smoothed ? timeout() : std::min(m_floor, m_ceiling);
+    }
 
 private:
     Duration m_floor;

@@ -40,6 +40,9 @@ void EUDPSendWindow::restart(ModuloValue next, ModuloValue acknowledged)
     m_reliableFrom = next;
     m_inFlight = 0;
     m_recoveryBudget = UNLIMITED;
+    m_missing.reset();
+    m_resendPending = false;
+    m_peerKeeps = false;
     m_fillLeft = 0;
     m_filledAt.reset();
 }
@@ -55,8 +58,22 @@ void EUDPSendWindow::discard()
     m_fillLeft = 0;
 }
 
-void EUDPSendWindow::acknowledgeConnection(ModuloValue conNumber)
+void EUDPSendWindow::connectionSent(TimePoint now, bool again)
 {
+    if (!again)
+    {
+        m_connection = Sent{now, 0};
+    }
+    ++m_connection.times;
+}
+
+void EUDPSendWindow::acknowledgeConnection(ModuloValue conNumber, TimePoint now)
+{
+    if (m_connection.times == 1 && now >= m_connection.at)
+    {
+        m_roundTrip.sample(std::chrono::duration_cast<Duration>(now - m_connection.at));
+    }
+    m_connection = Sent();
     m_lastAckedSeq = conNumber;
     m_lastSentSeq = conNumber;
 }
@@ -80,6 +97,8 @@ void EUDPSendWindow::startReliable()
     m_lastAckedSeq = m_lastSentSeq;
     m_inFlight = 0;
     m_recoveryBudget = UNLIMITED;
+    m_missing.reset();
+    m_resendPending = false;
     m_fillLeft = 0;
     m_filledAt.reset();
 }
@@ -96,7 +115,26 @@ const EUDPPacket* EUDPSendWindow::nextReliable(int window, TimePoint now)
         m_lastActivity = now;
         return &m_filler;
     }
-    if (m_sendBuffer.isEmpty() || window <= m_inFlight || m_recoveryBudget == 0)
+    if (m_sendBuffer.isEmpty() || window <= 0)
+    {
+        return nullptr;
+    }
+    if (m_resendPending)
+    {
+        // Already counted in flight: it goes whatever the window holds.
+        m_resendPending = false;
+        const int index = m_missing->distance(ModuloValue::fromArg(m_sendBuffer.front().getArg()));
+        if (index >= 0 && index < static_cast<int>(m_sendBuffer.size()))
+        {
+            Sent& sent = m_sentTimes.at(static_cast<uint>(index));
+            sent.at = now;
+            ++sent.times;
+            m_resentAt = now;
+            m_lastActivity = now;
+            return &m_sendBuffer.at(static_cast<uint>(index));
+        }
+    }
+    if (window <= m_inFlight || m_recoveryBudget == 0)
     {
         return nullptr;
     }
@@ -142,6 +180,16 @@ std::optional<EUDPSendWindow::TimePoint> EUDPSendWindow::retransmitDue() const
 void EUDPSendWindow::goBack(TimePoint now)
 {
     m_roundTrip.timedOut();
+    if (m_peerKeeps && !m_sendBuffer.isEmpty() && m_sentTimes.front().times > 0)
+    {
+        // Its acknowledgement says how much of what followed it arrived.
+        if (!m_missing)
+        {
+            m_recoveryPoint = m_lastSentSeq;
+        }
+        resend(ModuloValue::fromArg(m_sendBuffer.front().getArg()), now);
+        return;
+    }
     rewind(now);
     // The oldest first, alone, as after a NAK.
     m_recoveryBudget = 1;
@@ -152,6 +200,8 @@ void EUDPSendWindow::rewind(TimePoint now)
     m_lastSentSeq = m_lastAckedSeq;
     m_inFlight = 0;
     m_recoveryBudget = UNLIMITED;
+    m_missing.reset();
+    m_resendPending = false;
     m_lastActivity = now;
 }
 
@@ -168,15 +218,45 @@ EUDPSendWindow::AckResult EUDPSendWindow::onAck(ModuloValue seq, TimePoint now)
     {
         return AckResult{false, 0};
     }
+    // An acknowledgement that waited for a repeated packet measures the
+    // recovery, not the path.
+    const bool recovering = m_missing.has_value();
+    if (recovering && seq.isAfter(*m_missing))
+    {
+        // Past the repeat: the peer kept the packet after it, if that one
+        // last went out before the repeat (a later copy may simply have
+        // arrived in order).
+        const int next =
+            m_missing->next().distance(ModuloValue::fromArg(m_sendBuffer.front().getArg()));
+        if (next >= 0 && next < static_cast<int>(m_sentTimes.size()) &&
+            m_sentTimes.at(static_cast<uint>(next)).at < m_resentAt)
+        {
+            m_peerKeeps = true;
+        }
+    }
+    const AckResult result = acknowledge(seq, now, !recovering);
+    if (recovering)
+    {
+        afterRecoveryAck(seq, now);
+    }
+    return result;
+}
+
+EUDPSendWindow::AckResult EUDPSendWindow::acknowledge(ModuloValue seq, TimePoint now, bool measure)
+{
     m_lastAckedSeq = seq;
     uint freed = 0;
+    bool repeated = false;
     while (!m_sendBuffer.isEmpty() &&
            !ModuloValue::fromArg(m_sendBuffer.front().getArg()).isAfter(m_lastAckedSeq))
     {
         const Sent& sent = m_sentTimes.front();
-        // Only the acknowledged packet itself, and only if it went out once,
-        // measures the round trip: an earlier one's time includes waiting.
-        if (m_sendBuffer.front().getArg() == static_cast<uint>(seq.getValue()) && sent.times == 1 &&
+        repeated = repeated || sent.times > 1;
+        // Only the acknowledged packet itself, and only if it and those
+        // before it went out once, measures the round trip: an earlier one's
+        // time includes waiting, and a repeated one's answer may be either copy's.
+        if (measure && !repeated &&
+            m_sendBuffer.front().getArg() == static_cast<uint>(seq.getValue()) && sent.times == 1 &&
             now >= sent.at)
         {
             m_roundTrip.sample(std::chrono::duration_cast<Duration>(now - sent.at));
@@ -191,6 +271,51 @@ EUDPSendWindow::AckResult EUDPSendWindow::onAck(ModuloValue seq, TimePoint now)
     return AckResult{true, freed};
 }
 
+void EUDPSendWindow::resend(ModuloValue seq, TimePoint now)
+{
+    m_missing = seq;
+    m_resendPending = true;
+    m_resentAt = now;
+    m_lastActivity = now;
+}
+
+void EUDPSendWindow::afterRecoveryAck(ModuloValue seq, TimePoint now)
+{
+    const ModuloValue missing = *m_missing;
+    if (!m_recoveryPoint.isAfter(seq))
+    {
+        // Everything sent before the loss was reported has arrived.
+        m_missing.reset();
+        m_resendPending = false;
+        return;
+    }
+    if (seq.isAfter(missing))
+    {
+        // The peer kept what followed the gap, up to another one: the packet
+        // after `seq` left before the loss was reported, so it is lost too.
+        resend(seq.next(), now);
+        return;
+    }
+    if (seq.distance(missing) == 0 && m_peerKeeps)
+    {
+        // The next packet is lost too (or this acknowledges a copy that
+        // arrived twice, and the acknowledgement of the rest follows).
+        resend(seq.next(), now);
+        return;
+    }
+    if (seq.distance(missing) == 0)
+    {
+        // Only the repeated packet was taken: this peer keeps nothing after a
+        // gap (or the next packet was lost too). Everything after it goes
+        // again, in order, as the window allows.
+        m_missing.reset();
+        m_resendPending = false;
+        m_lastSentSeq = seq;
+        m_inFlight = 0;
+        m_lastActivity = now;
+    }
+}
+
 EUDPSendWindow::ENakResult EUDPSendWindow::onNak(ModuloValue seq, TimePoint now)
 {
     if (seq.isAfter(m_lastAckedSeq))
@@ -199,15 +324,36 @@ EUDPSendWindow::ENakResult EUDPSendWindow::onNak(ModuloValue seq, TimePoint now)
         {
             return NAK_IMPOSSIBLE;
         }
-        // The next pass starts again at `seq` itself, with that one packet
-        // only until an acknowledgement comes: a receiver that kept what
-        // followed the gap then acknowledges all of it at once, and one that
-        // did not asks for the rest with its ACK. Repeating the whole window
-        // at once would mostly send copies.
-        m_lastSentSeq = seq.previous();
-        m_inFlight = 0;
-        m_recoveryBudget = 1;
-        m_lastActivity = now;
+        // The peer has everything before `seq`, whatever became of its
+        // acknowledgements; the time of a NAK measures no round trip.
+        const ModuloValue before = seq.previousInRange();
+        if (before.isAfter(m_lastAckedSeq))
+        {
+            acknowledge(before, now, false);
+        }
+        // Every packet after the gap brings a NAK: one repeat per round
+        // trip, while the first is on its way.
+        if (m_missing && m_missing->distance(seq) == 0 &&
+            now < m_resentAt + m_roundTrip.repeatInterval())
+        {
+            return NAK_REPEATED;
+        }
+        if (seq.isAfter(m_lastSentSeq))
+        {
+            // Not sent yet in this pass (after a go-back): it is next anyway.
+            m_missing.reset();
+            m_resendPending = false;
+            return NAK_RESEND;
+        }
+        // Only the missing packet goes again; new ones keep going while the
+        // window has room. A receiver that kept what followed the gap then
+        // acknowledges all of it at once; one that did not shows it by
+        // acknowledging the repeated packet alone, and gets a go-back.
+        if (!m_missing)
+        {
+            m_recoveryPoint = m_lastSentSeq;
+        }
+        resend(seq, now);
         return NAK_RESEND;
     }
     // The peer still waits for a number that was acknowledged or sent

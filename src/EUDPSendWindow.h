@@ -44,8 +44,11 @@ public:
     // acknowledged (the connection ACK). Queue and counters start afresh.
     void restart(ModuloValue next, ModuloValue acknowledged);
 
-    // The connection ACK: the peer has the CON's number.
-    void acknowledgeConnection(ModuloValue conNumber);
+    // The CON went out, for the first time or `again`.
+    void connectionSent(TimePoint now, bool again);
+    // The connection ACK: the peer has the CON's number. Answering a CON
+    // sent once, it is the first measure of the round trip.
+    void acknowledgeConnection(ModuloValue conNumber, TimePoint now);
     void setRetransmitTimeout(Duration timeout) { m_roundTrip.setCeiling(timeout); }
     const EUDPRoundTrip& roundTrip() const { return m_roundTrip; }
 
@@ -69,8 +72,9 @@ public:
     // When to go back if nothing is heard: the oldest unacknowledged
     // packet's transmission plus the time-out; set while anything is queued.
     std::optional<TimePoint> retransmitDue() const;
-    // The time-out passed: everything after the last acknowledged packet is
-    // sent again.
+    // The time-out passed: the oldest unacknowledged packet goes again, alone;
+    // to a peer not known to keep what follows a gap, everything after it
+    // follows once it is acknowledged.
     void goBack(TimePoint now);
 
     // ---- acknowledgements (from the receiver thread) ----
@@ -84,13 +88,15 @@ public:
 
     enum ENakResult
     {
-        NAK_RESEND,    // sending starts again at `seq`
+        NAK_RESEND,    // `seq` goes again, alone or as the start of a go-back
+        NAK_REPEATED,  // `seq` went again less than a time-out ago: ignored
         NAK_FILL,      // the peer waits for numbers no longer held: fillers owed
         NAK_FILLING,   // a fill for that number is on its way already
         NAK_ACKED,     // `seq` was acknowledged already: ignored
         NAK_IMPOSSIBLE // a number never sent: ignored
     };
-    // The peer expects `seq` next and has seen something later.
+    // The peer expects `seq` next and has seen something later: it has
+    // everything before `seq`.
     ENakResult onNak(ModuloValue seq, TimePoint now);
 
     ModuloValue lastSent() const { return m_lastSentSeq; }
@@ -107,6 +113,14 @@ private:
 
     // Drops the oldest packet and its times.
     void popOldest();
+    // Frees everything up to `seq`; a round trip is measured only when
+    // `measure` and nothing freed went more than once.
+    AckResult acknowledge(ModuloValue seq, TimePoint now, bool measure);
+    // `seq` is missing at the peer: it goes again on its own, ahead of new
+    // packets, which keep going while the window has room.
+    void resend(ModuloValue seq, TimePoint now);
+    // What an acknowledgement during a recovery says about the packet after it.
+    void afterRecoveryAck(ModuloValue seq, TimePoint now);
     // Everything after the last acknowledged packet goes again (no back-off).
     void rewind(TimePoint now);
     // True for a number this side has queued: before m_nextSendSeq, within
@@ -137,10 +151,23 @@ private:
     std::optional<TimePoint> m_filledAt;
     EUDPPacket m_filler;
     EUDPRoundTrip m_roundTrip;
-    // After a NAK or a time-out: how many packets may go before the next
+    // After a time-out: how many packets may go before the next
     // acknowledgement (UNLIMITED otherwise).
     static constexpr int UNLIMITED = -1;
     int m_recoveryBudget = UNLIMITED;
+    // A recovery: the packet the peer is missing, when it went again, whether
+    // that is still to do, and the last number sent before the loss was
+    // reported. It ends with an acknowledgement of that number, or a go-back.
+    std::optional<ModuloValue> m_missing;
+    TimePoint m_resentAt{};
+    bool m_resendPending = false;
+    ModuloValue m_recoveryPoint;
+    // The peer has shown that it keeps what follows a gap (an acknowledgement
+    // after a repeat went past it): it is sent only what it lacks, never a
+    // window of copies.
+    bool m_peerKeeps = false;
     // The latest transmission, acknowledgement or go-back.
     TimePoint m_lastActivity;
+    // The CON's transmissions: the first one's time, and how many.
+    Sent m_connection;
 };

@@ -79,6 +79,10 @@ void EUDPTransport::sendPass(std::optional<std::chrono::steady_clock::time_point
     // Without a deadline the thread sleeps until a sender of new data needs
     // the clock again and wakes it.
     m_senderIdle = !wakeAt;
+    if (wakeAt)
+    {
+        m_senderDeadline = *wakeAt;
+    }
 }
 
 bool EUDPTransport::flushSendable(std::chrono::steady_clock::time_point now)
@@ -108,12 +112,30 @@ void EUDPTransport::afterQueued(bool freed, bool& wakeSender, bool& giveSpace)
 {
     // Caller holds m_sendMutex. A reliable packet now waits for its
     // acknowledgement: a sleeping sender thread must start keeping time.
-    wakeSender = m_senderIdle && m_sendMode == CONN_MODE_RELIABLE && !m_pSendWindow->isEmpty();
-    if (wakeSender)
-    {
-        m_senderIdle = false;
-    }
+    wakeSender = senderWakesTooLate();
     giveSpace = freed && m_spaceWaiters > 0;
+}
+
+bool EUDPTransport::senderWakesTooLate()
+{
+    if (m_sendMode != CONN_MODE_RELIABLE || !m_senderStarted)
+    {
+        return false;
+    }
+    const auto due = m_pSendWindow->retransmitDue();
+    if (!due)
+    {
+        return false;
+    }
+    // A deadline that moved earlier by less than the floor is kept: the
+    // wake-up would cost more than the lateness.
+    if (!m_senderIdle && *due + m_pTimeouts->retransmitFloor >= m_senderDeadline)
+    {
+        return false;
+    }
+    m_senderIdle = false;
+    m_senderDeadline = *due;
+    return true;
 }
 
 void EUDPTransport::giveWakeups(bool wakeSender, bool giveSpace)

@@ -147,6 +147,7 @@ private:
     // ---- handshake and lifecycle (EUDPHandshake.cpp; caller threads) ----
     // Sends one header-only control packet at once, to `port` or else the peer's port.
     bool sendPacket(EEUDPCommand command, uint arg, uint16 port = 0);
+    void sendCon(uint first, uint16 port, bool again);
     // The connection for a CON from `source`:`port`, answered with its ACK.
     EUDPTransport* acceptConnection(const tavo::HostAddress& source, uint16 port, uint conArg);
     // Ends the threads and replaces the socket left by an earlier connection
@@ -185,6 +186,10 @@ private:
     // After queuing or freeing under m_sendMutex: whether the sender thread
     // must be woken to keep time, and whether a caller waiting for room must.
     void afterQueued(bool freed, bool& wakeSender, bool& giveSpace);
+    // Caller holds m_sendMutex: true when the sender thread must be woken
+    // because a retransmission is due well before it would wake (idle, or
+    // the time-out shrank once the round trip was measured).
+    bool senderWakesTooLate();
     // What afterQueued decided, done once m_sendMutex is released.
     void giveWakeups(bool wakeSender, bool giveSpace);
     void sendDatagram(const EUDPPacket& packet);
@@ -303,6 +308,8 @@ private:
     // Under m_sendMutex: the sender thread sleeps without a deadline, and how
     // many callers wait for room in the send ring.
     bool m_senderIdle = false;
+    // When the sender thread wakes next, while it has a deadline.
+    std::chrono::steady_clock::time_point m_senderDeadline{};
     bool m_senderStarted = false;
     int m_spaceWaiters = 0;
     // Receiver thread only: what the current burst of datagrams leaves to

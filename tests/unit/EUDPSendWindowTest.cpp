@@ -71,25 +71,72 @@ TEST(EUDPSendWindowTest, TheWindowBoundsWhatIsInFlightAndAnAckFreesEverythingUpT
     EXPECT_FALSE(window.retransmitDue());
 }
 
-TEST(EUDPSendWindowTest, ANakOrSilenceSendsTheMissingPacketAloneUntilTheNextAck)
+TEST(EUDPSendWindowTest, ANakRepeatsTheMissingPacketOnceWhileNewPacketsKeepTheWindowFull)
 {
     EUDPSendWindow window(EUDP_RING_CAPACITY, RETRANSMIT);
     window.startReliable();
+    queueMessages(window, 16);
+    EXPECT_EQ(drainReliable(window, 10, START), numbers(0, 9));
+    // The NAK says 0-2 arrived: the gap goes again, then new packets fill the
+    // window it frees. The NAKs of the packets after the gap ask for nothing
+    // new until a time-out has passed.
+    EXPECT_EQ(window.onNak(ModuloValue(3), START), EUDPSendWindow::NAK_RESEND);
+    EXPECT_EQ(window.lastAcked().getValue(), 2);
+    EXPECT_EQ(drainReliable(window, 10, START), (std::vector<std::string>{"3", "10", "11", "12"}));
+    EXPECT_EQ(window.onNak(ModuloValue(3), START + 1ms), EUDPSendWindow::NAK_REPEATED);
+    EXPECT_TRUE(drainReliable(window, 10, START + 1ms).empty());
+    EXPECT_EQ(window.onNak(ModuloValue(16), START), EUDPSendWindow::NAK_IMPOSSIBLE);
+    // Still asked for a round trip later (the floor, before any is measured):
+    // the repeat was lost too.
+    EXPECT_EQ(window.onNak(ModuloValue(3), START + 10ms), EUDPSendWindow::NAK_RESEND);
+    EXPECT_EQ(drainReliable(window, 10, START + 10ms), numbers(3, 3));
+
+    // The peer kept 4 and 5 but lacks 6, which left before the NAK: lost too.
+    ASSERT_TRUE(window.onAck(ModuloValue(5), START + 12ms).accepted);
+    EXPECT_EQ(drainReliable(window, 10, START + 12ms),
+              (std::vector<std::string>{"6", "13", "14", "15"}));
+    EXPECT_EQ(window.onNak(ModuloValue(4), START + 12ms), EUDPSendWindow::NAK_ACKED);
+    // This peer keeps packets after a gap: an acknowledgement of the repeat
+    // alone means the next one is lost too, not that the rest must come again.
+    ASSERT_TRUE(window.onAck(ModuloValue(6), START + 13ms).accepted);
+    EXPECT_EQ(drainReliable(window, 10, START + 13ms), numbers(7, 7));
+    // Once everything sent before the loss is acknowledged, the recovery is
+    // over and the next NAK repeats at once.
+    ASSERT_TRUE(window.onAck(ModuloValue(12), START + 14ms).accepted);
+    EXPECT_EQ(window.onNak(ModuloValue(13), START + 14ms), EUDPSendWindow::NAK_RESEND);
+    EXPECT_EQ(drainReliable(window, 10, START + 14ms), numbers(13, 13));
+    // Silence: only the oldest goes again, even with the window open.
+    window.goBack(START + 1s);
+    EXPECT_EQ(drainReliable(window, 10, START + 1s), numbers(13, 13));
+}
+
+TEST(EUDPSendWindowTest, APeerThatKeepsNothingAfterAGapGetsAGoBackAndSilenceRepeatsTheOldestAlone)
+{
+    EUDPSendWindow window(EUDP_RING_CAPACITY, RETRANSMIT);
+    // The answer to a CON sent once measures the round trip; to one sent
+    // again it does not.
+    window.connectionSent(START - 1s, false);
+    window.connectionSent(START - 1s + 1ms, true);
+    window.acknowledgeConnection(ModuloValue(-1), START - 1s + 2ms);
+    EXPECT_FALSE(window.roundTrip().smoothed());
+    window.connectionSent(START - 3ms, false);
+    window.acknowledgeConnection(ModuloValue(-1), START);
+    EXPECT_EQ(window.roundTrip().smoothed(), std::chrono::microseconds(3ms));
+    window.startReliable();
     queueMessages(window, 15);
     EXPECT_EQ(drainReliable(window, 10, START), numbers(0, 9));
-    // The receiver holds what followed the gap: only the gap goes again, and
-    // nothing more until it is answered.
-    EXPECT_EQ(window.onNak(ModuloValue(3), START), EUDPSendWindow::NAK_RESEND);
-    EXPECT_EQ(drainReliable(window, 10, START), numbers(3, 3));
-    EXPECT_TRUE(drainReliable(window, 10, START).empty());
-    EXPECT_EQ(window.onNak(ModuloValue(15), START), EUDPSendWindow::NAK_IMPOSSIBLE);
-    const TimePoint answered = START + 1ms;
-    ASSERT_TRUE(window.onAck(ModuloValue(5), answered).accepted);
-    EXPECT_EQ(drainReliable(window, 10, answered), numbers(6, 14));
-    EXPECT_EQ(window.onNak(ModuloValue(4), answered), EUDPSendWindow::NAK_ACKED);
+    ASSERT_TRUE(window.onAck(ModuloValue(2), START + 1ms).accepted);
+    EXPECT_EQ(drainReliable(window, 10, START + 1ms), numbers(10, 12));
+    EXPECT_EQ(window.onNak(ModuloValue(3), START + 1ms), EUDPSendWindow::NAK_RESEND);
+    EXPECT_EQ(drainReliable(window, 10, START + 1ms), numbers(3, 3)); // the window is full
+    // Only the repeated packet was taken: everything after it goes again.
+    const TimePoint answered = START + 2ms;
+    ASSERT_TRUE(window.onAck(ModuloValue(3), answered).accepted);
+    EXPECT_EQ(drainReliable(window, 10, answered), numbers(4, 13));
 
     // Nothing heard: due one time-out after the oldest unacknowledged packet
     // went, which is measured from the round trip and shorter than the ceiling.
+    ASSERT_TRUE(window.onAck(ModuloValue(5), answered).accepted);
     const auto timeout = window.roundTrip().timeout();
     EXPECT_LT(timeout, RETRANSMIT);
     ASSERT_EQ(window.retransmitDue(), answered + timeout);
@@ -99,8 +146,10 @@ TEST(EUDPSendWindowTest, ANakOrSilenceSendsTheMissingPacketAloneUntilTheNextAck)
     ASSERT_TRUE(window.onAck(ModuloValue(6), answered + timeout).accepted);
     EXPECT_EQ(drainReliable(window, 10, answered + timeout), numbers(7, 14));
 
-    // A window of 0 lets nothing out, not even after a go-back.
+    // A window of 0 lets nothing out, not even after a go-back or a NAK.
     window.goBack(START + 1s);
+    EXPECT_TRUE(drainReliable(window, 0, START + 1s).empty());
+    EXPECT_EQ(window.onNak(ModuloValue(7), START + 1s), EUDPSendWindow::NAK_RESEND);
     EXPECT_TRUE(drainReliable(window, 0, START + 1s).empty());
     EXPECT_EQ(drainReliable(window, 3, START + 1s), numbers(7, 7));
 }
