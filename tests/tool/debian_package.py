@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """The Debian packages as a user meets them: built with cpack, installed with
 dpkg (into a scratch root, so that the machine is left alone), their files and
-relations checked, the installed weft tool run, then removed. (Building against
-an installed tree is InstalledPackage.BuildsAndRunsTheExamples' business.)
+relations checked, the installed weft tool and Python module run, then
+removed. (Building against an installed tree is
+InstalledPackage.BuildsAndRunsTheExamples' business.)
 
     debian_package.py --cpack CPACK --build-dir DIR --work-dir DIR --libdir lib/ARCH
 """
@@ -83,6 +84,11 @@ class DebianPackageTest(unittest.TestCase):
             modules = [path for path in owned["python3-weft"]
                        if path.startswith("/usr/lib/python3/dist-packages/weft.")]
             self.assertEqual(len(modules), 1, owned["python3-weft"])
+            # It imports from where it is installed and finds the library without help.
+            site = os.path.join(self.root, "usr/lib/python3/dist-packages")
+            where = run(sys.executable, "-c", "import weft; print(weft.__file__)", cwd=self.root,
+                        env={"PATH": os.environ["PATH"], "PYTHONPATH": site})
+            self.assertTrue(where.startswith(site), where)
         for package, files in expected.items():
             for path in files:
                 self.assertIn(path, owned[package], package)
