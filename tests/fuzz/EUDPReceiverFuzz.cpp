@@ -47,7 +47,7 @@ class RawPeer : public RawUdpSocket
 public:
     RawPeer()
     {
-        FUZZ_CHECK(isBound(), "no UDP socket for the peer: errno " + fuzz::str(errno));
+        FUZZ_CHECK(isBound(), "no UDP socket for the peer: errno " + std::to_string(errno));
         // Room for the up to 999 packets one NAK may bring back, so that the
         // fence's answer is not dropped behind them.
         const int room = 8 << 20;
@@ -101,8 +101,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     fuzz::Input input(data, size);
-    const uint8 flags = input.u8();
-    const std::uint32_t conArg = input.u32();
+    const uint8 flags = static_cast<uint8>(input.number(1));
+    const std::uint32_t conArg = input.number(4);
     std::vector<Bytes> sent = input.chunks(LONGEST_DATAGRAM);
     sent.insert(sent.begin(),
                 eudpwire::packet("MOD", eudpwire::modes((flags & 2) != 0 ? 'R' : 'D', 'D',
@@ -142,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         {
             g_pPeer->send(port, eudpwire::packet("WIN", fence));
             FUZZ_CHECK(g_pPeer->awaitFrom(port, eudpwire::packet("WAK", fence)),
-                       "no answer to the window request after datagram " + fuzz::str(end));
+                       "no answer to the window request after datagram " + std::to_string(end));
         }
     }
 
@@ -176,6 +176,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
                "the packet with the number expected was not stored");
     const int n = transport->receiveData(buffer, sizeof(buffer));
     FUZZ_CHECK(std::string(buffer, buffer + std::max(n, 0)) == probe,
-               "read " + fuzz::str(n) + " bytes instead of the packet expected");
+               "read " + std::to_string(n) + " bytes instead of the packet expected");
     return 0;
 }

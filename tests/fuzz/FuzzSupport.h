@@ -19,21 +19,12 @@
 namespace fuzz
 {
 
-template <class Number>
-std::string str(Number value)
-{
-    return std::to_string(static_cast<long long>(value));
-}
-
 // Long runs show their first 64 bytes and their length.
-inline std::string hex(const uint8* data, std::size_t size)
-{
-    return size <= 64 ? toHex(data, size) : toHex(data, 64) + " ... (" + str(size) + " bytes)";
-}
-
 inline std::string hex(const Bytes& bytes)
 {
-    return hex(bytes.data(), bytes.size());
+    return bytes.size() <= 64
+               ? toHex(bytes.data(), bytes.size())
+               : toHex(bytes.data(), 64) + " ... (" + std::to_string(bytes.size()) + " bytes)";
 }
 
 [[noreturn]] inline void fail(const char* file, int line, const char* condition,
@@ -57,43 +48,36 @@ namespace fuzz
 class Input
 {
 public:
-    Input(const uint8* data, std::size_t size) : m_data(data), m_size(size) {}
+    Input(const uint8* data, std::size_t size) : m_next(data), m_end(data + size) {}
 
-    std::size_t remaining() const { return m_size - m_position; }
-    uint8 u8() { return m_position < m_size ? m_data[m_position++] : 0; }
-    std::uint16_t u16()
+    // A little-endian number of `bytes` bytes.
+    std::uint32_t number(int bytes)
     {
-        const std::uint16_t low = u8();
-        return static_cast<std::uint16_t>(low | u8() << 8);
-    }
-    std::uint32_t u32()
-    {
-        const std::uint32_t low = u16();
-        return low | static_cast<std::uint32_t>(u16()) << 16;
-    }
-
-    Bytes take(std::size_t count)
-    {
-        count = std::min(count, remaining());
-        m_position += count;
-        return Bytes(m_data + m_position - count, m_data + m_position);
+        std::uint32_t value = 0;
+        for (int i = 0; i < bytes; ++i)
+        {
+            value |= static_cast<std::uint32_t>(m_next < m_end ? *m_next++ : 0) << (8 * i);
+        }
+        return value;
     }
 
     // Chunks behind a little-endian 16-bit length, each cut to `limit`.
     std::vector<Bytes> chunks(std::size_t limit)
     {
         std::vector<Bytes> result;
-        while (remaining() >= 2)
+        while (m_end - m_next >= 2)
         {
-            result.push_back(take(std::min<std::size_t>(u16(), limit)));
+            const std::size_t size =
+                std::min<std::size_t>({number(2), limit, static_cast<std::size_t>(m_end - m_next)});
+            result.emplace_back(m_next, m_next + size);
+            m_next += size;
         }
         return result;
     }
 
 private:
-    const uint8* m_data;
-    std::size_t m_size;
-    std::size_t m_position = 0;
+    const uint8* m_next;
+    const uint8* m_end;
 };
 
 // The form the library writes, empty when it refuses. One block larger than
@@ -116,7 +100,8 @@ Bytes formOf(const Item& item)
 }
 
 // The library once per process, its log off: most fuzzed bytes are bad and
-// each would cost a formatted line.
+// each would cost a formatted line. Each target calls it from its
+// LLVMFuzzerInitialize.
 inline void startQuietly()
 {
     weftInit();
@@ -125,6 +110,5 @@ inline void startQuietly()
 
 } // namespace fuzz
 
-// FuzzStart.cpp gives every target a default LLVMFuzzerInitialize.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size);

@@ -41,12 +41,6 @@ std::string describe(const Event& event)
     return std::string(1, event.command) + " [" + event.name + "] " + fuzz::hex(event.form);
 }
 
-bool sameEvent(const Event& heard, const Event& wanted)
-{
-    return heard.command == wanted.command && heard.name == wanted.name &&
-           heard.form == wanted.form;
-}
-
 class Recorder : public IWEFTClient, public IWEFTServer
 {
 public:
@@ -76,15 +70,10 @@ private:
     void record(char command, const std::string& name, const ParameterValue& value = {},
                 const ParameterList& params = {})
     {
-        Event event;
-        event.command = command;
-        event.name = name;
-        event.value = value;
-        event.params = params;
-        event.form = command == 'F'                     ? fuzz::formOf(params)
-                     : command == 'T' || command == 'U' ? fuzz::formOf(value)
-                                                        : Bytes();
-        m_events.push_back(event);
+        m_events.push_back({command, name, value, params,
+                            command == 'F'                     ? fuzz::formOf(params)
+                            : command == 'T' || command == 'U' ? fuzz::formOf(value)
+                                                               : Bytes()});
     }
 };
 
@@ -130,10 +119,16 @@ std::vector<Event> receive(const std::vector<Bytes>& messages, bool hasClient, b
 
 } // namespace
 
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fuzz::startQuietly();
+    return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     fuzz::Input input(data, size);
-    const uint8 flags = input.u8();
+    const uint8 flags = static_cast<uint8>(input.number(1));
     const std::vector<Bytes> messages = input.chunks(WEFT_MAX_PACKET_SIZE + 1);
     const std::vector<Event> delivered = receive(messages, (flags & 1) != 0, (flags & 2) != 0);
 
@@ -162,14 +157,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         }
     }
     const std::vector<Bytes> sent = transport->sent();
-    FUZZ_CHECK(sent.size() == delivered.size(), "sent " + fuzz::str(sent.size()) + " of " +
-                                                    fuzz::str(delivered.size()) + " requests");
+    FUZZ_CHECK(sent.size() == delivered.size(), "sent " + std::to_string(sent.size()) + " of " +
+                                                    std::to_string(delivered.size()) + " requests");
     // And they arrive again as they were sent.
     const std::vector<Event> again = receive(sent, true, true);
-    FUZZ_CHECK(again.size() == delivered.size(), "sent back, delivered " + fuzz::str(again.size()));
+    FUZZ_CHECK(again.size() == delivered.size(),
+               "sent back, delivered " + std::to_string(again.size()));
     for (std::size_t i = 0; i < again.size(); ++i)
     {
-        FUZZ_CHECK(sameEvent(again[i], delivered[i]),
+        FUZZ_CHECK(again[i].command == delivered[i].command && again[i].name == delivered[i].name &&
+                       again[i].form == delivered[i].form,
                    "sent " + describe(delivered[i]) + ", received " + describe(again[i]));
     }
     return 0;

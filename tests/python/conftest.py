@@ -1,15 +1,9 @@
 """Shared pieces of the weft module's tests: loopback servers and clients on
-both transports, waits with time limits, and the weft tool as the C++ peer."""
+both transports, and waits with time limits."""
 
 import faulthandler
 import gc
 import itertools
-import json
-import os
-import queue
-import subprocess
-import threading
-import time
 
 import pytest
 import weft
@@ -62,45 +56,3 @@ def pair(transport):
         with connect(transport, server) as client:
             expect(client, "connected")
             yield server, client, expect(server, "connected").connection
-
-
-class Tool:
-    """A weft tool process printing JSON lines, read with a time limit."""
-
-    def __init__(self, *args):
-        path = os.environ.get("WEFT_TOOL")
-        if not path:
-            pytest.skip("the weft tool is not built")
-        self.proc = subprocess.Popen([path, *args, "--json"], stdin=subprocess.PIPE,
-                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.lines = queue.Queue()
-        threading.Thread(target=self._read, daemon=True).start()
-
-    def _read(self):
-        for line in self.proc.stdout:
-            self.lines.put(json.loads(line))
-        self.lines.put(None)
-
-    def event(self, kind, **fields):
-        """The next JSON event of that kind holding the given fields."""
-        seen = []
-        deadline = time.monotonic() + WAIT
-        while True:
-            try:
-                event = self.lines.get(timeout=max(0, deadline - time.monotonic()))
-            except queue.Empty:
-                event = None
-            if event is None:
-                self.proc.kill()
-                pytest.fail(f"no {kind} {fields}; saw {seen}\n{self.proc.stderr.read()}")
-            if event.get("event") == kind and fields.items() <= event.items():
-                return event
-            seen.append(event)
-
-    def send(self, line):
-        self.proc.stdin.write(line + "\n")
-        self.proc.stdin.flush()
-
-    def close(self):
-        self.proc.kill()
-        self.proc.communicate()

@@ -30,21 +30,19 @@ def test_updates_reach_subscribers_and_late_subscribers_get_the_last_value(pair)
         assert set(server.connections) == {conn, late_conn}
 
 
-def test_a_closed_connection_ends_its_client_and_refuses_to_send(pair):
-    server, client, conn = pair
-    conn.close()
-    expect(client, "disconnected")
-    assert list(client.events()) == [] and not client.connected
-    assert expect(server, "disconnected").connection == conn
-    assert server.connections == [] and not conn.connected
-    with pytest.raises(weft.Error):
-        conn.trigger("x")
-    with pytest.raises(weft.Error):
-        client.subscribe("x")
-
-
-def test_leaving_the_with_blocks_closes_both_ends(transport):
+def test_a_closed_connection_ends_its_client_and_leaving_the_with_blocks_closes_both_ends(transport):
     with weft.listen("127.0.0.1", 0, transport=transport) as server:
+        client = connect(transport, server)
+        conn = expect(server, "connected").connection
+        conn.close()
+        expect(client, "disconnected")
+        assert list(client.events()) == [] and not client.connected
+        assert expect(server, "disconnected").connection == conn
+        assert server.connections == [] and not conn.connected
+        with pytest.raises(weft.Error):
+            conn.trigger("x")
+        with pytest.raises(weft.Error):
+            client.subscribe("x")
         with connect(transport, server) as client:
             pass
         assert expect(server, "disconnected") and not client.connected

@@ -23,7 +23,7 @@ def typed(values):
     return [(type(value), value) for value in values]
 
 
-def test_values_keep_type_and_value_both_ways(pair):
+def test_values_keep_type_and_value_both_ways_and_the_largest_message_arrives_whole(pair):
     server, client, conn = pair
     client.subscribe("v")
     expect(server, "subscribe", "v")
@@ -39,11 +39,8 @@ def test_values_keep_type_and_value_both_ways(pair):
         received for _, received in VALUES[1:])
     assert params["p0"] == 7
 
-
-def test_the_largest_message_arrives_whole(pair):
     # One message carries 1488 bytes of name and value: a name of 1487 and
     # its NUL; "u" and its NUL with a string of 1484 (tag, text, NUL).
-    server, client, _ = pair
     client.subscribe("n" * 1487)
     assert expect(server, "subscribe").name == "n" * 1487
     server.update("u", "s" * 1484, broadcast=True)

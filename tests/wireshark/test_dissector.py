@@ -28,7 +28,7 @@ TSHARK_HOME = tempfile.mkdtemp(prefix="weft-ws-home-")
 atexit.register(shutil.rmtree, TSHARK_HOME, True)
 TSHARK_ENV = {k: v for k, v in os.environ.items() if k != "XDG_CONFIG_HOME"}
 TSHARK_ENV["HOME"] = TSHARK_HOME
-BASE_FIELDS = ["frame.number", "_ws.col.Info", "_ws.expert.message", "_ws.expert.severity"]
+BASE_FIELDS = ["frame.number", "_ws.col.Info", "_ws.expert.message", "_ws.expert.severity", "_ws.malformed"]
 
 
 # Byte-vector builders -----------------------------------------------------
@@ -43,64 +43,18 @@ def text(value):
 
 
 def datagram(command, arg, payload=b""):
-    arg_bytes = arg if isinstance(arg, bytes) else struct.pack("<I", arg)
-    return b"\x01" + command.encode() + arg_bytes + payload
-
-
-SUBSCRIBE = message("S", text("level"))
-PLAY = message("F", text("play"), b"\x02" + text("clip") + b"S" + text("intro") + text("loop") + b"B\x01")
+    return b"\x01" + command.encode() + (arg if isinstance(arg, bytes) else struct.pack("<I", arg)) + payload
 
 
 def framed(*messages):
     return b"".join(struct.pack("<H", len(m)) + m for m in messages)
 
 
-def value_list(*entries):
-    return bytes([len(entries)]) + b"".join(text(name) + value for name, value in entries)
-
-
-def flt(x):
-    return b"F" + struct.pack("<f", x)
-
-
 H = bytes.fromhex
+PLAY = message("F", text("play"), b"\x02" + text("clip") + b"S" + text("intro") + text("loop") + b"B\x01")
 
 
 # Captures and decoding ----------------------------------------------------
-
-def write_capture(path, packets, header, ports, ip=()):
-    """Writes packets behind dummy -u/-T headers, and IP ones as text2pcap's -4/-6 say."""
-    lines = []
-    for data in packets:
-        for offset in range(0, len(data), 16):
-            lines.append("%06x  %s" % (offset, " ".join("%02x" % b for b in data[offset:offset + 16])))
-        lines.append("")
-    dump = path + ".txt"
-    with open(dump, "w") as f:
-        f.write("\n".join(lines) + "\n")
-    args = [TEXT2PCAP, "-q"] + list(ip) + [header, "%d,%d" % ports, dump, path]
-    subprocess.run(args, check=True, capture_output=True)
-    return path
-
-
-def run_tshark(path, args, prefs=()):
-    cmd = [TSHARK, "-n", "-X", "lua_script:" + DISSECTOR, "-r", path]
-    for pref in prefs:
-        cmd += ["-o", pref]
-    done = subprocess.run(cmd + list(args), capture_output=True, text=True, errors="replace", timeout=300,
-                          env=TSHARK_ENV)
-    if done.returncode != 0:
-        raise AssertionError("tshark failed (%d): %s" % (done.returncode, done.stderr))
-    return done.stdout, done.stderr
-
-
-def decode(path, fields=(), prefs=(), extra=()):
-    """Returns one dict per frame: field name -> list of string values."""
-    args = ["-2", "-T", "json"] + [a for f in BASE_FIELDS + list(fields) for a in ("-e", f)] + list(extra)
-    out, err = run_tshark(path, args, prefs)
-    frames = [p["_source"]["layers"] for p in json.loads(out or "[]")]
-    return frames, err
-
 
 def experts(frame):
     return list(zip(frame.get("_ws.expert.severity", []), frame.get("_ws.expert.message", [])))
@@ -108,21 +62,27 @@ def experts(frame):
 
 @unittest.skipUnless(TSHARK and TEXT2PCAP, "tshark and text2pcap are needed (tools/wireshark/setup.sh)")
 class DissectorCase(unittest.TestCase):
-    def setUp(self):
-        self.dir = tempfile.mkdtemp(prefix="weft-ws-")
-        self.addCleanup(shutil.rmtree, self.dir, True)
-
     IP = ()  # text2pcap's IP header options; IPv4 by default
 
-    def capture(self, packets, header="-T", ports=(40000, 7420), name="c.pcapng"):
-        return write_capture(os.path.join(self.dir, name), packets, header, ports, self.IP)
-
-    def decode(self, path, fields=(), prefs=(), extra=()):
-        frames, err = decode(path, fields, prefs, extra)
+    def decode(self, packets, fields, header="-T"):
+        """The packets behind dummy TCP (-T) or UDP (-u) headers, decoded by tshark with the
+        dissector: one dict per frame, field name -> list of string values."""
+        folder = tempfile.mkdtemp(prefix="weft-ws-")
+        self.addCleanup(shutil.rmtree, folder, True)
+        dump, capture = os.path.join(folder, "c.txt"), os.path.join(folder, "c.pcapng")
+        with open(dump, "w") as f:
+            f.write("".join("".join("%06x  %s\n" % (offset, data[offset:offset + 16].hex(" "))
+                                    for offset in range(0, len(data), 16)) + "\n" for data in packets))
+        subprocess.run([TEXT2PCAP, "-q", *self.IP, header, "40000,7420", dump, capture], check=True,
+                       capture_output=True)
+        done = subprocess.run([TSHARK, "-n", "-X", "lua_script:" + DISSECTOR, "-r", capture, "-2", "-T", "json"] +
+                              [a for f in BASE_FIELDS + fields for a in ("-e", f)], capture_output=True,
+                              text=True, errors="replace", timeout=300, env=TSHARK_ENV)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertNotIn("Lua Error", done.stderr)
+        frames = [p["_source"]["layers"] for p in json.loads(done.stdout or "[]")]
         for frame in frames:
-            for _, msg in experts(frame):
-                self.assertNotIn("Lua Error", msg, "frame %s" % frame["frame.number"])
-        self.assertNotIn("Lua Error", err)
+            self.assertNotIn("Lua Error", " ".join(m for _, m in experts(frame)), frame["frame.number"])
         return frames
 
     def assertField(self, frame, field, expected):
@@ -165,7 +125,7 @@ class WeftMessageTest(DissectorCase):
         (message("F", text("f"), H("02 61 00 42 00 78 00 49 05 00 00 00")), "WEFT F f(a = OFF x = 5)",
          {"weft.list.count": ["2"], "weft.param.name": ["a", "x"], "weft.value.text": ["OFF", "5"]}),
         (PLAY, 'WEFT F play(clip = "intro" loop = ON)', {"weft.value.string": ["intro"]}),
-    ] + [(message("U", text("f"), flt(x)), "WEFT U f = " + shown, {}) for x, shown in FLOATS] + [
+    ] + [(message("U", text("f"), b"F" + struct.pack("<f", x)), "WEFT U f = " + shown, {}) for x, shown in FLOATS] + [
         (H("02 53 03 00 61 62 00"), "WEFT [wrong version]", {}, (ERROR, "Wrong version: 2")),
         (H("01 53 00"), "WEFT [header too short]", {}, (ERROR, "Header too short: 3 bytes")),
         (H("01 53 05 00 61 62 00"), "WEFT S ab [wrong size]", {}, (ERROR, "Wrong size: the header counts 5")),
@@ -179,16 +139,14 @@ class WeftMessageTest(DissectorCase):
         (H("01 41 01 00 00"), "WEFT A [unknown command]", {}, (ERROR, "Unknown command A")),
         (message("T", text("v"), b"X"), "WEFT T v = INV", {"weft.value.type": ["'X'"]}, (WARN, "Unknown value type X")),
         (H("01 53 04 00 61 62 00 FF"), "WEFT S ab", {}, (WARN, "Bytes after the last item: 1")),
-        (message("F", text("f"), value_list(("a", b"N"), ("a", b"B\x01"))), "WEFT F f(a = INV a = ON)", {},
+        (message("F", text("f"), b"\x02" + text("a") + b"N" + text("a") + b"B\x01"), "WEFT F f(a = INV a = ON)", {},
          (NOTE, "Parameter name repeated")),
         (b"", "WEFT (empty)", {}, (NOTE, "Empty message")),
     ]
-    FIELDS = ["weft.command", "weft.command_name", "weft.length", "weft.name", "weft.version", "weft.tcp_length",
-              "weft.value.type", "weft.value.int", "weft.value.float", "weft.value.bool", "weft.value.string",
-              "weft.value.text", "weft.list.count", "weft.param.name", "weft.summary", "_ws.malformed"]
+    FIELDS = sorted({field for case in CASES for field in case[2]}) + ["weft.summary"]
 
     def test_messages_decode_field_by_field_and_malformed_ones_are_flagged(self):
-        frames = self.decode(self.capture([framed(m) for m, *_ in self.CASES]), self.FIELDS)
+        frames = self.decode([framed(m) for m, *_ in self.CASES], self.FIELDS)
         self.assertEqual(len(frames), len(self.CASES))
         for frame, (_, info, fields, *wanted) in zip(frames, self.CASES):
             self.assertFrame(frame, info, fields, wanted)
@@ -198,7 +156,7 @@ class TcpFramingTest(DissectorCase):
     def test_split_messages_are_reassembled_and_two_in_one_segment_both_decoded(self):
         body = framed(PLAY)
         both = framed(H("01 53 03 00 61 62 00"), H("01 55 04 00 73 00 42 01"))
-        frames = self.decode(self.capture([body[:9], body[9:], both]), ["tcp.reassembled_in", "weft.name"])
+        frames = self.decode([body[:9], body[9:], both], ["tcp.reassembled_in", "weft.name"])
         self.assertField(frames[0], "tcp.reassembled_in", ["2"])
         self.assertField(frames[1], "_ws.col.Info", ['WEFT F play(clip = "intro" loop = ON)'])
         self.assertField(frames[2], "_ws.col.Info", ["WEFT S ab, WEFT U s = ON"])
@@ -227,12 +185,10 @@ class EudpTest(DissectorCase):
         (datagram("CMD", 5, b"\x01" + b"\x00" * 1499), "EUDP CMD seq=5 -> WEFT 0x00 [wrong size, unknown command]",
          {}, (WARN, "Datagram longer than 1500 bytes: 1508"), (ERROR, "Wrong size")),
     ]
-    FIELDS = ["eudp.command", "eudp.command_desc", "eudp.arg", "eudp.seq", "eudp.modes", "eudp.mode.send_asked",
-              "eudp.mode.send", "eudp.mode.recv_asked", "eudp.mode.recv", "eudp.window", "eudp.payload_length",
-              "eudp.summary", "weft.name", "weft.summary", "_ws.malformed"]
+    FIELDS = sorted({field for case in CASES for field in case[2]}) + ["eudp.summary"]
 
     def test_every_command_and_argument_form_decodes_and_bad_datagrams_are_flagged(self):
-        frames = self.decode(self.capture([d for d, *_ in self.CASES], "-u"), self.FIELDS + ["ipv6.src"])
+        frames = self.decode([d for d, *_ in self.CASES], self.FIELDS + ["ipv6.src"], "-u")
         self.assertEqual(len(frames), len(self.CASES))
         self.assertEqual([f.get("ipv6.src") for f in frames[:1]], [["2001:db8::7"] if self.IP else None])
         for frame, (_, info, fields, *wanted) in zip(frames, self.CASES):
@@ -257,9 +213,9 @@ class FuzzTest(DissectorCase):
                      for _ in range(100)]
         datagrams += [noise(24) for _ in range(50)]
         messages = [bytes([1, rng.choice(b"SXTUFA")]) + noise(40) for _ in range(100)] + [noise(40) for _ in range(50)]
-        udp = self.capture(datagrams, "-u", name="u.pcapng")
-        self.assertTrue(all("eudp.summary" in f for f in self.decode(udp, ["eudp.summary"])), "seed %d" % self.SEED)
-        tcp = self.decode(self.capture([framed(m) for m in messages], name="t.pcapng"), ["weft.summary"])
+        udp = self.decode(datagrams, ["eudp.summary"], "-u")
+        self.assertTrue(all("eudp.summary" in f for f in udp), "seed %d" % self.SEED)
+        tcp = self.decode([framed(m) for m in messages], ["weft.summary"])
         self.assertEqual(sum(len(f.get("weft.summary", [])) for f in tcp), len(messages), "seed %d" % self.SEED)
 
 
