@@ -82,46 +82,30 @@ std::vector<std::string> logged(LogCapture& log)
 
 TEST_F(WeftLogTest, EachRefusalWritesItsLineAtItsLevel)
 {
+    const std::string eudp = "3 WEFT/EUDP: packet validation failed: ";
+    const std::string weft = "3 WEFT: packet validation failed: ";
+    const std::string unexpected = "3 WEFT: received unexpected ";
     const struct
     {
         char how;
         Bytes bytes;
         std::vector<std::string> lines;
     } received[] = {
-        {'e',
-         {2, 'C', 'M', 'D', 0, 0, 0, 0},
-         {"3 WEFT/EUDP: packet validation failed: wrong version"}},
-        {'e',
-         {1, 'C', 'M', 'D', 0, 0, 0},
-         {"3 WEFT/EUDP: packet validation failed: header too short"}},
-        {'e',
-         {1, 'c', 'm', 'd', 0, 0, 0, 0},
-         {"3 WEFT/EUDP: packet validation failed: unknown command"}},
-        {'v', {2, 'T', 0, 0}, {"3 WEFT: packet validation failed: wrong version"}},
-        {'v', {1, 'T', 0}, {"3 WEFT: packet validation failed: header too short"}},
-        {'v', {1, 'T', 5, 0, 't', 0}, {"3 WEFT: packet validation failed: wrong packet size"}},
+        {'e', {2, 'C', 'M', 'D', 0, 0, 0, 0}, {eudp + "wrong version"}},
+        {'e', {1, 'C', 'M', 'D', 0, 0, 0}, {eudp + "header too short"}},
+        {'e', {1, 'c', 'm', 'd', 0, 0, 0, 0}, {eudp + "unknown command"}},
+        {'v', {2, 'T', 0, 0}, {weft + "wrong version"}},
+        {'v', {1, 'T', 0}, {weft + "header too short"}},
+        {'v', {1, 'T', 5, 0, 't', 0}, {weft + "wrong packet size"}},
         {'v', {1, 'T', 1, 0, 't'}, {"2 WEFT: unterminated string in packet"}},
         {'v', {1, 'T', 3, 0, 't', 0, 'I'}, {"2 WEFT: failed to parse parameter value"}},
         {'l', {1, 'F', 3, 0, 'f', 0, 1}, {"2 WEFT: failed to parse parameter list"}},
-        {'r',
-         {1, 'T'},
-         {"3 WEFT: packet validation failed: header too short",
-          "3 WEFT: discarding invalid packet"}},
-        {'r',
-         {1, 'S', 2, 0, 'x', 0},
-         {"3 WEFT: received unexpected subscribe cmd (no server available)"}},
-        {'r',
-         {1, 'X', 2, 0, 'x', 0},
-         {"3 WEFT: received unexpected unsubscribe cmd (no server available)"}},
-        {'r',
-         {1, 'F', 3, 0, 'f', 0, 0},
-         {"3 WEFT: received unexpected FID cmd (no server available)"}},
-        {'r',
-         {1, 'T', 3, 0, 't', 0, 'N'},
-         {"3 WEFT: received unexpected trigger cmd (no client available)"}},
-        {'r',
-         {1, 'U', 3, 0, 'u', 0, 'N'},
-         {"3 WEFT: received unexpected update state cmd (no client available)"}},
+        {'r', {1, 'T'}, {weft + "header too short", "3 WEFT: discarding invalid packet"}},
+        {'r', {1, 'S', 2, 0, 'x', 0}, {unexpected + "subscribe cmd (no server available)"}},
+        {'r', {1, 'X', 2, 0, 'x', 0}, {unexpected + "unsubscribe cmd (no server available)"}},
+        {'r', {1, 'F', 3, 0, 'f', 0, 0}, {unexpected + "FID cmd (no server available)"}},
+        {'r', {1, 'T', 3, 0, 't', 0, 'N'}, {unexpected + "trigger cmd (no client available)"}},
+        {'r', {1, 'U', 3, 0, 'u', 0, 'N'}, {unexpected + "update state cmd (no client available)"}},
     };
     for (const auto& c : received)
     {
@@ -131,7 +115,6 @@ TEST_F(WeftLogTest, EachRefusalWritesItsLineAtItsLevel)
     }
 
     const std::string big(1488, 'v');
-    log().clear();
     EUDPPacket(EUDP_CMD).setData(Bytes(1493).data(), 1493);
     WEFTPacket(WEFT_CMD_TRIGGER).appendString(big);
     sendOn(false, [&](WEFTConnection& c) { return c.subscribe(big); });
