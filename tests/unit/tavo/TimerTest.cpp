@@ -9,10 +9,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
-#include <numeric>
+#include <functional>
 #include <thread>
-#include <vector>
 
 namespace
 {
@@ -20,32 +18,33 @@ namespace
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-struct Counter
+// A timer whose one callback runs `body` and counts; the timer, declared
+// last, stops first.
+struct TestTimer
 {
-    void fire() { fired.add(); }
+    TestTimer() { timer.addCallback(&callback); }
+    void fire()
+    {
+        body();
+        fired.add();
+    }
+    std::function<void()> body = [] {};
     EventCounter fired;
-};
-
-// A timer whose one callback counts; the timer, declared last, stops first.
-struct CountingTimer : Counter
-{
-    CountingTimer() { timer.addCallback(&callback); }
-    tavo::Callback<Counter> callback{this, &Counter::fire};
+    tavo::Callback<TestTimer> callback{this, &TestTimer::fire};
     tavo::Timer timer;
 };
 
 TEST(TimerTest, OneShotFiresOnceAfterItsPeriodAndStopSilencesArmedAndPeriodicTimers)
 {
-    CountingTimer oneShot;
+    TestTimer oneShot;
     // Removed and unset callbacks are not called.
-    Counter removed;
-    tavo::Callback<Counter> removedCallback(&removed, &Counter::fire);
-    tavo::Callback<Counter> unset;
+    TestTimer removed;
+    tavo::Callback<TestTimer> unset;
     unset.set(&removed, nullptr);
-    oneShot.timer.addCallback(&removedCallback);
+    oneShot.timer.addCallback(&removed.callback);
     oneShot.timer.addCallback(&unset);
-    EXPECT_TRUE(oneShot.timer.removeCallback(&removedCallback));
-    EXPECT_FALSE(oneShot.timer.removeCallback(&removedCallback));
+    EXPECT_TRUE(oneShot.timer.removeCallback(&removed.callback));
+    EXPECT_FALSE(oneShot.timer.removeCallback(&removed.callback));
     const auto started = Clock::now();
     oneShot.timer.start(20000, true);
     EXPECT_TRUE(oneShot.timer.isRunning());
@@ -53,12 +52,12 @@ TEST(TimerTest, OneShotFiresOnceAfterItsPeriodAndStopSilencesArmedAndPeriodicTim
     EXPECT_GE(Clock::now() - started, 20ms);
     EXPECT_FALSE(oneShot.timer.isRunning());
 
-    CountingTimer stopped;
+    TestTimer stopped;
     stopped.timer.stop(); // harmless on an idle timer
     stopped.timer.start(50000, true);
     stopped.timer.stop();
     EXPECT_FALSE(stopped.timer.isRunning());
-    CountingTimer periodic;
+    TestTimer periodic;
     periodic.timer.start(5000, false);
     ASSERT_TRUE(periodic.fired.waitFor(3, 5s));
     EXPECT_TRUE(periodic.timer.isRunning());
@@ -75,14 +74,14 @@ TEST(TimerTest, OneShotFiresOnceAfterItsPeriodAndStopSilencesArmedAndPeriodicTim
 
 TEST(TimerTest, ATimerReArmedOftenFiresOnceAndAnEarlierDeadlineStillWakesTheThread)
 {
-    CountingTimer far;
-    CountingTimer pushed;
-    CountingTimer near;
+    TestTimer far;
+    TestTimer pushed;
+    TestTimer near;
     // The timer thread sleeps towards the far deadline; re-arming pushes the
     // other timer back without waking it, and the near deadline must wake
     // it all the same, long before the far one.
     far.timer.start(30000000, true);
-    CountingTimer probe; // once it has fired, the thread heads for the far deadline
+    TestTimer probe; // once it has fired, the thread heads for the far deadline
     probe.timer.start(1000, true);
     ASSERT_TRUE(probe.fired.waitFor(1, 10s));
     pushed.timer.start(200000, true); // a shorter period replaces this one
@@ -98,61 +97,41 @@ TEST(TimerTest, ATimerReArmedOftenFiresOnceAndAnEarlierDeadlineStillWakesTheThre
     EXPECT_TRUE(far.timer.isRunning());
 }
 
-TEST(TimerTest, StopWaitsForACallbackThatIsRunning)
+TEST(TimerTest, StopWaitsForARunningCallbackExceptOnTheTimerThreadWhereTimersMayBeRestarted)
 {
-    struct Slow
+    tavo::BinarySemaphore entered, release;
+    std::atomic<bool> finished{false};
+    TestTimer slow;
+    slow.body = [&]
     {
-        tavo::BinarySemaphore entered;
-        tavo::BinarySemaphore release;
-        std::atomic<bool> finished{false};
-        void fire()
-        {
-            entered.give();
-            release.take();
-            finished = true;
-        }
-    } slow;
-    tavo::Callback<Slow> callback(&slow, &Slow::fire);
-    tavo::Timer timer;
-    timer.addCallback(&callback);
-    timer.start(0, true);
-    ASSERT_EQ(slow.entered.take(5000), tavo::TAKE_OK);
+        entered.give();
+        release.take();
+        finished = true;
+    };
+    slow.timer.start(0, true);
+    ASSERT_EQ(entered.take(5000), tavo::TAKE_OK);
     std::thread releaser(
         [&]
         {
             tavo::Thread::mssleep(50); // long enough for stop() to be waiting
-            slow.release.give();
+            release.give();
         });
-    timer.stop();
-    EXPECT_TRUE(slow.finished.load());
+    slow.timer.stop();
+    EXPECT_TRUE(finished.load());
     releaser.join();
-}
 
-TEST(TimerTest, ACallbackMayStopAndRestartTimersFromTheTimerThread)
-{
-    struct Chain
+    // A callback stops its own timer and another, then re-arms its own.
+    TestTimer chain, other;
+    chain.body = [&]
     {
-        tavo::Timer* self = nullptr;
-        tavo::Timer* other = nullptr;
-        EventCounter fired;
-        void fire()
+        chain.timer.stop();
+        other.timer.stop();
+        if (chain.fired.get() < 2)
         {
-            self->stop();
-            other->stop();
-            if (fired.get() < 2)
-            {
-                self->start(1000, true);
-            }
-            fired.add();
+            chain.timer.start(1000, true);
         }
-    } chain;
-    tavo::Timer timer;
-    tavo::Timer other;
-    chain.self = &timer;
-    chain.other = &other;
-    tavo::Callback<Chain> callback(&chain, &Chain::fire);
-    timer.addCallback(&callback);
-    timer.start(1000, true);
+    };
+    chain.timer.start(1000, true);
     ASSERT_TRUE(chain.fired.waitFor(3, 5s));
 }
 
