@@ -10,8 +10,9 @@ namespace
 
 const tavo::HostAddress LOOPBACK("127.0.0.1");
 
-// Closing from another thread, which wakes blocked calls, is guarded through
-// TCPTransportTest's disconnect case: the transport's disconnect is close().
+// Closing from another thread wakes blocked calls: the system tests show it
+// through the transport, whose disconnect is close() (FaultTest's disconnect
+// racing the receive loop, EndToEndTest's listener shut down while it accepts).
 TEST(TcpSocketTest, APortListenedOnIsNotBoundTwiceAndPeerCloseReadsAsZeroOwnCloseAsFailure)
 {
     tavo::TcpSocket listener, second, client;
