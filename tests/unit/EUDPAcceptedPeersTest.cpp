@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-
 #include <vector>
 
 namespace
@@ -26,20 +25,15 @@ protected:
     void SetUp() override
     {
         WeftFixture::SetUp();
-        for (auto& transport : m_transports)
-        {
-            transport = std::make_unique<EUDPTransport>();
-        }
+        m_transports.reset(new EUDPTransport[4]);
     }
     void TearDown() override
     {
-        for (auto& transport : m_transports)
-        {
-            transport.reset();
-        }
+        m_transports.reset();
         WeftFixture::TearDown();
     }
-    EUDPTransport* t(int i) { return m_transports[i].get(); }
+    EUDPTransport* t(int i) { return &m_transports[i]; }
+    int indexOf(EUDPTransport& transport) { return static_cast<int>(&transport - t(0)); }
 
     // Adds connection `i` for `port`, recording whatever it pushes out.
     void add(int i, uint16 port, TimePoint at, const tavo::HostAddress& host = HOST, uint con = 0)
@@ -51,19 +45,8 @@ protected:
     {
         return [this](EUDPTransport& gone) { m_gone.push_back(indexOf(gone)); };
     }
-    int indexOf(EUDPTransport& transport)
-    {
-        for (int i = 0; i < 4; ++i)
-        {
-            if (t(i) == &transport)
-            {
-                return i;
-            }
-        }
-        return -1;
-    }
 
-    std::unique_ptr<EUDPTransport> m_transports[4];
+    std::unique_ptr<EUDPTransport[]> m_transports;
     EUDPAcceptedPeers m_peers;
     std::vector<int> m_gone;
 };
