@@ -49,7 +49,7 @@ public:
     tavo::BinarySemaphore stop;
 };
 
-TEST(ThreadTest, ShutdownAsksRunToEndAndAFinishedThreadRunsAgainWithThePriorityItIsGiven)
+TEST(ThreadTest, ShutdownAsksRunToEndOrReportsItDoesNotAndAFinishedThreadRunsAgainWithItsPriority)
 {
     StoppableThread thread;
     EXPECT_TRUE(thread.shutdown(-1)); // never started: nothing to ask
@@ -75,11 +75,8 @@ TEST(ThreadTest, ShutdownAsksRunToEndAndAFinishedThreadRunsAgainWithThePriorityI
         5s));
     ASSERT_TRUE(thread.shutdown(-1));
     EXPECT_EQ(thread.runs.load(), 2);
-}
 
-TEST(ThreadTest, ShutdownWithATimeOutReportsAThreadThatDoesNotEndAndARunMayEndByItself)
-{
-    StoppableThread thread;
+    // A time-out reports a thread that does not end; it may end by itself.
     thread.stubborn = true;
     ASSERT_TRUE(thread.start());
     EXPECT_FALSE(thread.shutdown(50));
