@@ -8,7 +8,7 @@ namespace
 using namespace std::chrono_literals;
 using D = EUDPRoundTrip::Duration;
 
-TEST(EUDPRoundTripTest, TheTimeOutFollowsTheMeasuredRoundTripWithinItsBounds)
+TEST(EUDPRoundTripTest, TheTimeOutFollowsTheRoundTripWithinItsBoundsAndBacksOffAfterTwoTimeOuts)
 {
     EUDPRoundTrip rt(2ms, 500ms);
     // Nothing measured yet: the ceiling.
@@ -33,11 +33,9 @@ TEST(EUDPRoundTripTest, TheTimeOutFollowsTheMeasuredRoundTripWithinItsBounds)
     EUDPRoundTrip odd(800ms, 500ms);
     odd.sample(1ms);
     EXPECT_EQ(odd.timeout(), D(500ms));
-}
 
-TEST(EUDPRoundTripTest, TwoTimeOutsKeepTheTimeOutThenEachDoublesItUntilProgress)
-{
-    EUDPRoundTrip rt(2ms, 500ms);
+    // Two time-outs keep the time-out, then each doubles it until progress.
+    rt = EUDPRoundTrip(2ms, 500ms);
     rt.sample(10ms); // 30 ms
     const D expected[] = {30ms, 30ms, 30ms, 60ms, 120ms, 240ms, 480ms, 500ms};
     for (int timeouts = 0; timeouts < 8; ++timeouts)
