@@ -13,20 +13,14 @@ using eudpwire::modes;
 
 const uint8 LETTERS[] = {'T', 'R', 'D', 'X'};
 
-// The rule, stated once more in its simplest form: a letter asks for a mode
-// this side allows, or "D" keeps the current one; anything else refuses.
-bool allowedLetter(uint8 letter, bool realtime, bool reliable)
-{
-    return letter == 'D' || (letter == 'T' && realtime) || (letter == 'R' && reliable);
-}
-
-EConnMode after(uint8 letter, EConnMode current)
-{
-    return letter == 'D' ? current : static_cast<EConnMode>(letter);
-}
-
 TEST(EUDPModesTest, EveryModeRequestAgainstEveryPolicyIsAnsweredOrRefusedHalfByHalf)
 {
+    // The rule in its simplest form: a letter asks for a mode this side
+    // allows, or "D" keeps the current one; anything else refuses.
+    const auto allowedLetter = [](uint8 letter, bool realtime, bool reliable)
+    { return letter == 'D' || (letter == 'T' && realtime) || (letter == 'R' && reliable); };
+    const auto after = [](uint8 letter, EConnMode current)
+    { return letter == 'D' ? current : static_cast<EConnMode>(letter); };
     for (int flags = 0; flags < 16; ++flags)
     {
         const ModePolicy policy{(flags & 1) != 0, (flags & 2) != 0, (flags & 4) != 0,

@@ -57,18 +57,17 @@ TEST(EUDPReceiveWindowTest, EachArrivingNumberIsTakenDroppedOrAnsweredByItsPlace
     };
     for (const Arrival& row : table)
     {
+        SCOPED_TRACE(testing::Message() << char(row.mode) << " expecting " << row.expected
+                                        << ", got " << row.arg << " '" << row.payload << "'");
         W window(EUDP_RING_CAPACITY);
         window.restart(ModuloValue(row.expected));
         const W::Verdict verdict = window.receive(dataPacket(row.arg, row.payload), row.mode);
-        const std::string what = std::string(1, static_cast<char>(row.mode)) + " expecting " +
-                                 std::to_string(row.expected) + ", got " + std::to_string(row.arg) +
-                                 " '" + row.payload + "'";
-        EXPECT_EQ(verdict.arrival, row.arrival) << what;
-        EXPECT_EQ(verdict.answer, row.answer) << what;
-        EXPECT_EQ(verdict.answerArg, row.answerArg) << what;
-        EXPECT_EQ(verdict.stored, row.stored) << what;
-        EXPECT_EQ(window.expected().getValue(), row.expectedAfter) << what;
-        EXPECT_EQ(window.stored(), row.stored ? 1u : 0u) << what;
+        EXPECT_EQ(verdict.arrival, row.arrival);
+        EXPECT_EQ(verdict.answer, row.answer);
+        EXPECT_EQ(verdict.answerArg, row.answerArg);
+        EXPECT_EQ(verdict.stored, row.stored);
+        EXPECT_EQ(window.expected().getValue(), row.expectedAfter);
+        EXPECT_EQ(window.stored(), row.stored ? 1u : 0u);
     }
 }
 

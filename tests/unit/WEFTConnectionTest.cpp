@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <iterator>
 #include <memory>
 
 namespace
@@ -100,38 +101,30 @@ TEST_F(WEFTConnectionTest, ARequestThatFitsGoesWholeAndOneByteMoreIsRefusedWithN
 {
     // Each kind at the largest size a message carries (1488 payload bytes),
     // then one byte larger: by the name, by a string value, by a parameter.
-    typedef std::function<bool(int extra)> Request;
-    const std::vector<std::pair<std::string, Request>> requests = {
-        {"subscribe",
-         [&](int extra) { return m_connection->subscribe(std::string(1487 + extra, 'n')); }},
-        {"trigger", [&](int extra)
-         { return m_connection->trigger("t", ParameterValue(std::string(1484 + extra, 'v'))); }},
-        {"state update",
-         [&](int extra)
-         {
-             return m_connection->updateState(std::string(1482 + extra, 'n'),
-                                              ParameterValue(5)); // 5 bytes for an integer
-         }},
-        {"function call",
-         [&](int extra)
-         {
-             ParameterList params;
-             params.addString("s", std::string(1481 + extra, 'v'));
-             return m_connection->callFunctionId("f", params);
-         }},
+    const std::function<bool(int extra)> requests[] = {
+        [&](int extra) { return m_connection->subscribe(std::string(1487 + extra, 'n')); },
+        [&](int extra)
+        { return m_connection->trigger("t", ParameterValue(std::string(1484 + extra, 'v'))); },
+        [&](int extra) // 5 bytes for an integer
+        { return m_connection->updateState(std::string(1482 + extra, 'n'), ParameterValue(5)); },
+        [&](int extra)
+        {
+            ParameterList params;
+            params.addString("s", std::string(1481 + extra, 'v'));
+            return m_connection->callFunctionId("f", params);
+        },
     };
-    for (const auto& [kind, request] : requests)
+    for (std::size_t kind = 0; kind < std::size(requests); ++kind)
     {
-        const std::size_t before = m_transport->sent().size();
-        ASSERT_TRUE(request(0)) << kind;
-        ASSERT_EQ(m_transport->sent().size(), before + 1) << kind;
+        ASSERT_TRUE(requests[kind](0)) << kind;
+        ASSERT_EQ(m_transport->sent().size(), kind + 1) << kind;
         EXPECT_EQ(m_transport->sent().back().size(), WEFT_MAX_PACKET_SIZE) << kind;
-        EXPECT_FALSE(request(1)) << kind;
-        EXPECT_EQ(m_transport->sent().size(), before + 1) << kind << " went out in part";
+        EXPECT_FALSE(requests[kind](1)) << kind;
+        EXPECT_EQ(m_transport->sent().size(), kind + 1) << kind << " went out in part";
     }
     // What fits but cannot be encoded is refused the same way.
     EXPECT_FALSE(m_connection->trigger("t", ParameterValue(std::string("a\0b", 3))));
-    EXPECT_EQ(m_transport->sent().size(), requests.size());
+    EXPECT_EQ(m_transport->sent().size(), std::size(requests));
 }
 
 TEST(InitDeathTest, InitAndDeinitMayBeRepeatedButASecondInitOrLoggingBeforeInitStops)
