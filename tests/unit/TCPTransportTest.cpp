@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <memory>
 #include <numeric>
 #include <string>
@@ -31,7 +30,7 @@ std::string receiveText(IWEFTTransport& transport, uint size)
     return n > 0 ? std::string(buffer.begin(), buffer.begin() + n) : "<" + std::to_string(n) + ">";
 }
 
-// A listening TCPTransport and a helper to accept on it.
+// A listening TCPTransport.
 class TCPTransportTest : public WeftFixture
 {
 protected:
@@ -42,19 +41,15 @@ protected:
         m_port = m_listener.getLocalPort();
     }
 
-    std::unique_ptr<IWEFTTransport> acceptWhile(const std::function<void()>& connect)
+    // The transport the listener accepts for `client` (a transport or a plain
+    // socket the test drives byte by byte), which connects first: the
+    // listener's backlog holds it until then.
+    template <class Client>
+    std::unique_ptr<IWEFTTransport> connectAndAccept(Client& client)
     {
-        IWEFTTransport* accepted = nullptr;
-        std::thread acceptor([&] { accepted = m_listener.accept(); });
-        connect();
-        acceptor.join();
-        return std::unique_ptr<IWEFTTransport>(accepted);
-    }
-
-    // A transport connected to a plain socket that the test drives byte by byte.
-    std::unique_ptr<IWEFTTransport> acceptRawPeer(tavo::TcpSocket& raw)
-    {
-        return acceptWhile([&] { ASSERT_TRUE(raw.connect(LOOPBACK, m_port)); });
+        const bool connected = client.connect(LOOPBACK, m_port);
+        EXPECT_TRUE(connected);
+        return std::unique_ptr<IWEFTTransport>(connected ? m_listener.accept() : nullptr);
     }
 
     // Up to `count` bytes: fewer only when the stream ends first.
@@ -80,7 +75,7 @@ protected:
 TEST_F(TCPTransportTest, FramesEachMessageWithItsLengthAndRefusesLongerOnes)
 {
     tavo::TcpSocket raw;
-    auto transport = acceptRawPeer(raw);
+    auto transport = connectAndAccept(raw);
     ASSERT_NE(transport, nullptr);
     Bytes tooLong(65536, 1);
     EXPECT_FALSE(transport->sendData(tooLong.data(), 65536));
@@ -107,7 +102,8 @@ TEST_F(TCPTransportTest, FramesEachMessageWithItsLengthAndRefusesLongerOnes)
           {{5, 0, 1, 2, 3, 4, 5}, 4, {-1}}})
     {
         tavo::TcpSocket peer;
-        auto reader = acceptRawPeer(peer);
+        auto reader = connectAndAccept(peer);
+        ASSERT_NE(reader, nullptr);
         for (const uint8 byte : stream)
         {
             ASSERT_EQ(peer.send(&byte, 1), 1);
@@ -134,7 +130,7 @@ TEST_F(TCPTransportTest, ConnectIsRetriedAfterAFailureAndAfterADisconnectOnAFres
     }
     TCPTransport client;
     EXPECT_FALSE(client.connect(LOOPBACK, closedPort));
-    auto first = acceptWhile([&] { ASSERT_TRUE(client.connect(LOOPBACK, m_port)); });
+    auto first = connectAndAccept(client);
     ASSERT_NE(first, nullptr);
     const uint16 firstPort = client.getLocalPort();
     client.disconnect();
@@ -143,7 +139,7 @@ TEST_F(TCPTransportTest, ConnectIsRetriedAfterAFailureAndAfterADisconnectOnAFres
     EXPECT_FALSE(client.sendData(&byte, 1));
     EXPECT_EQ(receiveText(client, 16), "<0>");
     EXPECT_EQ(receiveText(*first, 16), "<0>"); // the peer sees the end of the stream
-    auto second = acceptWhile([&] { ASSERT_TRUE(client.connect(LOOPBACK, m_port)); });
+    auto second = connectAndAccept(client);
     ASSERT_NE(second, nullptr);
     EXPECT_NE(client.getLocalPort(), firstPort);
     EXPECT_EQ(second->getPeerPort(), client.getLocalPort());
@@ -156,7 +152,8 @@ TEST_F(TCPTransportTest, ConnectIsRetriedAfterAFailureAndAfterADisconnectOnAFres
 TEST_F(TCPTransportTest, ConcurrentSendersNeverInterleaveTheirMessages)
 {
     TCPTransport client;
-    auto server = acceptWhile([&] { ASSERT_TRUE(client.connect(LOOPBACK, m_port)); });
+    auto server = connectAndAccept(client);
+    ASSERT_NE(server, nullptr);
     std::vector<std::thread> senders;
     for (uint8 mark = 1; mark <= 4; ++mark)
     {

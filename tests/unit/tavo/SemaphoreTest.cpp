@@ -39,7 +39,9 @@ TEST(SemaphoreTest, BinaryCollapsesGivesCountingKeepsEachAndATimedTakeRunsOutOrI
         EXPECT_GE(Clock::now() - started, 100ms);
         EXPECT_LT(Clock::now() - started, 5s);
         std::thread giver([&] { semaphore.give(); });
+        const auto waiting = Clock::now();
         EXPECT_EQ(semaphore.take(10000), tavo::TAKE_OK);
+        EXPECT_LT(Clock::now() - waiting, 5s) << "woken only by the end of the wait";
         giver.join();
     };
     runsOutOrIsWoken(binary, "binary");
