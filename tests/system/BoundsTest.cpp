@@ -43,15 +43,8 @@ protected:
         EUDPTimeouts limits = timeouts();
         limits.tcpMessage = 300ms;
         limits.sendStall = 200ms;
-        m_limits = std::make_unique<ScopedEUDPTimeouts>(limits);
+        EUDPTimeouts::setStandard(limits); // until WeftFixture puts its own back
     }
-    void TearDown() override
-    {
-        m_limits.reset();
-        WeftFixture::TearDown();
-    }
-
-    std::unique_ptr<ScopedEUDPTimeouts> m_limits;
 };
 
 int receiveOnce(IWEFTTransport& transport)

@@ -37,42 +37,25 @@ using eudpwire::packet;
 
 typedef RawUdpSocket::Datagram Datagram;
 
-bool isKeepAlive(const Datagram& datagram)
-{
-    return datagram.bytes.size() == 8 &&
-           std::equal(datagram.bytes.begin(), datagram.bytes.begin() + 4, packet("CMD", 0).begin());
-}
-
 // A plain UDP socket on loopback through which a test plays the peer.
-class RawPeer : public RawUdpSocket
+struct RawPeer : RawUdpSocket
 {
-public:
-    // The next datagram; an empty one when none comes in 10 s.
-    Datagram receive(int waitMs = 10000) { return RawUdpSocket::receive(waitMs); }
-
-    // The next datagram that is not one of the transport's idle keep-alives.
+    // The next datagram that is not an idle keep-alive (a CMD without payload).
     Datagram answerDatagram()
     {
-        Datagram datagram = receive();
-        while (isKeepAlive(datagram))
-        {
-            datagram = receive();
-        }
-        return datagram;
+        return receiveFirst(
+            [](const Bytes& bytes)
+            {
+                return bytes.size() != 8 ||
+                       !std::equal(bytes.begin(), bytes.begin() + 4, packet("CMD", 0).begin());
+            });
     }
     Bytes answer() { return answerDatagram().bytes; }
-    // Forgets what has come in already.
-    void drain()
-    {
-        while (!receive(0).bytes.empty())
-        {
-        }
-    }
 
     // Nothing else reached this socket: a marker sent now is the next datagram.
     void expectNothingMore()
     {
-        RawPeer().send(port(), Bytes{'m'});
+        RawUdpSocket().send(port(), Bytes{'m'});
         EXPECT_EQ(receive().bytes, Bytes{'m'});
     }
 };
@@ -109,7 +92,7 @@ protected:
     void SetUp() override
     {
         WeftFixture::SetUp();
-        m_timeouts = std::make_unique<ScopedEUDPTimeouts>(shortWaits());
+        EUDPTimeouts::setStandard(shortWaits()); // until WeftFixture puts its own back
         listenAgain();
     }
 
@@ -124,7 +107,6 @@ protected:
     void TearDown() override
     {
         m_listener.reset();
-        m_timeouts.reset();
         WeftFixture::TearDown();
     }
 
@@ -150,7 +132,6 @@ protected:
         EXPECT_EQ(log().levelOf(line), level) << line;
     }
 
-    std::unique_ptr<ScopedEUDPTimeouts> m_timeouts;
     std::unique_ptr<EUDPTransport> m_listener;
     uint16 m_listenPort = 0;
     uint16 m_serverPort = 0;
