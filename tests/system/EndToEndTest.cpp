@@ -88,20 +88,6 @@ TEST_P(WEFTEndToEndTest, ManyClientsAreHandedOverInAcceptOrderAndTheirThreadsLos
     EXPECT_EQ(names.size(), static_cast<std::size_t>(clients * messagesEach));
 }
 
-TEST_P(WEFTEndToEndTest, ShutdownLogsAndNoLaterConnectionIsHandedOver)
-{
-    ASSERT_TRUE(m_listener->shutdown(-1));
-    EXPECT_EQ(log().levelOf("WEFT: listener is shut down"), 4);
-    EventLog clientEvents;
-    Recorder client(clientEvents);
-    WEFTConnection late(GetParam());
-    // TCP refuses at once; EUDP waits for an answer that never comes.
-    EXPECT_FALSE(late.connect("127.0.0.1", m_port, &client));
-    late.disconnect();
-    EXPECT_EQ(m_connector.accepted(), 0);
-    EXPECT_EQ(clientEvents.count(), 0);
-}
-
 INSTANTIATE_TEST_SUITE_P(Transports, WEFTEndToEndTest,
                          ::testing::Values(TRANSPORT_TCP, TRANSPORT_EUDP),
                          [](const ::testing::TestParamInfo<ETransport>& info)
