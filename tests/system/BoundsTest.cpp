@@ -4,11 +4,9 @@
 
 #include "EUDPTimeouts.h"
 
-#include "support/EUDPTransportTestPeer.h"
 #include "support/EudpWire.h"
 #include "support/RawUdpSocket.h"
 #include "support/Recorders.h"
-#include "support/Waiting.h"
 #include "support/WeftFixture.h"
 
 #include <weft/EUDPTransport.h>
@@ -29,8 +27,8 @@ namespace
 {
 
 using namespace std::chrono_literals;
+using eudpwire::modes;
 using eudpwire::packet;
-typedef EUDPTransportTestPeer Peer;
 
 const tavo::HostAddress LOOPBACK("127.0.0.1");
 
@@ -92,11 +90,9 @@ TEST_F(BoundsTest, ASendToAPeerThatTakesNothingGivesUpAfterTheSendTimeoutAndClos
     RawUdpSocket silent;
     silent.send(eudpListener.getLocalPort(), packet("CON", 0));
     std::unique_ptr<IWEFTTransport> eudp(eudpListener.accept());
-    silent.send(eudp->getLocalPort(), packet("MOD", eudpwire::modes("RDDD")));
-    ASSERT_TRUE(eventually(
-        [&]
-        { return Peer::sendMode(*static_cast<EUDPTransport*>(eudp.get())) == CONN_MODE_RELIABLE; },
-        5s));
+    silent.send(eudp->getLocalPort(), packet("MOD", modes("RDDD")));
+    const auto granted = [](const auto& bytes) { return bytes == packet("MAK", modes("RRDT")); };
+    ASSERT_FALSE(silent.receiveFirst(granted).bytes.empty());
 
     for (IWEFTTransport* transport : {tcp.get(), eudp.get()})
     {
