@@ -51,6 +51,18 @@ int receiveOnce(IWEFTTransport& transport)
     return transport.receiveData(buffer, sizeof(buffer));
 }
 
+// How many 1400-byte messages were taken before one was refused.
+int sendUntilRefused(IWEFTTransport& transport)
+{
+    const std::vector<uint8> message(1400, 'x');
+    int sent = 0;
+    while (transport.sendData(message.data(), 1400))
+    {
+        ++sent;
+    }
+    return sent;
+}
+
 TEST_F(BoundsTest, ATcpMessageMustArriveWholeInTimeWhileAnIdleConnectionStays)
 {
     TCPTransport listener;
@@ -96,17 +108,7 @@ TEST_F(BoundsTest, ASendToAPeerThatTakesNothingGivesUpAfterTheSendTimeoutAndClos
 
     for (IWEFTTransport* transport : {tcp.get(), eudp.get()})
     {
-        auto sending = std::async(std::launch::async,
-                                  [&]
-                                  {
-                                      const std::vector<uint8> message(1400, 'x');
-                                      int sent = 0;
-                                      while (transport->sendData(message.data(), 1400))
-                                      {
-                                          ++sent;
-                                      }
-                                      return sent;
-                                  });
+        auto sending = std::async(std::launch::async, sendUntilRefused, std::ref(*transport));
         ASSERT_EQ(sending.wait_for(10s), std::future_status::ready);
         EXPECT_GT(sending.get(), 0);
         // Closed: what waits for it ends, and nothing more is taken.

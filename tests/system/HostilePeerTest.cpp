@@ -7,7 +7,6 @@
 #include "support/ListenerFixture.h"
 #include "support/RawUdpSocket.h"
 
-#include <weft/Constants.h>
 #include <weft/WEFTConnection.h>
 #include <weft/WEFTListener.h>
 

@@ -55,21 +55,16 @@ void sendAll(IWEFTTransport& transport, uint32_t from, uint32_t to, std::size_t 
 
 // The indices received, in arrival order, until the transport closes or
 // `expected` have arrived.
-std::future<std::vector<uint32_t>> collect(IWEFTTransport& transport, std::size_t expected)
+std::vector<uint32_t> receiveIndices(IWEFTTransport& transport, std::size_t expected)
 {
-    return std::async(std::launch::async,
-                      [&transport, expected]
-                      {
-                          std::vector<uint32_t> indices;
-                          uint8 buffer[EUDP_MAX_PAYLOAD];
-                          while (indices.size() < expected &&
-                                 transport.receiveData(buffer, sizeof(buffer)) > 0)
-                          {
-                              indices.push_back(0);
-                              std::memcpy(&indices.back(), buffer, sizeof(uint32_t));
-                          }
-                          return indices;
-                      });
+    std::vector<uint32_t> indices;
+    uint8 buffer[EUDP_MAX_PAYLOAD];
+    while (indices.size() < expected && transport.receiveData(buffer, sizeof(buffer)) > 0)
+    {
+        indices.push_back(0);
+        std::memcpy(&indices.back(), buffer, sizeof(uint32_t));
+    }
+    return indices;
 }
 
 // A client and an accepted transport talking through the relay. The
@@ -163,8 +158,8 @@ TEST_P(ReliableThroughLoss, BothDirectionsDeliverEveryMessageOnceAndInOrderAcros
     ASSERT_TRUE(m_server->setWindowSize(32));
     const double loss = GetParam();
     const uint32_t count = loss < 0.1 ? 3000 : 1500; // fewer where more is lost
-    auto atServer = collect(*m_server, count);
-    auto atClient = collect(*m_client, count);
+    auto atServer = std::async(std::launch::async, receiveIndices, std::ref(*m_server), count);
+    auto atClient = std::async(std::launch::async, receiveIndices, std::ref(*m_client), count);
     // The first messages go into a network silent for half the time after
     // which a peer counts as dead (fewer than a full ring, whose sender would
     // give up sooner): both sides keep them and repeat them.
