@@ -346,6 +346,13 @@ TEST_P(LetterPeerTest,
        AReliableSenderDeliversEverythingInOrderToAPeerWrittenToTheLetterBeforeItCloses)
 {
     constexpr int MESSAGES = 600;
+    // Closing waits for the last acknowledgements while they keep coming, up
+    // to the send time-out: both as long as in production, so that a stall
+    // of a busy machine does not cut the wait short.
+    EUDPTimeouts patient = timeouts();
+    patient.retransmit = EUDPTimeouts().retransmit;
+    patient.sendStall = EUDPTimeouts().sendStall;
+    EUDPTimeouts::setStandard(patient);
     LetterReceiver letter;
     ImpairmentRelay relay(letter.listeningPort(), 20261123);
     ASSERT_TRUE(relay.isOpen()) << relay.getError();
