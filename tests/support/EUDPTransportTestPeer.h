@@ -12,8 +12,6 @@
 class EUDPTransportTestPeer
 {
 public:
-    static EConnMode sendMode(const EUDPTransport& t) { return t.m_sendMode; }
-    static EConnMode receiveMode(const EUDPTransport& t) { return t.m_receiveMode; }
     static int window(const EUDPTransport& t) { return t.m_windowSize; }
     static bool closed(const EUDPTransport& t) { return t.m_closed; }
 

@@ -45,29 +45,21 @@ std::size_t LogCapture::countContaining(const std::string& part) const
 int LogCapture::levelOf(const std::string& text) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    for (const Line& line : m_lines)
-    {
-        if (line.text == text)
-        {
-            return line.level;
-        }
-    }
-    return -1;
+    const auto line = std::find_if(m_lines.begin(), m_lines.end(),
+                                   [&](const Line& each) { return each.text == text; });
+    return line == m_lines.end() ? -1 : line->level;
 }
 
 bool LogCapture::waitFor(const std::string& text, std::chrono::milliseconds timeout,
                          std::size_t occurrences) const
 {
+    const auto equal = [&](const Line& line) { return line.text == text; };
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_changed.wait_for(lock, timeout,
                               [&]
                               {
-                                  std::size_t n = 0;
-                                  for (const Line& line : m_lines)
-                                  {
-                                      n += line.text == text ? 1 : 0;
-                                  }
-                                  return n >= occurrences;
+                                  return static_cast<std::size_t>(std::count_if(
+                                             m_lines.begin(), m_lines.end(), equal)) >= occurrences;
                               });
 }
 

@@ -84,7 +84,7 @@ public:
 
     // The next datagram within `waitMs` (0: only one already waiting); an
     // empty one when none comes, or when a signal cuts the wait short.
-    Datagram receive(int waitMs)
+    Datagram receive(int waitMs = 10000)
     {
         pollfd wait{m_fd, POLLIN, 0};
         Datagram datagram{std::vector<std::uint8_t>(2048)};
@@ -97,6 +97,26 @@ public:
         datagram.bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
         datagram.from = ntohs(source.sin_port);
         return datagram;
+    }
+
+    // The next datagram whose bytes `wanted` accepts, the others dropped.
+    template <class Wanted>
+    Datagram receiveFirst(Wanted wanted, int waitMs = 10000)
+    {
+        Datagram datagram = receive(waitMs);
+        while (!datagram.bytes.empty() && !wanted(datagram.bytes))
+        {
+            datagram = receive(waitMs);
+        }
+        return datagram;
+    }
+
+    // Forgets what has come in already.
+    void drain()
+    {
+        while (!receive(0).bytes.empty())
+        {
+        }
     }
 
 protected:

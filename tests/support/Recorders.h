@@ -58,23 +58,6 @@ public:
         return m_count.waitFor(count, timeout);
     }
 
-    int count() const { return m_count.get(); }
-
-    // The names of the events of one kind, in order.
-    std::vector<std::string> namesOf(const std::string& kind) const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        std::vector<std::string> names;
-        for (const Event& event : m_events)
-        {
-            if (event.kind == kind)
-            {
-                names.push_back(event.name);
-            }
-        }
-        return names;
-    }
-
     int countOf(const Event& wanted) const
     {
         std::lock_guard<std::mutex> lock(m_mutex);

@@ -37,42 +37,25 @@ using eudpwire::packet;
 
 typedef RawUdpSocket::Datagram Datagram;
 
-bool isKeepAlive(const Datagram& datagram)
-{
-    return datagram.bytes.size() == 8 &&
-           std::equal(datagram.bytes.begin(), datagram.bytes.begin() + 4, packet("CMD", 0).begin());
-}
-
 // A plain UDP socket on loopback through which a test plays the peer.
-class RawPeer : public RawUdpSocket
+struct RawPeer : RawUdpSocket
 {
-public:
-    // The next datagram; an empty one when none comes in 10 s.
-    Datagram receive(int waitMs = 10000) { return RawUdpSocket::receive(waitMs); }
-
-    // The next datagram that is not one of the transport's idle keep-alives.
+    // The next datagram that is not an idle keep-alive (a CMD without payload).
     Datagram answerDatagram()
     {
-        Datagram datagram = receive();
-        while (isKeepAlive(datagram))
-        {
-            datagram = receive();
-        }
-        return datagram;
+        return receiveFirst(
+            [](const Bytes& bytes)
+            {
+                return bytes.size() != 8 ||
+                       !std::equal(bytes.begin(), bytes.begin() + 4, packet("CMD", 0).begin());
+            });
     }
     Bytes answer() { return answerDatagram().bytes; }
-    // Forgets what has come in already.
-    void drain()
-    {
-        while (!receive(0).bytes.empty())
-        {
-        }
-    }
 
     // Nothing else reached this socket: a marker sent now is the next datagram.
     void expectNothingMore()
     {
-        RawPeer().send(port(), Bytes{'m'});
+        RawUdpSocket().send(port(), Bytes{'m'});
         EXPECT_EQ(receive().bytes, Bytes{'m'});
     }
 };
@@ -92,16 +75,11 @@ bool sendText(IWEFTTransport& transport, const std::string& text)
 
 // The waits of connect and of requests shortened; keep-alives as usual, so
 // that none takes a number in the middle of a test.
-EUDPTimeouts shortWaits()
-{
-    EUDPTimeouts timeouts;
-    timeouts.connect = 400ms;
-    timeouts.connectRepeat = 40ms;
-    timeouts.negotiation = 600ms;
-    timeouts.negotiationRepeat = 100ms;
-    timeouts.retransmit = 100ms;
-    return timeouts;
-}
+const EUDPTimeouts SHORT_WAITS{.connect = 400ms,
+                               .connectRepeat = 40ms,
+                               .negotiation = 600ms,
+                               .negotiationRepeat = 100ms,
+                               .retransmit = 100ms};
 
 class EUDPTransportTest : public WeftFixture
 {
@@ -109,7 +87,7 @@ protected:
     void SetUp() override
     {
         WeftFixture::SetUp();
-        m_timeouts = std::make_unique<ScopedEUDPTimeouts>(shortWaits());
+        EUDPTimeouts::setStandard(SHORT_WAITS); // until WeftFixture puts its own back
         listenAgain();
     }
 
@@ -124,7 +102,6 @@ protected:
     void TearDown() override
     {
         m_listener.reset();
-        m_timeouts.reset();
         WeftFixture::TearDown();
     }
 
@@ -150,13 +127,13 @@ protected:
         EXPECT_EQ(log().levelOf(line), level) << line;
     }
 
-    std::unique_ptr<ScopedEUDPTimeouts> m_timeouts;
     std::unique_ptr<EUDPTransport> m_listener;
     uint16 m_listenPort = 0;
     uint16 m_serverPort = 0;
 };
 
-TEST_F(EUDPTransportTest, ConnectRepeatsItsConTakesTheAckSourceAsPeerAndDismissesASecondOne)
+TEST_F(EUDPTransportTest,
+       ConnectRepeatsItsConTakesTheAckSourceAsPeerAndKeepsAPayloadTooBigForABuffer)
 {
     RawPeer listening;
     RawPeer accepted;
@@ -178,8 +155,14 @@ TEST_F(EUDPTransportTest, ConnectRepeatsItsConTakesTheAckSourceAsPeerAndDismisse
     duplicate.send(con.from, packet("ACK", 0));
     EXPECT_EQ(duplicate.receive().bytes, packet("DIS", 0));
 
+    // Too small a buffer fails a receive and keeps the payload for the next
+    // one, which gets it at once.
     accepted.send(con.from, packet("CMD", 0, "yo"));
-    EXPECT_EQ(receiveText(client), "yo");
+    EXPECT_EQ(receiveText(client, 1), "<-1>");
+    expectLine(con.from, "receive failed, provided buffer too small", 2);
+    auto retry = std::async(std::launch::async, [&] { return receiveText(client, 2); });
+    ASSERT_EQ(retry.wait_for(2s), std::future_status::ready);
+    EXPECT_EQ(retry.get(), "yo");
     client.disconnect();
     client.disconnect();
     EXPECT_EQ(accepted.answer(), packet("DIS", 1));
@@ -228,7 +211,7 @@ TEST_F(EUDPTransportTest, AWrongAckOrNoAnswerFailsConnectAndTheNextConnectStarts
     // Nobody answers: the CON goes out again and again until the time is up.
     const auto started = Clock::now();
     EXPECT_FALSE(client.connect(LOOPBACK, listening.port()));
-    EXPECT_GE(Clock::now() - started, shortWaits().connect);
+    EXPECT_GE(Clock::now() - started, SHORT_WAITS.connect);
     const uint16 second = listening.receive().from;
     EXPECT_NE(second, con.from); // a new socket
     expectLine(second, "failed to connect to " + target + " (timeout)", 2);
@@ -245,7 +228,7 @@ TEST_F(EUDPTransportTest, AWrongAckOrNoAnswerFailsConnectAndTheNextConnectStarts
         std::async(std::launch::async, [&] { return client.connect(LOOPBACK, listening.port()); });
     listening.receive();
     client.disconnect();
-    EXPECT_EQ(waiting.wait_for(shortWaits().connect / 2), std::future_status::ready);
+    EXPECT_EQ(waiting.wait_for(SHORT_WAITS.connect / 2), std::future_status::ready);
     EXPECT_FALSE(waiting.get());
 
     listening.drain();
@@ -253,22 +236,6 @@ TEST_F(EUDPTransportTest, AWrongAckOrNoAnswerFailsConnectAndTheNextConnectStarts
         std::async(std::launch::async, [&] { return client.connect(LOOPBACK, listening.port()); });
     listening.send(listening.receive().from, packet("ACK", 0));
     EXPECT_TRUE(waiting.get());
-}
-
-TEST_F(EUDPTransportTest, AReceiveIntoTooSmallABufferFailsAndKeepsThePayloadForTheNextOne)
-{
-    RawPeer raw;
-    auto server = acceptRaw(raw, 0);
-    raw.send(m_serverPort, packet("CMD", 1, "a"));
-    raw.send(m_serverPort, packet("CMD", 2, "dd"));
-    EXPECT_EQ(receiveText(*server, 0), "<-1>");
-    expectLine(raw.port(), "receive failed, provided buffer too small", 2);
-    EXPECT_EQ(receiveText(*server, 1), "a");
-    EXPECT_EQ(receiveText(*server, 1), "<-1>");
-    // The retry gets the packet at once, not after a later one.
-    auto retry = std::async(std::launch::async, [&] { return receiveText(*server, 2); });
-    ASSERT_EQ(retry.wait_for(2s), std::future_status::ready);
-    EXPECT_EQ(retry.get(), "dd");
 }
 
 TEST_F(EUDPTransportTest, FullSendRingBlocksUntilAnAckAndClosingWakesBlockedCallers)
@@ -308,7 +275,7 @@ TEST_F(EUDPTransportTest, FullSendRingBlocksUntilAnAckAndClosingWakesBlockedCall
 
 TEST_F(EUDPTransportTest, ASilentPeerGetsAKeepAliveEachPeriodAndIsDeadAfterTheDeadPeerTime)
 {
-    EUDPTimeouts quick = shortWaits();
+    EUDPTimeouts quick = SHORT_WAITS;
     quick.acceptedKeepAlive = 30ms;
     quick.deadPeer = 300ms;
     ScopedEUDPTimeouts scoped(quick);

@@ -1,8 +1,7 @@
 // Both transports over IPv6 and through a dual-stack listener, with strangers.
 
 #include "support/EudpWire.h"
-#include "support/Recorders.h"
-#include "support/WeftFixture.h"
+#include "support/ListenerFixture.h"
 
 #include <weft/WEFTListener.h>
 
@@ -13,20 +12,18 @@ namespace
 
 using tavo::HostAddress;
 
-class Ipv6Test : public WeftFixture, public ::testing::WithParamInterface<ETransport>
+// Listeners of its own on the fixture's connector.
+class Ipv6Test : public ListenerFixture, public ::testing::WithParamInterface<ETransport>
 {
 protected:
     void SetUp() override
     {
-        WeftFixture::SetUp();
+        ListenerFixture::SetUp();
         if (!tavo::UdpSocket().bind(HostAddress::loopbackIpv6(), 0))
         {
             GTEST_SKIP() << "no IPv6 loopback (::1) on this machine";
         }
     }
-
-    EventLog m_serverEvents;
-    CollectingConnector m_connector{m_serverEvents};
 };
 
 TEST_P(Ipv6Test, IPv6AndIPv4ClientsOfAnIPv6ListenerTalkBothWaysAndStrangersCannotCloseThem)
