@@ -1,5 +1,5 @@
 // EUDP through a relay that loses, duplicates, reorders or silences traffic,
-// with every time-out shortened: two weft transports both ways, and weft's
+// with every time-out shortened: two weft connections both ways, and weft's
 // sender against a receiver written from the protocol alone. (That lost
 // keep-alives never end a live connection is EUDPLivenessTest's.)
 
@@ -8,21 +8,16 @@
 #include "ImpairmentRelay.h"
 #include "support/EUDPTransportTestPeer.h"
 #include "support/EudpWire.h"
+#include "support/ListenerFixture.h"
 #include "support/RawUdpSocket.h"
-#include "support/Waiting.h"
-#include "support/WeftFixture.h"
 
 #include <weft/EUDPTransport.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
-#include <condition_variable>
 #include <cstring>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,7 +27,6 @@ namespace
 
 using namespace std::chrono_literals;
 
-const tavo::HostAddress LOOPBACK("127.0.0.1");
 using eudpwire::Bytes;
 
 // Tests named after the share of datagrams the relay drops.
@@ -41,148 +35,94 @@ std::string percent(const ::testing::TestParamInfo<double>& info)
     return "Percent" + std::to_string(static_cast<int>(info.param * 100));
 }
 
-// Messages `from` to `to` (excluded): 4 bytes of index and filler up to
-// the chosen size.
-void sendAll(IWEFTTransport& transport, uint32_t from, uint32_t to, std::size_t size)
-{
-    for (uint32_t i = from; i < to; ++i)
-    {
-        std::vector<uint8> bytes(size, static_cast<uint8>(i * 31));
-        std::memcpy(bytes.data(), &i, sizeof(i));
-        ASSERT_TRUE(transport.sendData(bytes.data(), static_cast<uint>(bytes.size())));
-    }
-}
-
-// The indices received, in arrival order, until the transport closes or
-// `expected` have arrived.
-std::vector<uint32_t> receiveIndices(IWEFTTransport& transport, std::size_t expected)
-{
-    std::vector<uint32_t> indices;
-    uint8 buffer[EUDP_MAX_PAYLOAD];
-    while (indices.size() < expected && transport.receiveData(buffer, sizeof(buffer)) > 0)
-    {
-        indices.push_back(0);
-        std::memcpy(&indices.back(), buffer, sizeof(uint32_t));
-    }
-    return indices;
-}
-
-// A client and an accepted transport talking through the relay. The
-// listener accepts in a loop, as a server does, so that a CON sent again
-// after a lost ACK is answered.
-class EUDPThroughRelay : public WeftFixture
+// Connections through a relay in front of the fixture's listener, which
+// accepts in a loop, as servers do, so that a CON sent again after a lost
+// ACK is answered.
+class ThroughRelay : public ListenerFixture
 {
 protected:
-    void SetUp() override
+    // Accepted transports take the time-outs the listener was made with.
+    void start()
     {
-        WeftFixture::SetUp();
-        start(timeouts());
+        ASSERT_NO_FATAL_FAILURE(listen(TRANSPORT_EUDP));
+        m_relay = std::make_unique<ImpairmentRelay>(m_port, 20261123);
     }
 
-    // A new listener and relay that run with `chosen`, until WeftFixture
-    // puts its own back.
-    void start(const EUDPTimeouts& chosen)
+    // A client through the relay whose first packet has number `first`, and
+    // the server's end of it.
+    std::unique_ptr<WEFTConnection> connectThroughRelay(int first = 0)
     {
-        stop();
-        EUDPTimeouts::setStandard(chosen);
-        m_listener = std::make_unique<EUDPTransport>();
-        ASSERT_TRUE(m_listener->listen(LOOPBACK, 0));
-        m_relay = std::make_unique<ImpairmentRelay>(m_listener->getLocalPort(), 20261123);
-        m_acceptor = std::thread(
-            [this]
-            {
-                while (IWEFTTransport* accepted = m_listener->accept())
-                {
-                    std::lock_guard<std::mutex> lock(m_acceptedMutex);
-                    m_accepted.emplace_back(accepted);
-                    m_acceptedCount.add();
-                }
-            });
+        auto* transport = new EUDPTransport();
+        EUDPTransportTestPeer::numberFrom(*transport, first);
+        auto client = std::make_unique<WEFTConnection>(transport);
+        const int before = m_connector.accepted();
+        EXPECT_TRUE(client->connect("127.0.0.1", m_relay->getPort(), &m_client));
+        EXPECT_TRUE(m_connector.waitForConnections(before + 1));
+        m_server = m_connector.connection(static_cast<std::size_t>(before));
+        return m_server ? std::move(client) : nullptr;
     }
 
-    // A new client, numbering from `firstNumber`, connected through the
-    // relay; and the server's side of its connection.
-    void connect(int firstNumber = 0)
-    {
-        m_client = std::make_unique<EUDPTransport>();
-        EUDPTransportTestPeer::numberFrom(*m_client, firstNumber);
-        const int before = m_acceptedCount.get();
-        ASSERT_TRUE(m_client->connect(LOOPBACK, m_relay->getPort()));
-        ASSERT_TRUE(m_acceptedCount.waitFor(before + 1, 10s));
-        std::lock_guard<std::mutex> lock(m_acceptedMutex);
-        m_server = m_accepted.back().get();
-    }
-
-    // Transports go before weftDeinit; destroying one in any state is safe.
-    void stop()
-    {
-        if (m_acceptor.joinable())
-        {
-            m_listener->disconnect(); // ends the accept loop
-            m_acceptor.join();
-        }
-        m_accepted.clear();
-        m_client.reset();
-        m_listener.reset();
-        m_relay.reset();
-    }
-
-    void TearDown() override
-    {
-        stop();
-        WeftFixture::TearDown();
-    }
-
-    std::unique_ptr<EUDPTransport> m_listener;
-    std::unique_ptr<EUDPTransport> m_client;
-    IWEFTTransport* m_server = nullptr;
     std::unique_ptr<ImpairmentRelay> m_relay;
-    std::thread m_acceptor;
-    std::mutex m_acceptedMutex;
-    std::vector<std::unique_ptr<IWEFTTransport>> m_accepted;
-    EventCounter m_acceptedCount;
+    EventLog m_clientEvents;
+    Recorder m_client{m_clientEvents};
+    WEFTConnection* m_server = nullptr;
 };
 
-class ReliableThroughLoss : public EUDPThroughRelay, public ::testing::WithParamInterface<double>
+class ReliableThroughLoss : public ThroughRelay, public ::testing::WithParamInterface<double>
 {
 };
 
 TEST_P(ReliableThroughLoss, BothDirectionsDeliverEveryMessageOnceAndInOrderAcrossTheWrapAndASilence)
 {
+    // Ten times real time: a sanitizer build still keeps up with it.
+    EUDPTimeouts::setStandard(EUDPTimeouts().shortenedBy(10));
+    ASSERT_NO_FATAL_FAILURE(start());
     // The client's numbers cross 65534 -> 0 part way through.
-    ASSERT_NO_FATAL_FAILURE(connect(EUDP_SEQ_RANGE - 700));
+    const auto client = connectThroughRelay(EUDP_SEQ_RANGE - 700);
+    ASSERT_NE(client, nullptr);
     // Negotiated on a clean path: a lost request would only cost a time-out.
-    ASSERT_TRUE(m_client->setSendMode(CONN_MODE_RELIABLE));
-    ASSERT_TRUE(m_client->setReceiveMode(CONN_MODE_RELIABLE));
-    ASSERT_TRUE(m_client->setWindowSize(32));
+    ASSERT_TRUE(client->setSendMode(CONN_MODE_RELIABLE));
+    ASSERT_TRUE(client->setReceiveMode(CONN_MODE_RELIABLE));
+    ASSERT_TRUE(client->setWindowSize(32));
     ASSERT_TRUE(m_server->setWindowSize(32));
     const double loss = GetParam();
-    const uint32_t count = loss < 0.1 ? 3000 : 1500; // fewer where more is lost
-    auto atServer = std::async(std::launch::async, receiveIndices, std::ref(*m_server), count);
-    auto atClient = std::async(std::launch::async, receiveIndices, std::ref(*m_client), count);
+    const int count = loss < 0.1 ? 3000 : 1500; // fewer where more is lost
+    // The client subscribes to c<i>, the server updates s<i> to i.
+    const auto send = [&](bool server, int from, int to)
+    {
+        for (int i = from; i < to; ++i)
+        {
+            const std::string n = std::to_string(i);
+            ASSERT_TRUE(server ? m_server->updateState("s" + n, ParameterValue(i))
+                               : client->subscribe("c" + n));
+        }
+    };
     // The first messages go into a network silent for half the time after
     // which a peer counts as dead (fewer than a full ring, whose sender would
     // give up sooner): both sides keep them and repeat them.
     m_relay->setSilent(true);
-    sendAll(*m_server, 0, 300, 300);
-    sendAll(*m_client, 0, 300, 100);
+    send(true, 0, 300);
+    send(false, 0, 300);
     std::this_thread::sleep_for(timeouts().deadPeer / 2);
     const RelayCounts silenced = m_relay->getCounts(RelayDirection::ClientToServer);
     m_relay->setSilent(false);
     m_relay->setImpairment(Impairment{
         .dropRate = loss, .duplicateRate = loss / 2, .reorderRate = loss / 2, .jitter = 200us});
-    std::thread serverSender([&] { sendAll(*m_server, 300, count, 300); });
-    sendAll(*m_client, 300, count, 100);
-    serverSender.join();
-    for (auto* collected : {&atServer, &atClient})
+    std::thread serverSends([&] { send(true, 300, count); });
+    send(false, 300, count);
+    serverSends.join();
+    // Each side hears the other's messages, in order, after its start.
+    ASSERT_TRUE(m_serverEvents.waitFor(2 + count, 120s));
+    ASSERT_TRUE(m_clientEvents.waitFor(1 + count, 120s));
+    const std::vector<Event> atServer = m_serverEvents.events();
+    const std::vector<Event> atClient = m_clientEvents.events();
+    ASSERT_EQ(atServer.size(), 2u + count);
+    ASSERT_EQ(atClient.size(), 1u + count);
+    for (int i = 0; i < count; ++i)
     {
-        ASSERT_EQ(collected->wait_for(120s), std::future_status::ready);
-        const std::vector<uint32_t> indices = collected->get();
-        ASSERT_EQ(indices.size(), count);
-        for (uint32_t i = 0; i < count; ++i)
-        {
-            ASSERT_EQ(indices[i], i) << "position " << i;
-        }
+        const std::string n = std::to_string(i);
+        ASSERT_EQ(atServer[2 + i], (Event{"subscribe", "c" + n, ""})) << "position " << i;
+        ASSERT_EQ(atClient[1 + i], (Event{"update", "s" + n, n})) << "position " << i;
     }
     // Repeats went into the silence: a go-back each retransmission time.
     EXPECT_GT(silenced.dropped, 10u);
@@ -194,17 +134,19 @@ TEST_P(ReliableThroughLoss, BothDirectionsDeliverEveryMessageOnceAndInOrderAcros
 
 INSTANTIATE_TEST_SUITE_P(Loss, ReliableThroughLoss, ::testing::Values(0.05, 0.20), percent);
 
-TEST_F(EUDPThroughRelay, ConnectsAndModeRequestsSucceedThroughThirtyPercentLoss)
+TEST_F(ThroughRelay, ConnectsAndModeRequestsSucceedThroughThirtyPercentLoss)
 {
     // Every request is repeated 20 times before it gives up; at twice real
     // time those repeats stay far enough apart for a busy machine to send them.
-    start(EUDPTimeouts().shortenedBy(2));
+    EUDPTimeouts::setStandard(EUDPTimeouts().shortenedBy(2));
+    ASSERT_NO_FATAL_FAILURE(start());
     m_relay->setImpairment(Impairment{.dropRate = 0.3});
     for (int attempt = 0; attempt < 20; ++attempt)
     {
-        ASSERT_NO_FATAL_FAILURE(connect()) << "attempt " << attempt;
-        ASSERT_TRUE(m_client->setSendMode(CONN_MODE_RELIABLE)) << "attempt " << attempt;
-        ASSERT_TRUE(m_client->setWindowSize(20)) << "attempt " << attempt;
+        const auto client = connectThroughRelay();
+        ASSERT_NE(client, nullptr) << "attempt " << attempt;
+        ASSERT_TRUE(client->setSendMode(CONN_MODE_RELIABLE)) << "attempt " << attempt;
+        ASSERT_TRUE(client->setWindowSize(20)) << "attempt " << attempt;
     }
 }
 
@@ -217,19 +159,30 @@ TEST_F(EUDPThroughRelay, ConnectsAndModeRequestsSucceedThroughThirtyPercentLoss)
 class LetterReceiver
 {
 public:
-    LetterReceiver() : m_thread([this] { run(); }) {}
-    ~LetterReceiver()
-    {
-        m_stopping = true;
-        m_thread.join();
-    }
-
     uint16 listeningPort() const { return m_listening.port(); }
-    // The payloads in arrival order, once `count` have come or `timeout` passed.
-    std::vector<Bytes> waitFor(std::size_t count, std::chrono::milliseconds timeout)
+
+    // Answers on the caller's thread until `done` holds or `timeout` has
+    // passed; the payloads taken, in order.
+    template <class Done>
+    std::vector<Bytes> answerUntil(Done done, std::chrono::milliseconds timeout)
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_arrived.wait_for(lock, timeout, [&] { return m_payloads.size() >= count; });
+        const auto end = std::chrono::steady_clock::now() + timeout;
+        while (!done() && std::chrono::steady_clock::now() < end)
+        {
+            if (m_peerPort != 0)
+            {
+                handle(m_connection.receive(20).bytes);
+                continue;
+            }
+            // The connection answers from a port of its own.
+            const RawUdpSocket::Datagram con = m_listening.receive(20);
+            if (is(con.bytes, "CON"))
+            {
+                m_peerPort = con.from;
+                m_expected = (static_cast<std::int32_t>(argOf(con.bytes)) + 1) % RANGE;
+                answer("ACK", argOf(con.bytes));
+            }
+        }
         return m_payloads;
     }
 
@@ -245,25 +198,6 @@ private:
     {
         return datagram[4] | datagram[5] << 8 | datagram[6] << 16 |
                static_cast<std::uint32_t>(datagram[7]) << 24;
-    }
-
-    void run()
-    {
-        // The connection answers from a port of its own.
-        while (!m_stopping && m_peerPort == 0)
-        {
-            const RawUdpSocket::Datagram con = m_listening.receive(20);
-            if (is(con.bytes, "CON"))
-            {
-                m_peerPort = con.from;
-                m_expected = (static_cast<std::int32_t>(argOf(con.bytes)) + 1) % RANGE;
-                answer("ACK", argOf(con.bytes));
-            }
-        }
-        while (!m_stopping)
-        {
-            handle(m_connection.receive(20).bytes);
-        }
     }
 
     void handle(const Bytes& datagram)
@@ -306,9 +240,7 @@ private:
             m_expected = (seq + 1) % RANGE;
             if (datagram.size() > 8)
             {
-                std::lock_guard<std::mutex> lock(m_mutex);
                 m_payloads.emplace_back(datagram.begin() + 8, datagram.end());
-                m_arrived.notify_all();
             }
             else if (!m_reliable)
             {
@@ -324,15 +256,10 @@ private:
 
     RawUdpSocket m_listening;
     RawUdpSocket m_connection;
-    std::atomic<bool> m_stopping{false};
-    // The receiving thread's own.
     std::uint16_t m_peerPort = 0;
     std::int32_t m_expected = 0;
     bool m_reliable = false;
-    std::mutex m_mutex;
-    std::condition_variable m_arrived;
     std::vector<Bytes> m_payloads;
-    std::thread m_thread;
 };
 
 // All that weft's sender does differently inside (bursts, cumulative
@@ -345,7 +272,6 @@ class LetterPeerTest : public WeftFixture, public ::testing::WithParamInterface<
 TEST_P(LetterPeerTest,
        AReliableSenderDeliversEverythingInOrderToAPeerWrittenToTheLetterBeforeItCloses)
 {
-    constexpr int MESSAGES = 600;
     // Closing waits for the last acknowledgements while they keep coming, up
     // to the send time-out: both as long as in production, so that a stall
     // of a busy machine does not cut the wait short.
@@ -356,27 +282,40 @@ TEST_P(LetterPeerTest,
     LetterReceiver letter;
     ImpairmentRelay relay(letter.listeningPort(), 20261123);
     ASSERT_TRUE(relay.isOpen()) << relay.getError();
-    EUDPTransport sender;
-    ASSERT_TRUE(sender.connect(tavo::HostAddress("127.0.0.1"), relay.getPort()));
-    // Set up without loss: the handshake's own repeats are another test's.
-    // This side sends reliably: the peer receives so.
-    ASSERT_TRUE(sender.setReceiveMode(CONN_MODE_RELIABLE));
-    Impairment loss;
-    loss.dropRate = GetParam();
-    relay.setImpairment(loss);
     std::vector<Bytes> sent;
-    for (int i = 0; i < MESSAGES; ++i)
+    for (int i = 0; i < 600; ++i)
     {
         const std::string text = "message " + std::to_string(i);
         sent.emplace_back(text.begin(), text.end());
-        ASSERT_TRUE(sender.sendData(sent.back().data(), static_cast<uint>(sent.back().size())))
-            << i;
     }
-    // Closing at once loses nothing that was handed over.
-    sender.disconnect();
-    const std::vector<Bytes> got = letter.waitFor(MESSAGES, std::chrono::seconds(20));
-    const auto differ = std::mismatch(got.begin(), got.end(), sent.begin(), sent.end());
-    EXPECT_EQ(differ.first - got.begin(), MESSAGES) << got.size() << " arrived";
+    EUDPTransport sender;
+    auto sending =
+        std::async(std::launch::async,
+                   [&]
+                   {
+                       // Set up without loss: the handshake's own repeats are another
+                       // test's. This side sends reliably: the peer receives so.
+                       if (!sender.connect(tavo::HostAddress("127.0.0.1"), relay.getPort()) ||
+                           !sender.setReceiveMode(CONN_MODE_RELIABLE))
+                       {
+                           return false;
+                       }
+                       relay.setImpairment(Impairment{.dropRate = GetParam()});
+                       for (const Bytes& message : sent)
+                       {
+                           if (!sender.sendData(message.data(), static_cast<uint>(message.size())))
+                           {
+                               return false;
+                           }
+                       }
+                       // Closing at once loses nothing that was handed over.
+                       sender.disconnect();
+                       return true;
+                   });
+    const std::vector<Bytes> got =
+        letter.answerUntil([&] { return sending.wait_for(0s) == std::future_status::ready; }, 20s);
+    EXPECT_TRUE(sending.get());
+    EXPECT_EQ(got, sent) << got.size() << " arrived";
 }
 
 INSTANTIATE_TEST_SUITE_P(Loss, LetterPeerTest, ::testing::Values(0.0, 0.05, 0.2), percent);
