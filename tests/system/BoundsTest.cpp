@@ -1,24 +1,20 @@
 // What a slow or hostile peer can hold, over real sockets: a message that
-// trickles, a peer that takes nothing, more connections than a listener
-// allows. Every limit is shortened.
+// trickles, a peer that takes nothing. Every limit is shortened. (More
+// connections than a listener allows: EndToEndTest.)
 
 #include "EUDPTimeouts.h"
 
 #include "support/EudpWire.h"
 #include "support/RawUdpSocket.h"
-#include "support/Recorders.h"
 #include "support/WeftFixture.h"
 
 #include <weft/EUDPTransport.h>
 #include <weft/TCPTransport.h>
-#include <weft/WEFTConnection.h>
-#include <weft/WEFTListener.h>
 
 #include <tavo/TcpSocket.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <future>
 #include <memory>
 #include <vector>
@@ -115,45 +111,6 @@ TEST_F(BoundsTest, ASendToAPeerThatTakesNothingGivesUpAfterTheSendTimeoutAndClos
         EXPECT_EQ(receiveOnce(*transport), 0);
         const uint8 byte = 'y';
         EXPECT_FALSE(transport->sendData(&byte, 1));
-    }
-}
-
-TEST_F(BoundsTest, AListenerOverItsConnectionLimitClosesTheNewcomerUntilAPlaceIsFree)
-{
-    for (const ETransport transport : {TRANSPORT_TCP, TRANSPORT_EUDP})
-    {
-        EventLog events;
-        CollectingConnector connector(events);
-        WEFTListener listener(transport);
-        listener.setMaxConnections(1);
-        ASSERT_TRUE(listener.listen("127.0.0.1", 0, &connector));
-        ASSERT_TRUE(listener.waitForListen(5000));
-        EventLog clientEvents;
-        Recorder first(clientEvents, "first");
-        Recorder second(clientEvents, "second");
-        WEFTConnection one(transport);
-        WEFTConnection two(transport);
-        ASSERT_TRUE(one.connect("127.0.0.1", listener.getLocalPort(), &first));
-        ASSERT_TRUE(connector.waitForConnections(1));
-        // The second is closed by the server at once, and never handed over.
-        // (EUDP: the refusal may come before the connect has returned.)
-        if (two.connect("127.0.0.1", listener.getLocalPort(), &second))
-        {
-            EXPECT_TRUE(clientEvents.waitFor(Event{"status", "second", "disconnected"}, 5s))
-                << transport;
-        }
-        EXPECT_EQ(connector.accepted(), 1);
-        // A place is free once the server has seen the first one go.
-        one.disconnect();
-        two.disconnect();
-        EXPECT_TRUE(events.waitFor(Event{"status", "server0", "disconnected"}, 5s)) << transport;
-        WEFTConnection three(transport);
-        Recorder third(clientEvents, "third");
-        ASSERT_TRUE(three.connect("127.0.0.1", listener.getLocalPort(), &third));
-        EXPECT_TRUE(connector.waitForConnections(2)) << transport;
-        three.disconnect();
-        connector.closeAll();
-        listener.shutdown(5000);
     }
 }
 

@@ -95,13 +95,25 @@ TEST_P(FaultTest, DisconnectRacingWithSendsAndTheReceiveLoopAlwaysReturns)
     }
 }
 
-TEST_P(FaultTest, ConnectionsOutliveTheirListenerAndCanBeDestroyedInEveryState)
+TEST_P(FaultTest, ListenersAndTheirConnectionsShutDownOrGoInEveryStateAndLeaveNoThread)
 {
     // The platform's timer thread starts on first use and stays: started
-    // here, it does not count against the connections.
+    // here, it does not count against the listeners and connections.
     tavo::Timer().isRunning();
     const long threadsBefore = threadCount();
+    // Shut down before it listens, or right after: never a hang.
+    EXPECT_FALSE(WEFTListener(GetParam()).shutdown(-1));
+    for (int round = 0; round < 20; ++round)
+    {
+        WEFTListener listener(GetParam());
+        listener.listen("127.0.0.1", 0, &m_connector);
+        EXPECT_TRUE(listener.shutdown(-1));
+    }
+    // A listener listens again after a shutdown.
     listen(GetParam());
+    ASSERT_TRUE(m_listener->shutdown(-1));
+    listen(GetParam());
+    EXPECT_TRUE(m_serverEvents.events().empty());
     EventLog clientEvents;
     Recorder client(clientEvents);
     {
