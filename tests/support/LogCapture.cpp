@@ -11,10 +11,8 @@ LogCapture::LogCapture()
     manager->setSink(
         [this](const std::string& output, int level, const std::string& text)
         {
-            {
-                std::lock_guard<std::mutex> lock(m_mutex);
-                m_lines.push_back(Line{output, level, text});
-            }
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_lines.push_back(Line{output, level, text});
             m_changed.notify_all();
         });
 }
@@ -32,14 +30,6 @@ std::vector<LogCapture::Line> LogCapture::lines() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_lines;
-}
-
-std::size_t LogCapture::countContaining(const std::string& part) const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return static_cast<std::size_t>(
-        std::count_if(m_lines.begin(), m_lines.end(),
-                      [&](const Line& line) { return line.text.find(part) != std::string::npos; }));
 }
 
 int LogCapture::levelOf(const std::string& text) const

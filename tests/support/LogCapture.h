@@ -23,8 +23,6 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<Line> lines() const;
-    // Number of lines that contain `part`.
-    std::size_t countContaining(const std::string& part) const;
     // Level of the first line equal to `text`, or -1.
     int levelOf(const std::string& text) const;
     // Waits until `occurrences` lines equal `text`.
