@@ -19,10 +19,8 @@ public:
 
     void queue(const Bytes& message)
     {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_incoming.push_back(message);
-        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_incoming.push_back(message);
         m_changed.notify_all();
     }
 
@@ -45,10 +43,8 @@ public:
 
     void disconnect() override
     {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_closed = true;
-        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_closed = true;
         m_changed.notify_all();
     }
 

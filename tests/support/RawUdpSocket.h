@@ -114,9 +114,7 @@ public:
     // Forgets what has come in already.
     void drain()
     {
-        while (!receive(0).bytes.empty())
-        {
-        }
+        receiveFirst([](const std::vector<std::uint8_t>&) { return false; }, 0);
     }
 
 protected:

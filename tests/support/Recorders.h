@@ -23,10 +23,7 @@ struct Event
     std::string name;
     std::string text;
 
-    bool operator==(const Event& other) const
-    {
-        return kind == other.kind && name == other.name && text == other.text;
-    }
+    bool operator==(const Event&) const = default;
 };
 
 inline std::ostream& operator<<(std::ostream& out, const Event& event)
@@ -40,10 +37,8 @@ class EventLog
 public:
     void add(const Event& event)
     {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_events.push_back(event);
-        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_events.push_back(event);
         m_count.add();
     }
 

@@ -11,10 +11,8 @@ class EventCounter
 public:
     void add(int n = 1)
     {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_count += n;
-        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_count += n;
         m_changed.notify_all();
     }
 
