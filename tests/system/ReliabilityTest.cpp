@@ -223,14 +223,12 @@ private:
             const std::int32_t seq = static_cast<std::int32_t>(argOf(datagram)) % RANGE;
             std::int32_t distance = seq - m_expected;
             distance += distance < -32767 ? RANGE : distance > 32767 ? -RANGE : 0;
-            if (distance < 0)
+            // A copy is answered with its own number, a later packet with
+            // the number expected, and dropped.
+            if (distance < 0 || (m_reliable && distance > 0))
             {
-                answer("ACK", argOf(datagram));
-                return;
-            }
-            if (m_reliable && distance > 0)
-            {
-                answer("NAK", static_cast<std::uint32_t>(m_expected));
+                answer(distance < 0 ? "ACK" : "NAK",
+                       distance < 0 ? argOf(datagram) : static_cast<std::uint32_t>(m_expected));
                 return;
             }
             if (m_reliable)
