@@ -23,43 +23,8 @@ using namespace std::chrono_literals;
 typedef std::vector<uint8> Bytes;
 using eudpwire::packet;
 
-// A server with the EUDP protections set, which keeps every connection it
-// accepts, and one well-behaved client of it.
 class HostilePeerTest : public ListenerFixture
 {
-protected:
-    void TearDown() override
-    {
-        m_good.reset();
-        ListenerFixture::TearDown();
-    }
-
-    void start(unsigned int halfOpenLimit)
-    {
-        m_listener = std::make_unique<WEFTListener>(TRANSPORT_EUDP);
-        m_listener->setStrictPeer(true);
-        m_listener->setHalfOpenLimit(halfOpenLimit);
-        ASSERT_NO_FATAL_FAILURE(listen(TRANSPORT_EUDP));
-        m_good = std::make_unique<WEFTConnection>(TRANSPORT_EUDP);
-        m_good->setStrictPeer(true);
-        ASSERT_TRUE(m_good->connect("127.0.0.1", m_port, &m_client));
-        ASSERT_TRUE(m_connector.waitForConnections(1, 10s));
-    }
-
-    // The good client asks and the server answers; both arrive.
-    void exchange(const std::string& tag)
-    {
-        ASSERT_TRUE(m_good->subscribe(tag));
-        ASSERT_TRUE(m_serverEvents.waitFor(Event{"subscribe", tag, ""}, 20s))
-            << tag << " did not reach the server";
-        ASSERT_TRUE(m_connector.connection(0)->updateState(tag, ParameterValue(1)));
-        ASSERT_TRUE(m_clientEvents.waitFor(Event{"update", tag, "1"}, 20s))
-            << tag << " did not reach the client";
-    }
-
-    EventLog m_clientEvents;
-    Recorder m_client{m_clientEvents};
-    std::unique_ptr<WEFTConnection> m_good;
 };
 
 TEST_F(HostilePeerTest,
@@ -69,8 +34,28 @@ TEST_F(HostilePeerTest,
     // (which place goes when is the registry's own test).
     EUDPTimeouts noEviction = timeouts();
     noEviction.halfOpenGrace = std::chrono::hours(1);
-    ScopedEUDPTimeouts scoped(noEviction);
-    ASSERT_NO_FATAL_FAILURE(start(2));
+    EUDPTimeouts::setStandard(noEviction);
+    m_listener = std::make_unique<WEFTListener>(TRANSPORT_EUDP);
+    m_listener->setStrictPeer(true);
+    m_listener->setHalfOpenLimit(2);
+    listen(TRANSPORT_EUDP);
+    EventLog clientEvents;
+    Recorder client(clientEvents);
+    WEFTConnection good(TRANSPORT_EUDP);
+    good.setStrictPeer(true);
+    ASSERT_TRUE(good.connect("127.0.0.1", m_port, &client));
+    ASSERT_TRUE(m_connector.waitForConnections(1, 10s));
+    WEFTConnection& server = *m_connector.connection(0);
+    // The good client asks and the server answers; both arrive.
+    const auto exchange = [&](const std::string& tag)
+    {
+        ASSERT_TRUE(good.subscribe(tag));
+        ASSERT_TRUE(m_serverEvents.waitFor(Event{"subscribe", tag, ""}, 20s))
+            << tag << " did not reach the server";
+        ASSERT_TRUE(server.updateState(tag, ParameterValue(1)));
+        ASSERT_TRUE(clientEvents.waitFor(Event{"update", tag, "1"}, 20s))
+            << tag << " did not reach the client";
+    };
     // The good client's connection completes with its first message.
     ASSERT_NO_FATAL_FAILURE(exchange("before"));
     const auto isAck = [](const Bytes& bytes) { return bytes == packet("ACK", 0); };
@@ -92,14 +77,13 @@ TEST_F(HostilePeerTest,
     // subscribe numbered far ahead, which real-time mode would take, are
     // ignored: a line each, under the client's port (the server's transport
     // logs under its peer's).
-    WEFTConnection& server = *m_connector.connection(0);
-    ASSERT_EQ(server.getPeerPort(), m_good->getLocalPort());
+    ASSERT_EQ(server.getPeerPort(), good.getLocalPort());
     RawUdpSocket stranger;
     const Bytes message = {1, 'S', 9, 0, 'i', 'n', 't', 'r', 'u', 'd', 'e', 'r', 0};
     stranger.send(server.getLocalPort(), packet("DIS", 0));
-    stranger.send(m_good->getLocalPort(), packet("DIS", 0));
+    stranger.send(good.getLocalPort(), packet("DIS", 0));
     stranger.send(server.getLocalPort(), packet("CMD", 20000, message));
-    ASSERT_TRUE(log().waitFor("WEFT/EUDP[" + std::to_string(m_good->getLocalPort()) +
+    ASSERT_TRUE(log().waitFor("WEFT/EUDP[" + std::to_string(good.getLocalPort()) +
                                   "]: ignoring a datagram from 127.0.0.1:" +
                                   std::to_string(stranger.port()) + " (not the peer)",
                               10s, 3));
@@ -131,7 +115,7 @@ TEST_F(HostilePeerTest,
     ASSERT_NO_FATAL_FAILURE(exchange("after"));
     EXPECT_EQ(m_serverEvents.countOf(Event{"subscribe", "intruder", ""}), 0);
     EXPECT_EQ(m_serverEvents.countOf(Event{"status", "server0", "disconnected"}), 0);
-    EXPECT_EQ(m_clientEvents.countOf(Event{"status", "client", "disconnected"}), 0);
+    EXPECT_EQ(clientEvents.countOf(Event{"status", "client", "disconnected"}), 0);
 }
 
 } // namespace
