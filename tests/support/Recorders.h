@@ -59,11 +59,11 @@ public:
         return static_cast<int>(std::count(m_events.begin(), m_events.end(), wanted));
     }
 
-    // Waits until `wanted` has been recorded exactly `times` times.
-    bool waitFor(const Event& wanted, std::chrono::milliseconds timeout = std::chrono::seconds(10),
-                 int times = 1) const
+    // Waits until `wanted` has been recorded, exactly once.
+    bool waitFor(const Event& wanted,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) const
     {
-        return eventually([&] { return countOf(wanted) == times; }, timeout);
+        return eventually([&] { return countOf(wanted) == 1; }, timeout);
     }
 
 private:

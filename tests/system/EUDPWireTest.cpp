@@ -28,7 +28,6 @@ namespace
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 typedef std::vector<uint8> Bytes;
-typedef EUDPTransportTestPeer Peer;
 
 const tavo::HostAddress LOOPBACK("127.0.0.1");
 
@@ -41,7 +40,7 @@ typedef RawUdpSocket::Datagram Datagram;
 struct RawPeer : RawUdpSocket
 {
     // The next datagram that is not an idle keep-alive (a CMD without payload).
-    Datagram answerDatagram()
+    Datagram answer()
     {
         return receiveFirst(
             [](const Bytes& bytes)
@@ -50,7 +49,6 @@ struct RawPeer : RawUdpSocket
                        !std::equal(bytes.begin(), bytes.begin() + 4, packet("CMD", 0).begin());
             });
     }
-    Bytes answer() { return answerDatagram().bytes; }
 
     // Nothing else reached this socket: a marker sent now is the next datagram.
     void expectNothingMore()
@@ -144,7 +142,7 @@ TEST_F(EUDPTransportTest, ARepeatedConIsAnsweredFromTheSamePortAndANewOneMakesAN
     std::unique_ptr<IWEFTTransport> second;
     std::thread acceptor([&] { second.reset(m_listener->accept()); });
     raw.send(m_listenPort, packet("CON", 7));
-    const Datagram repeated = raw.answerDatagram();
+    const Datagram repeated = raw.answer();
     EXPECT_EQ(repeated.bytes, packet("ACK", 7));
     EXPECT_EQ(repeated.from, m_serverPort);
     // A CON with another number is another connection, from a new port.
@@ -227,7 +225,7 @@ TEST_F(EUDPTransportTest, ConnectFailsOnAWrongAckSilenceOrDisconnectAndTheNextTa
     EXPECT_EQ(retry.get(), "yo");
     client.disconnect();
     client.disconnect();
-    EXPECT_EQ(accepted.answer(), packet("DIS", 1));
+    EXPECT_EQ(accepted.answer().bytes, packet("DIS", 1));
     accepted.expectNothingMore();
     EXPECT_EQ(receiveText(client), "<0>");
 }
@@ -240,7 +238,7 @@ TEST_F(EUDPTransportTest, FullSendRingBlocksUntilAnAckAndClosingWakesBlockedCall
         auto server = acceptRaw(raw, 0);
         // A reliable sender whose ring the silent peer lets fill.
         raw.send(m_serverPort, packet("MOD", modes("RDDD")));
-        EXPECT_EQ(raw.answer(), packet("MAK", modes("RRDT")));
+        EXPECT_EQ(raw.answer().bytes, packet("MAK", modes("RRDT")));
         for (int i = 0; i < 999; ++i)
         {
             ASSERT_TRUE(sendText(*server, "q"));
@@ -302,18 +300,18 @@ TEST_F(EUDPTransportTest, EachRefusalWritesItsLineAtItsLevel)
     RawPeer raw;
     auto server = acceptRaw(raw, 0);
     raw.send(m_serverPort, packet("WIN", 3000000000u));
-    EXPECT_EQ(raw.answer(), packet("WAK", 3000000000u));
-    EXPECT_EQ(Peer::window(*server), 999); // beyond the ring: the whole ring
+    EXPECT_EQ(raw.answer().bytes, packet("WAK", 3000000000u));
+    EXPECT_EQ(EUDPTransportTestPeer::window(*server), 999); // beyond the ring: the whole ring
     auto mode =
         std::async(std::launch::async, [&] { return server->setReceiveMode(CONN_MODE_REALTIME); });
-    EXPECT_EQ(raw.answer(), packet("MOD", modes("DDTD")));
+    EXPECT_EQ(raw.answer().bytes, packet("MOD", modes("DDTD")));
     raw.send(m_serverPort, packet("MAK", modes("DTTR")));
     EXPECT_FALSE(mode.get());
     expectLine(raw.port(), "failed to set receive mode (peer refused)", 3);
     auto window = std::async(std::launch::async, [&] { return server->setWindowSize(40); });
-    EXPECT_EQ(raw.answer(), packet("WIN", 40));
+    EXPECT_EQ(raw.answer().bytes, packet("WIN", 40));
     raw.send(m_serverPort, packet("WAK", 30));
-    EXPECT_EQ(raw.answer(), packet("WIN", 40)); // repeated: that was another size's
+    EXPECT_EQ(raw.answer().bytes, packet("WIN", 40)); // repeated: that was another size's
     EXPECT_FALSE(window.get());
     expectLine(raw.port(), "failed to set window size (tried 40, got 30)", 2);
 
@@ -369,7 +367,7 @@ TEST_F(EUDPTransportTest, DestroyingOrClosingATransportInAnyStateEndsItsWaitsAnd
     raw.expectNothingMore();
     auto closed = acceptRaw(raw, 1);
     closed->disconnect();
-    EXPECT_EQ(raw.answer(), packet("DIS", 0));
+    EXPECT_EQ(raw.answer().bytes, packet("DIS", 0));
     closed.reset();
     raw.expectNothingMore();
 }

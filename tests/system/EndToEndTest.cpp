@@ -38,22 +38,21 @@ protected:
 // and the connections' threads.
 TEST_P(WEFTEndToEndTest, ClientsUpToTheLimitAreHandedOverInOrderAndLoseNothingAndOneMoreIsClosed)
 {
-    constexpr int clients = CLIENTS;
     constexpr int messagesEach = 200;
     EventLog clientEvents;
     Recorder client(clientEvents);
     std::vector<std::unique_ptr<WEFTConnection>> connections;
     std::vector<Event> handedOver;
-    for (int c = 0; c < clients; ++c)
+    for (int c = 0; c < CLIENTS; ++c)
     {
         connections.push_back(connectClient(&client));
         const std::string who = "server" + std::to_string(c);
         handedOver.push_back({"connection", who, ""});
         handedOver.push_back({"status", who, "connected"});
     }
-    ASSERT_TRUE(m_serverEvents.waitFor(2 * clients));
+    ASSERT_TRUE(m_serverEvents.waitFor(2 * CLIENTS));
     EXPECT_EQ(m_serverEvents.events(), handedOver);
-    for (int c = 0; c < clients; ++c)
+    for (int c = 0; c < CLIENTS; ++c)
     {
         EXPECT_EQ(m_connector.connection(c)->getPeerPort(), connections[c]->getLocalPort()) << c;
     }
@@ -65,7 +64,7 @@ TEST_P(WEFTEndToEndTest, ClientsUpToTheLimitAreHandedOverInOrderAndLoseNothingAn
     {
         EXPECT_TRUE(clientEvents.waitFor(Event{"status", "refused", "disconnected"}, 5s));
     }
-    EXPECT_EQ(m_connector.accepted(), clients);
+    EXPECT_EQ(m_connector.accepted(), CLIENTS);
     // Reliable delivery from the clients to the server on EUDP.
     if (GetParam() == TRANSPORT_EUDP)
     {
@@ -75,7 +74,7 @@ TEST_P(WEFTEndToEndTest, ClientsUpToTheLimitAreHandedOverInOrderAndLoseNothingAn
         }
     }
     std::vector<std::thread> threads;
-    for (int c = 0; c < clients; ++c)
+    for (int c = 0; c < CLIENTS; ++c)
     {
         threads.emplace_back(
             [&, c]
@@ -91,10 +90,10 @@ TEST_P(WEFTEndToEndTest, ClientsUpToTheLimitAreHandedOverInOrderAndLoseNothingAn
     {
         thread.join();
     }
-    ASSERT_TRUE(m_serverEvents.waitFor(2 * clients + clients * messagesEach, 60s))
-        << "arrived " << m_serverEvents.events().size() - 2 * clients;
+    ASSERT_TRUE(m_serverEvents.waitFor(2 * CLIENTS + CLIENTS * messagesEach, 60s))
+        << "arrived " << m_serverEvents.events().size() - 2 * CLIENTS;
     // Every name exactly once.
-    for (int c = 0; c < clients; ++c)
+    for (int c = 0; c < CLIENTS; ++c)
     {
         for (int i = 0; i < messagesEach; ++i)
         {
@@ -106,7 +105,7 @@ TEST_P(WEFTEndToEndTest, ClientsUpToTheLimitAreHandedOverInOrderAndLoseNothingAn
     connections[0]->disconnect();
     ASSERT_TRUE(m_serverEvents.waitFor(Event{"status", "server0", "disconnected"}));
     auto late = connectClient(&client);
-    EXPECT_TRUE(m_connector.waitForConnections(clients + 1));
+    EXPECT_TRUE(m_connector.waitForConnections(CLIENTS + 1));
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, WEFTEndToEndTest,
