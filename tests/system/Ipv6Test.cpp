@@ -36,12 +36,11 @@ TEST_P(Ipv6Test, IPv6AndIPv4ClientsOfAnIPv6ListenerTalkBothWaysAndStrangersCanno
         WEFTListener listener(GetParam());
         listener.listen(host, 0, &m_connector);
         ASSERT_TRUE(listener.waitForListen(10000));
-        const uint16 port = listener.getLocalPort();
         const int index = m_connector.accepted();
         EventLog clientEvents;
         Recorder client(clientEvents);
         WEFTConnection connection(GetParam());
-        ASSERT_TRUE(connection.connect(target, port, &client));
+        ASSERT_TRUE(connection.connect(target, listener.getLocalPort(), &client));
         ASSERT_TRUE(m_connector.waitForConnections(index + 1));
         WEFTConnection& accepted = *m_connector.connection(index);
         EXPECT_EQ(accepted.getPeerAddress(), seen);
