@@ -112,8 +112,8 @@ TEST_P(ReliableThroughLoss, BothDirectionsDeliverEveryMessageOnceAndInOrderAcros
     send(false, 300, count);
     serverSends.join();
     // Each side hears the other's messages, in order, after its start.
-    ASSERT_TRUE(m_serverEvents.waitFor(2 + count, 120s));
-    ASSERT_TRUE(m_clientEvents.waitFor(1 + count, 120s));
+    ASSERT_TRUE(m_serverEvents.waitFor(2 + count, 60s));
+    ASSERT_TRUE(m_clientEvents.waitFor(1 + count, 60s));
     const std::vector<Event> atServer = m_serverEvents.events();
     const std::vector<Event> atClient = m_clientEvents.events();
     ASSERT_EQ(atServer.size(), 2u + count);
