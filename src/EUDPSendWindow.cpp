@@ -182,12 +182,15 @@ void EUDPSendWindow::goBack(TimePoint now)
     m_roundTrip.timedOut();
     if (m_peerKeeps && !m_sendBuffer.isEmpty() && m_sentTimes.front().times > 0)
     {
-        // Its acknowledgement says how much of what followed it arrived.
+        // The oldest alone: its acknowledgement says how much of what
+        // followed arrived. If only it did, the rest goes again in one pass
+        // (one packet a round trip was too slow through heavy loss).
         if (!m_missing)
         {
             m_recoveryPoint = m_lastSentSeq;
         }
         resend(ModuloValue::fromArg(m_sendBuffer.front().getArg()), now);
+        m_afterTimeout = true;
         return;
     }
     rewind(now);
@@ -273,6 +276,7 @@ EUDPSendWindow::AckResult EUDPSendWindow::acknowledge(ModuloValue seq, TimePoint
 
 void EUDPSendWindow::resend(ModuloValue seq, TimePoint now)
 {
+    m_afterTimeout = false;
     m_missing = seq;
     m_resendPending = true;
     m_resentAt = now;
@@ -296,7 +300,7 @@ void EUDPSendWindow::afterRecoveryAck(ModuloValue seq, TimePoint now)
         resend(seq.next(), now);
         return;
     }
-    if (seq.distance(missing) == 0 && m_peerKeeps)
+    if (seq.distance(missing) == 0 && m_peerKeeps && !m_afterTimeout)
     {
         // The next packet is lost too (or this acknowledges a copy that
         // arrived twice, and the acknowledgement of the rest follows).

@@ -73,8 +73,8 @@ public:
     // packet's transmission plus the time-out; set while anything is queued.
     std::optional<TimePoint> retransmitDue() const;
     // The time-out passed: the oldest unacknowledged packet goes again, alone;
-    // to a peer not known to keep what follows a gap, everything after it
-    // follows once it is acknowledged.
+    // what follows goes again once its acknowledgement shows the peer lacks
+    // it (at once, to a peer not known to keep what follows a gap).
     void goBack(TimePoint now);
 
     // ---- acknowledgements (from the receiver thread) ----
@@ -163,9 +163,11 @@ private:
     bool m_resendPending = false;
     ModuloValue m_recoveryPoint;
     // The peer has shown that it keeps what follows a gap (an acknowledgement
-    // after a repeat went past it): it is sent only what it lacks, never a
-    // window of copies.
+    // after a repeat went past it): after a NAK it is sent only what it
+    // lacks, never a window of copies.
     bool m_peerKeeps = false;
+    // The recovery began with a time-out, not a NAK.
+    bool m_afterTimeout = false;
     // The latest transmission, acknowledgement or go-back.
     TimePoint m_lastActivity;
     // The CON's transmissions: the first one's time, and how many.

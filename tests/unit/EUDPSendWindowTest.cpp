@@ -105,9 +105,12 @@ TEST(EUDPSendWindowTest, ANakRepeatsTheMissingPacketOnceWhileNewPacketsKeepTheWi
     ASSERT_TRUE(window.onAck(ModuloValue(12), START + 14ms).accepted);
     EXPECT_EQ(window.onNak(ModuloValue(13), START + 14ms), EUDPSendWindow::NAK_RESEND);
     EXPECT_EQ(drainReliable(window, 10, START + 14ms), numbers(13, 13));
-    // Silence: only the oldest goes again, even with the window open.
+    // Silence: only the oldest goes again, even with the window open; if it
+    // was all that arrived, the rest follows in one pass.
     window.goBack(START + 1s);
     EXPECT_EQ(drainReliable(window, 10, START + 1s), numbers(13, 13));
+    ASSERT_TRUE(window.onAck(ModuloValue(13), START + 1s + 1ms).accepted);
+    EXPECT_EQ(drainReliable(window, 10, START + 1s + 1ms), numbers(14, 15));
 }
 
 TEST(EUDPSendWindowTest, APeerThatKeepsNothingAfterAGapGetsAGoBackAndSilenceRepeatsTheOldestAlone)
