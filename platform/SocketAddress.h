@@ -1,6 +1,7 @@
 #pragma once
 
-// Conversions between HostAddress/port and the system's socket addresses.
+// Conversions between HostAddress/port and the system's socket addresses,
+// and what TCP and UDP sockets share in setting one up.
 // Internal to the platform layer.
 
 #include <tavo/HostAddress.h>
@@ -8,7 +9,9 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -111,6 +114,26 @@ inline bool readyFor(const SocketUse& use, const SocketDescriptor& descriptor, s
         return false;
     }
     return true;
+}
+
+// Hands a socket just made to `descriptor`: IPv6 ones take IPv4 peers too
+// when `dualStack`, and `familyOut` is set before the descriptor is, so that
+// every call that gets the descriptor knows its family. A socket closed
+// meanwhile closes the new descriptor. Returns `family`.
+inline int adoptSocket(int fd, int family, bool dualStack, std::atomic<int>& familyOut,
+                       SocketDescriptor& descriptor)
+{
+    if (family == AF_INET6)
+    {
+        const int v6Only = dualStack ? 0 : 1;
+        ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &v6Only, sizeof(v6Only));
+    }
+    familyOut = family;
+    if (!descriptor.open(fd))
+    {
+        ::close(fd);
+    }
+    return family;
 }
 
 // The local port a socket is bound to; 0 when unbound or unknown.

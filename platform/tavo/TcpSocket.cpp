@@ -84,8 +84,7 @@ bool TcpSocket::applySettings(int fd) const
     // Only what was asked for: a socket of another kind (tests hand in
     // socket pairs) has no TCP options to set.
     const int noDelay = m_noDelay ? 1 : 0;
-    return !m_noDelay ||
-           ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay)) == 0;
+    return !m_noDelay || ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay)) == 0;
 }
 
 int TcpSocket::open(int family)
@@ -101,19 +100,7 @@ int TcpSocket::open(int family)
         return 0;
     }
     applySettings(fd);
-    if (family == AF_INET6)
-    {
-        const int v6Only = m_dualStack ? 0 : 1;
-        ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &v6Only, sizeof(v6Only));
-    }
-    // Known before the descriptor is, so that every call that gets the
-    // descriptor knows its family.
-    m_family = family;
-    if (!m_descriptor.open(fd))
-    {
-        ::close(fd);
-    }
-    return family;
+    return adoptSocket(fd, family, m_dualStack, m_family, m_descriptor);
 }
 
 bool TcpSocket::setNoDelay(bool on)

@@ -43,19 +43,7 @@ int UdpSocket::open(int family)
     {
         ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &m_receiveBufferSize, sizeof(m_receiveBufferSize));
     }
-    if (family == AF_INET6)
-    {
-        const int v6Only = m_dualStack ? 0 : 1;
-        ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &v6Only, sizeof(v6Only));
-    }
-    // Known before the descriptor is, so that every call that gets the
-    // descriptor knows its family.
-    m_family = family;
-    if (!m_descriptor.open(fd))
-    {
-        ::close(fd);
-    }
-    return family;
+    return adoptSocket(fd, family, m_dualStack, m_family, m_descriptor);
 }
 
 bool UdpSocket::bind(const HostAddress& address, uint16 port)
