@@ -38,8 +38,11 @@ constexpr auto REALTIME_IDLE_LIMIT = std::chrono::milliseconds(300);
 void BenchClient::onTrigger(const std::string&, const ParameterValue&)
 {
     m_lastTrigger = ticks(Clock::now());
-    m_triggers.fetch_add(1);
-    m_triggered.release();
+    {
+        std::lock_guard<std::mutex> lock(m_triggerMutex);
+        m_triggers.fetch_add(1);
+    }
+    m_triggered.notify_one();
 }
 
 void BenchClient::onUpdateState(const std::string&, const ParameterValue& value)
@@ -70,14 +73,8 @@ void BenchClient::onStatus(EConnStatus status)
 
 bool BenchClient::waitTriggers(int count, Clock::time_point deadline)
 {
-    while (m_triggers.load() < count)
-    {
-        if (!m_triggered.try_acquire_until(deadline) && m_triggers.load() < count)
-        {
-            return false;
-        }
-    }
-    return true;
+    std::unique_lock<std::mutex> lock(m_triggerMutex);
+    return m_triggered.wait_until(lock, deadline, [&] { return m_triggers.load() >= count; });
 }
 
 Clock::time_point BenchClient::lastTrigger() const

@@ -12,9 +12,9 @@
 #include <weft/WEFTListener.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <semaphore>
 #include <string>
 #include <vector>
 
@@ -48,7 +48,11 @@ public:
 private:
     std::atomic<int> m_triggers{0};
     std::atomic<Clock::rep> m_lastTrigger{0};
-    std::binary_semaphore m_triggered{0};
+    // A plain condition variable: the standard semaphores spin and yield
+    // before they sleep, which would add switches of the harness's own to
+    // what is counted.
+    std::mutex m_triggerMutex;
+    std::condition_variable m_triggered;
     std::atomic<int> m_updates{0};
     std::atomic<Clock::rep> m_lastUpdate{0};
     std::atomic<int> m_outOfOrder{0};

@@ -75,6 +75,17 @@ void EUDPTransport::sendPass(std::optional<std::chrono::steady_clock::time_point
     if (m_sendMode == CONN_MODE_RELIABLE)
     {
         wakeAt = m_pSendWindow->retransmitDue();
+        // Nothing waits for an acknowledgement, but packets went out since
+        // the last pass: more are likely, so keep ticking once a time-out
+        // rather than sleep without a deadline and be woken by the next one
+        // (a wake-up for every exchange of a call and its answer). One quiet
+        // period ends the ticking.
+        const int queuedNumber = m_pSendWindow->nextNumber().getValue();
+        if (!wakeAt && queuedNumber != m_senderSeenNumber)
+        {
+            wakeAt = now + m_pSendWindow->roundTrip().timeout();
+        }
+        m_senderSeenNumber = queuedNumber;
     }
     // Without a deadline the thread sleeps until a sender of new data needs
     // the clock again and wakes it.

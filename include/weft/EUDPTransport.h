@@ -310,6 +310,8 @@ private:
     bool m_senderIdle = false;
     // When the sender thread wakes next, while it has a deadline.
     std::chrono::steady_clock::time_point m_senderDeadline{};
+    // The next packet number as the sender thread's last pass saw it.
+    int m_senderSeenNumber = 0;
     bool m_senderStarted = false;
     int m_spaceWaiters = 0;
     // Receiver thread only: what the current burst of datagrams leaves to

@@ -73,14 +73,6 @@ public:
         }
         return false;
     }
-
-    // Forgets what earlier transports sent.
-    void drain()
-    {
-        while (!receive(0).bytes.empty())
-        {
-        }
-    }
 };
 
 EUDPTransport* g_pListener = nullptr;
