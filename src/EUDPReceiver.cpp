@@ -4,6 +4,7 @@
 
 #include <weft/EUDPTransport.h>
 
+#include "EUDPAckDelay.h"
 #include "EUDPModes.h"
 #include "EUDPReceiveWindow.h"
 #include "EUDPSendWindow.h"
@@ -35,8 +36,26 @@ void EUDPTransport::receiverThread()
     uint16 sourcePort = 0;
     while (!m_closed)
     {
-        int received = m_pSocket->receiveFrom(
-            packet.getBuffer(), static_cast<int>(EUDP_MAX_PACKET_SIZE), source, sourcePort);
+        int received = 0;
+        if (const auto heldUntil = m_pAckDelay->due())
+        {
+            // An acknowledgement waits for the next packet to cover it, but
+            // no longer than its time.
+            received = m_pSocket->receiveFrom(
+                packet.getBuffer(), static_cast<int>(EUDP_MAX_PACKET_SIZE), source, sourcePort,
+                std::chrono::duration_cast<std::chrono::microseconds>(
+                    *heldUntil - std::chrono::steady_clock::now()));
+            if (received == tavo::UdpSocket::NOTHING_PENDING)
+            {
+                sendBurstAck();
+                continue;
+            }
+        }
+        else
+        {
+            received = m_pSocket->receiveFrom(
+                packet.getBuffer(), static_cast<int>(EUDP_MAX_PACKET_SIZE), source, sourcePort);
+        }
         // What else has arrived meanwhile is handled in the same turn and
         // answered once: one cumulative ACK for the burst, one wake-up of the
         // reader for all it stored.
@@ -148,12 +167,14 @@ bool EUDPTransport::isSecondAnswer(EUDPPacket& packet, uint length, const tavo::
 
 void EUDPTransport::sendBurstAck()
 {
-    if (m_burstAck)
+    // Acknowledges every packet up to it: a sender counts ACKs as
+    // cumulative, so the ones before it (a held one too) add nothing.
+    const std::optional<uint> held = m_pAckDelay->release();
+    const std::optional<uint> ack = m_burstAck ? m_burstAck : held;
+    m_burstAck.reset();
+    if (ack)
     {
-        // Acknowledges every packet up to it: a sender counts ACKs as
-        // cumulative, so the ones before it add nothing.
-        sendPacket(EUDP_ACK, *m_burstAck);
-        m_burstAck.reset();
+        sendPacket(EUDP_ACK, *ack);
     }
 }
 
@@ -166,7 +187,18 @@ void EUDPTransport::answer(EEUDPCommand command, uint arg)
 
 void EUDPTransport::endBurst()
 {
-    sendBurstAck();
+    if (m_burstAck && m_burstStoredInOrder > 0 && !m_burstNak)
+    {
+        // Data in order and nothing else to answer: the ACK may wait for the
+        // next packet to cover it.
+        m_burstAck = m_pAckDelay->afterInOrder(*m_burstAck, m_burstStoredInOrder,
+                                               std::chrono::steady_clock::now());
+    }
+    if (m_burstAck)
+    {
+        sendBurstAck();
+    }
+    m_burstStoredInOrder = 0;
     m_burstNak.reset();
     if (m_burstStored > 0)
     {
@@ -264,6 +296,7 @@ void EUDPTransport::handleDisconnect()
 {
     // What came before the DIS is answered while the socket is still open.
     endBurst();
+    sendBurstAck();
     m_closed = true;
     stopTimers();
     m_pSocket->close();
@@ -297,6 +330,7 @@ void EUDPTransport::handleData(const EUDPPacket& packet)
         {
             // In order: answered at the end of the burst, for all of it.
             m_burstAck = verdict.answerArg;
+            m_burstStoredInOrder += verdict.stored;
             break;
         }
         answer(verdict.answer, verdict.answerArg);

@@ -27,6 +27,9 @@ struct EUDPTimeouts
     // The shortest such silence, however short the round trip: below it the
     // ordinary jitter of a busy host would be taken for loss.
     Duration retransmitFloor{std::chrono::milliseconds(2)};
+    // How long the acknowledgement of a data packet may wait for the next
+    // packet to cover it too; well below retransmitFloor.
+    Duration ackDelay{std::chrono::milliseconds(1)};
     // Idle time before a keep-alive: an accepted transport speaks first, so
     // that the connecting side hears from it early. While the peer stays
     // silent, a keep-alive goes out again after each such period.

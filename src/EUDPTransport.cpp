@@ -8,6 +8,7 @@
 #include <weft/EUDPTransport.h>
 
 #include "EUDPAcceptedPeers.h"
+#include "EUDPAckDelay.h"
 #include "EUDPLiveness.h"
 #include "EUDPReceiveWindow.h"
 #include "EUDPSendWindow.h"
@@ -23,7 +24,8 @@ EUDPTransport::EUDPTransport(const tavo::HostAddress& peer, uint16 port)
       m_pTimeouts(std::make_unique<EUDPTimeouts>(EUDPTimeouts::standard())),
       m_pSendWindow(std::make_unique<EUDPSendWindow>(EUDP_RING_CAPACITY, m_pTimeouts->retransmit,
                                                      m_pTimeouts->retransmitFloor)),
-      m_pReceiveWindow(std::make_unique<EUDPReceiveWindow>(EUDP_RING_CAPACITY)), m_windowAnswer(0),
+      m_pReceiveWindow(std::make_unique<EUDPReceiveWindow>(EUDP_RING_CAPACITY)),
+      m_pAckDelay(std::make_unique<EUDPAckDelay>(m_pTimeouts->ackDelay)), m_windowAnswer(0),
       m_modeAnswer(0), m_semReceived(0), m_allowSendRealtime(true), m_allowSendReliable(true),
       m_allowReceiveRealtime(true), m_allowReceiveReliable(true), m_sendMode(CONN_MODE_REALTIME),
       m_receiveMode(CONN_MODE_REALTIME), m_windowSize(EUDP_DEFAULT_WINDOW), m_closed(false),

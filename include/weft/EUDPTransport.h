@@ -29,6 +29,7 @@ class EUDPAcceptedPeers;
 class IWEFTNegotiationObserver;
 class EUDPLiveness;
 class EUDPReceiveWindow;
+class EUDPAckDelay;
 class EUDPSendWindow;
 struct EUDPTimeouts;
 
@@ -243,6 +244,8 @@ private:
     // under m_receiveMutex.
     std::unique_ptr<EUDPSendWindow> m_pSendWindow;
     std::unique_ptr<EUDPReceiveWindow> m_pReceiveWindow;
+    // Receiver thread only.
+    std::unique_ptr<EUDPAckDelay> m_pAckDelay;
     // Written by the receiver, read by the requester after the semaphore; a
     // second answer may arrive while the first is read, hence atomic.
     std::atomic<uint> m_windowAnswer;
@@ -319,6 +322,7 @@ private:
     std::optional<uint> m_burstAck;
     std::optional<uint> m_burstNak;
     unsigned int m_burstStored = 0;
+    unsigned int m_burstStoredInOrder = 0;
     // The latest request reported, so that its repeats are not; under
     // m_modeHoldMutex (the receiver and the thread releasing held requests).
     EEUDPCommand m_lastReported = EUDP_UNKNOWN;

@@ -3,9 +3,11 @@
 #include "../SocketAddress.h"
 
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace tavo
@@ -115,6 +117,34 @@ int UdpSocket::receiveFrom(uint8* buffer, int length, HostAddress& address, uint
 int UdpSocket::tryReceiveFrom(uint8* buffer, int length, HostAddress& address, uint16& port)
 {
     return receive(buffer, length, address, port, MSG_DONTWAIT);
+}
+
+int UdpSocket::receiveFrom(uint8* buffer, int length, HostAddress& address, uint16& port,
+                           std::chrono::microseconds wait)
+{
+    SocketUse use(m_descriptor);
+    if (!use.valid())
+    {
+        return -1;
+    }
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(wait);
+    const timespec limit{
+        static_cast<time_t>(std::max<std::chrono::seconds::rep>(seconds.count(), 0)),
+        static_cast<long>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(wait - seconds).count())};
+    pollfd readable{use.fd(), POLLIN, 0};
+    // close() shuts the socket down, which ends the wait as readable.
+    const int ready =
+        wait > std::chrono::microseconds::zero() ? ::ppoll(&readable, 1, &limit, nullptr) : 1;
+    if (m_descriptor.isClosed())
+    {
+        return -1;
+    }
+    if (ready < 0 && errno != EINTR)
+    {
+        return -1;
+    }
+    return ready > 0 ? receive(buffer, length, address, port, MSG_DONTWAIT) : NOTHING_PENDING;
 }
 
 int UdpSocket::receive(uint8* buffer, int length, HostAddress& address, uint16& port, int flags)

@@ -6,6 +6,7 @@
 #include <tavo/Types.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 
 namespace tavo
@@ -46,6 +47,9 @@ public:
     int receiveFrom(uint8* buffer, int length, HostAddress& address, uint16& port);
     // The same without waiting: NOTHING_PENDING when no datagram is there.
     int tryReceiveFrom(uint8* buffer, int length, HostAddress& address, uint16& port);
+    // The same, waiting at most `wait`: NOTHING_PENDING when none came.
+    int receiveFrom(uint8* buffer, int length, HostAddress& address, uint16& port,
+                    std::chrono::microseconds wait);
     static constexpr int NOTHING_PENDING = -2;
 
     // The local port; 0 while the socket is unbound.

@@ -292,6 +292,32 @@ TEST_F(EUDPTransportTest, ASilentPeerGetsAKeepAliveEachPeriodAndIsDeadAfterTheDe
     EXPECT_GE(repeats, 3u);
 }
 
+TEST_F(EUDPTransportTest, AnAckHeldForTheNextPacketLeavesBeforeAnotherAnswerOrAtItsTime)
+{
+    EUDPTimeouts held = SHORT_WAITS;
+    held.ackDelay = 300ms;
+    ScopedEUDPTimeouts scoped(held);
+    listenAgain();
+    RawPeer raw;
+    auto server = acceptRaw(raw, 0);
+    raw.send(m_serverPort, packet("MOD", modes("DDRD")));
+    raw.answer();
+    raw.send(m_serverPort, packet("CMD", 1, "a"));
+    EXPECT_EQ(raw.answer().bytes, packet("ACK", 1));
+    raw.send(m_serverPort, packet("CMD", 2, "b"));
+    raw.send(m_serverPort, packet("WIN", 40));
+    EXPECT_EQ(raw.answer().bytes, packet("ACK", 2));
+    EXPECT_EQ(raw.answer().bytes, packet("WAK", 40));
+    const auto sent = Clock::now();
+    raw.send(m_serverPort, packet("CMD", 3, "c"));
+    EXPECT_EQ(raw.answer().bytes, packet("ACK", 3));
+    EXPECT_GE(Clock::now() - sent, 250ms);
+    for (const char* text : {"a", "b", "c"})
+    {
+        EXPECT_EQ(receiveText(*server), text);
+    }
+}
+
 // The lines of the transport's threads that no other test here checks; those
 // of the codecs and the connection are in unit/WeftLogTest.cpp. (How each
 // request is answered is EUDPModesTest's.)

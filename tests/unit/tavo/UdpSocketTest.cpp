@@ -3,10 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
 #include <vector>
 
 namespace
 {
+
+using namespace std::chrono_literals;
 
 const tavo::HostAddress LOOPBACK("127.0.0.1");
 
@@ -27,6 +30,8 @@ TEST(UdpSocketTest, SendToBindsAFreshPortAndReceiveSkipsEmptyDatagramsCutsLongOn
     uint8 buffer[2];
     tavo::HostAddress from;
     uint16 port = 0;
+    EXPECT_EQ(sender.receiveFrom(buffer, sizeof(buffer), from, port, 1ms),
+              tavo::UdpSocket::NOTHING_PENDING);
     EXPECT_EQ(receiver.receiveFrom(buffer, sizeof(buffer), from, port), 2);
     EXPECT_EQ(std::vector<uint8>(buffer, buffer + 2), (std::vector<uint8>{9, 8}));
     EXPECT_EQ(from, LOOPBACK);
@@ -38,7 +43,9 @@ TEST(UdpSocketTest, SendToBindsAFreshPortAndReceiveSkipsEmptyDatagramsCutsLongOn
     tavo::UdpSocket unbound;
     for (tavo::UdpSocket* socket : {&receiver, &unbound})
     {
-        socket->close();
+        std::thread closer([socket] { socket->close(); });
+        EXPECT_LT(socket->receiveFrom(buffer, sizeof(buffer), from, port, 10s), 0);
+        closer.join();
         EXPECT_LT(socket->receiveFrom(buffer, sizeof(buffer), from, port), 0);
         EXPECT_LT(socket->sendTo(data, 1, LOOPBACK, 9), 0);
         EXPECT_EQ(socket->getLocalPort(), 0);
