@@ -68,9 +68,12 @@ void runThroughput(const Options& options, std::vector<Scenario>& out)
                     [&] { return weftPushRun(EPairMode::EUDP_REALTIME, 0, messages, size); }));
         for (const unsigned int window : {10u, 64u, 512u})
         {
-            scenario.subjects.push_back(subject(
-                "weft EUDP reliable, window " + std::to_string(window), "plain UDP blaster",
-                [&] { return weftPushRun(EPairMode::EUDP_RELIABLE, window, messages, size); }));
+            scenario.subjects.push_back(
+                subject("weft EUDP reliable, window " + std::to_string(window), "plain UDP blaster",
+                        // The window by value: the loop's variable is gone when the
+                        // subjects run.
+                        [&, window]
+                        { return weftPushRun(EPairMode::EUDP_RELIABLE, window, messages, size); }));
         }
         if (enetAvailable())
         {
