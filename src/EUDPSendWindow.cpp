@@ -143,6 +143,14 @@ const EUDPPacket* EUDPSendWindow::nextReliable(int window, TimePoint now)
     {
         return nullptr;
     }
+    if (m_missing && static_cast<int>(index) - m_missing->distance(ModuloValue::fromArg(
+                                                   m_sendBuffer.front().getArg())) >=
+                         static_cast<int>(EUDP_REORDER_SLOTS))
+    {
+        // While a gap is being filled, a receiver keeps at most this many
+        // packets after it: more would only be dropped and sent again.
+        return nullptr;
+    }
     if (m_recoveryBudget > 0)
     {
         --m_recoveryBudget;

@@ -71,6 +71,20 @@ TEST(EUDPSendWindowTest, TheWindowBoundsWhatIsInFlightAndAnAckFreesEverythingUpT
     EXPECT_FALSE(window.retransmitDue());
 }
 
+TEST(EUDPSendWindowTest, WhileAGapIsFilledNewPacketsGoOnlyAsFarAsAReceiverKeepsAfterIt)
+{
+    EUDPSendWindow window(EUDP_RING_CAPACITY, RETRANSMIT);
+    window.startReliable();
+    queueMessages(window, 200);
+    EXPECT_EQ(drainReliable(window, 100, START), numbers(0, 99));
+    ASSERT_EQ(window.onNak(ModuloValue(50), START), EUDPSendWindow::NAK_RESEND);
+    std::vector<std::string> expected = numbers(100, 113); // 64 after the gap, not 100
+    expected.insert(expected.begin(), "50");
+    EXPECT_EQ(drainReliable(window, 100, START), expected);
+    ASSERT_TRUE(window.onAck(ModuloValue(99), START + 1ms).accepted);
+    EXPECT_EQ(drainReliable(window, 100, START + 1ms), numbers(114, 199));
+}
+
 TEST(EUDPSendWindowTest, ANakRepeatsTheMissingPacketOnceWhileNewPacketsKeepTheWindowFull)
 {
     EUDPSendWindow window(EUDP_RING_CAPACITY, RETRANSMIT);
