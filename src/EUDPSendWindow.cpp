@@ -179,10 +179,14 @@ std::optional<EUDPSendWindow::TimePoint> EUDPSendWindow::retransmitDue() const
         return std::nullopt;
     }
     // Measured from the packet waited for longest, so that a loss is
-    // repeated in time even while newer packets keep going out; from the
-    // latest activity while nothing has gone out (a window of 0).
+    // repeated in time even while newer packets keep going out, but never
+    // from before the latest acknowledgement that freed one: while they keep
+    // coming the peer is working through a burst, and the tail of a large
+    // window would otherwise be repeated before the peer had read it. From
+    // the latest activity while nothing has gone out (a window of 0).
     const bool oldestSent = !m_sendBuffer.isEmpty() && m_sentTimes.front().times > 0;
-    return (oldestSent ? m_sentTimes.front().at : m_lastActivity) + m_roundTrip.timeout();
+    return (oldestSent ? std::max(m_sentTimes.front().at, m_lastProgress) : m_lastActivity) +
+           m_roundTrip.timeout();
 }
 
 void EUDPSendWindow::goBack(TimePoint now)
@@ -279,6 +283,10 @@ EUDPSendWindow::AckResult EUDPSendWindow::acknowledge(ModuloValue seq, TimePoint
     m_roundTrip.progressed();
     m_recoveryBudget = UNLIMITED;
     m_lastActivity = now;
+    if (freed > 0)
+    {
+        m_lastProgress = now;
+    }
     return AckResult{true, freed};
 }
 

@@ -170,6 +170,8 @@ private:
     bool m_afterTimeout = false;
     // The latest transmission, acknowledgement or go-back.
     TimePoint m_lastActivity;
+    // The latest acknowledgement that freed a packet.
+    TimePoint m_lastProgress{};
     // The CON's transmissions: the first one's time, and how many.
     Sent m_connection;
 };

@@ -71,6 +71,17 @@ TEST(EUDPSendWindowTest, TheWindowBoundsWhatIsInFlightAndAnAckFreesEverythingUpT
     EXPECT_FALSE(window.retransmitDue());
 }
 
+TEST(EUDPSendWindowTest, ARepeatFallsDueATimeOutAfterTheLatestAcknowledgementThatFreedAPacket)
+{
+    EUDPSendWindow window(EUDP_RING_CAPACITY, RETRANSMIT);
+    window.startReliable();
+    queueMessages(window, 3);
+    EXPECT_EQ(drainReliable(window, 10, START), numbers(0, 2));
+    ASSERT_TRUE(window.onAck(ModuloValue(0), START + 1ms).accepted);
+    // 1 and 2 left at START, but the peer is still answering.
+    EXPECT_EQ(window.retransmitDue(), START + 1ms + window.roundTrip().timeout());
+}
+
 TEST(EUDPSendWindowTest, WhileAGapIsFilledNewPacketsGoOnlyAsFarAsAReceiverKeepsAfterIt)
 {
     EUDPSendWindow window(EUDP_RING_CAPACITY, RETRANSMIT);
