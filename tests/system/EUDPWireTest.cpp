@@ -14,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -42,12 +41,8 @@ struct RawPeer : RawUdpSocket
     // The next datagram that is not an idle keep-alive (a CMD without payload).
     Datagram answer()
     {
-        return receiveFirst(
-            [](const Bytes& bytes)
-            {
-                return bytes.size() != 8 ||
-                       !std::equal(bytes.begin(), bytes.begin() + 4, packet("CMD", 0).begin());
-            });
+        return receiveFirst([](const Bytes& bytes)
+                            { return bytes.size() != 8 || !eudpwire::is(bytes, "CMD"); });
     }
 
     // Nothing else reached this socket: a marker sent now is the next datagram.
