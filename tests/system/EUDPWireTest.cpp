@@ -19,6 +19,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace
@@ -336,12 +337,7 @@ TEST_F(EUDPTransportTest, EachRefusalWritesItsLineAtItsLevel)
     EXPECT_FALSE(window.get());
     expectLine(raw.port(), "failed to set window size (tried 40, got 30)", 2);
 
-    const struct
-    {
-        std::vector<Bytes> datagrams;
-        std::string text;
-        int level;
-    } cases[] = {
+    const std::tuple<std::vector<Bytes>, std::string, int> cases[] = {
         {{packet("cmd", 1)}, "dropping invalid packet", 3},
         {{packet("CON", 0)}, "unknown/unexpected command (ignoring)", 3},
         {{packet("CMD", 1, "a"), packet("CMD", 1, "a")},
@@ -349,13 +345,13 @@ TEST_F(EUDPTransportTest, EachRefusalWritesItsLineAtItsLevel)
          5},
         {{packet("MOD", modes("DDRD")), packet("CMD", 5, "x")}, "3 packets lost", 3},
     };
-    for (const auto& c : cases)
+    for (const auto& [datagrams, text, level] : cases)
     {
-        for (const Bytes& datagram : c.datagrams)
+        for (const Bytes& datagram : datagrams)
         {
             raw.send(m_serverPort, datagram);
         }
-        expectLine(raw.port(), c.text, c.level);
+        expectLine(raw.port(), text, level);
     }
     server->allowReceiveMode(false, false);
     expectLine(raw.port(), "allowing neither realtime nor reliable mode", 2);
