@@ -197,8 +197,7 @@ private:
         else if (is(datagram, "MOD"))
         {
             // Every mode allowed; only the receive half matters to a receiver.
-            const std::uint8_t send = datagram[4];
-            const std::uint8_t receive = datagram[6];
+            const std::uint8_t send = datagram[4], receive = datagram[6];
             if (receive == 'R' || receive == 'T')
             {
                 m_reliable = receive == 'R';
@@ -240,8 +239,7 @@ private:
         m_connection.send(m_peerPort, eudpwire::packet(command, arg));
     }
 
-    RawUdpSocket m_listening;
-    RawUdpSocket m_connection;
+    RawUdpSocket m_listening, m_connection;
     std::uint16_t m_peerPort = 0;
     std::int32_t m_expected = 0;
     bool m_reliable = false;
