@@ -34,13 +34,7 @@ constexpr std::size_t BATCH = 16;
 constexpr std::size_t LONGEST_DATAGRAM = EUDP_MAX_PACKET_SIZE + 100;
 constexpr std::chrono::milliseconds WAIT(5000);
 
-// Whether the transport reads `datagram` as `command` (with argument `*arg`).
-bool is(const Bytes& datagram, const char* command, const std::uint32_t* arg = nullptr)
-{
-    const Bytes header = eudpwire::packet(command, arg != nullptr ? *arg : 0);
-    return datagram.size() >= EUDP_HEADER_SIZE &&
-           std::equal(header.begin(), header.begin() + (arg != nullptr ? 8 : 4), datagram.begin());
-}
+using eudpwire::argOf, eudpwire::is;
 
 class RawPeer : public RawUdpSocket
 {
@@ -126,7 +120,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         // is the fence's own.
         while (std::any_of(sent.begin() + static_cast<std::ptrdiff_t>(first),
                            sent.begin() + static_cast<std::ptrdiff_t>(end),
-                           [&](const Bytes& datagram) { return is(datagram, "WIN", &fence); }))
+                           [&](const Bytes& datagram)
+                           { return is(datagram, "WIN") && argOf(datagram) == fence; }))
         {
             ++fence;
         }

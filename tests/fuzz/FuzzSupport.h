@@ -35,15 +35,6 @@ inline std::string hex(const Bytes& bytes)
     std::abort();
 }
 
-} // namespace fuzz
-
-// A crash to the fuzzer; `detail` is only built when the check fails.
-#define FUZZ_CHECK(cond, detail)                                                                   \
-    ((cond) ? static_cast<void>(0) : ::fuzz::fail(__FILE__, __LINE__, #cond, (detail)))
-
-namespace fuzz
-{
-
 // Past the end every read yields zeros.
 class Input
 {
@@ -109,6 +100,10 @@ inline void startQuietly()
 }
 
 } // namespace fuzz
+
+// A crash to the fuzzer; `detail` is only built when the check fails.
+#define FUZZ_CHECK(cond, detail)                                                                   \
+    ((cond) ? static_cast<void>(0) : ::fuzz::fail(__FILE__, __LINE__, #cond, (detail)))
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size);

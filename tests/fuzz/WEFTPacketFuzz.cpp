@@ -92,8 +92,7 @@ std::vector<Event> receive(const std::vector<Bytes>& messages, bool hasClient, b
     }
     transport->disconnect();
     WEFTConnection connection(transport);
-    Recorder client;
-    Recorder server;
+    Recorder client, server;
     if (hasClient)
     {
         connection.connect("127.0.0.1", 1, &client);
@@ -132,29 +131,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     const std::vector<Bytes> messages = input.chunks(WEFT_MAX_PACKET_SIZE + 1);
     const std::vector<Event> delivered = receive(messages, (flags & 1) != 0, (flags & 2) != 0);
 
-    // Every delivery sent back through the request calls.
+    // Every delivery sent back through the request calls, which take it.
     auto transport = new ScriptTransport();
     WEFTConnection sender(transport);
-    for (const Event& event : delivered)
+    for (const Event& e : delivered)
     {
-        switch (event.command)
-        {
-        case 'S':
-            sender.subscribe(event.name);
-            break;
-        case 'X':
-            sender.unsubscribe(event.name);
-            break;
-        case 'T':
-            sender.trigger(event.name, event.value);
-            break;
-        case 'U':
-            sender.updateState(event.name, event.value);
-            break;
-        default:
-            sender.callFunctionId(event.name, event.params);
-            break;
-        }
+        FUZZ_CHECK(e.command == 'S'   ? sender.subscribe(e.name)
+                   : e.command == 'X' ? sender.unsubscribe(e.name)
+                   : e.command == 'T' ? sender.trigger(e.name, e.value)
+                   : e.command == 'U' ? sender.updateState(e.name, e.value)
+                                      : sender.callFunctionId(e.name, e.params),
+                   "refused to send back " + describe(e));
     }
     const std::vector<Bytes> sent = transport->sent();
     FUZZ_CHECK(sent.size() == delivered.size(), "sent " + std::to_string(sent.size()) + " of " +

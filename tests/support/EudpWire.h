@@ -1,9 +1,10 @@
 #pragma once
 
-// EUDP datagrams built byte by byte from the wire format, without the
-// library's packet class, so that tests and fuzz targets playing a raw peer
+// EUDP datagrams built and read byte by byte from the wire format, without
+// the library's packet class, so that tests and fuzz targets playing a raw peer
 // check the library against something other than itself.
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -48,6 +49,20 @@ inline std::uint32_t modes(const char (&letters)[5])
 {
     return modes(static_cast<std::uint8_t>(letters[0]), static_cast<std::uint8_t>(letters[1]),
                  static_cast<std::uint8_t>(letters[2]), static_cast<std::uint8_t>(letters[3]));
+}
+
+// Whether `datagram` has a header with these command letters.
+inline bool is(const Bytes& datagram, const char* command)
+{
+    return datagram.size() >= 8 && datagram[0] == VERSION &&
+           std::equal(command, command + 3, datagram.begin() + 1);
+}
+
+// The argument of a datagram that has a header.
+inline std::uint32_t argOf(const Bytes& datagram)
+{
+    return datagram[4] | datagram[5] << 8 | datagram[6] << 16 |
+           static_cast<std::uint32_t>(datagram[7]) << 24;
 }
 
 } // namespace eudpwire

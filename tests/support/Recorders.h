@@ -101,10 +101,7 @@ public:
             onSubscribeHook(name);
         }
     }
-    void onUnsubscribe(const std::string& name) override
-    {
-        m_log.add(Event{"unsubscribe", name, ""});
-    }
+    void onUnsubscribe(const std::string& name) override { m_log.add({"unsubscribe", name, ""}); }
     void onCallFunctionId(const std::string& name, const ParameterList& params) override
     {
         m_log.add(Event{"call", name, listText(params)});

@@ -23,8 +23,7 @@ namespace
 {
 
 using namespace std::chrono_literals;
-using eudpwire::modes;
-using eudpwire::packet;
+using eudpwire::modes, eudpwire::packet;
 
 const tavo::HostAddress LOOPBACK("127.0.0.1");
 
@@ -63,12 +62,10 @@ TEST_F(BoundsTest, ATcpMessageMustArriveWholeInTimeWhileAnIdleConnectionStays)
 {
     TCPTransport listener;
     ASSERT_TRUE(listener.listen(LOOPBACK, 0));
-    tavo::TcpSocket idle;
-    ASSERT_TRUE(idle.connect(LOOPBACK, listener.getLocalPort()));
-    std::unique_ptr<IWEFTTransport> idleServer(listener.accept());
-    tavo::TcpSocket trickling;
-    ASSERT_TRUE(trickling.connect(LOOPBACK, listener.getLocalPort()));
-    std::unique_ptr<IWEFTTransport> trickled(listener.accept());
+    tavo::TcpSocket idle, trickling; // accepted in that order
+    ASSERT_TRUE(idle.connect(LOOPBACK, listener.getLocalPort()) &&
+                trickling.connect(LOOPBACK, listener.getLocalPort()));
+    std::unique_ptr<IWEFTTransport> idleServer(listener.accept()), trickled(listener.accept());
 
     auto idleEnd = std::async(std::launch::async, [&] { return receiveOnce(*idleServer); });
     // Half of a length prefix, then nothing: the connection ends.

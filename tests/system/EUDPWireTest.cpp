@@ -14,12 +14,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <future>
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace
@@ -27,14 +27,10 @@ namespace
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-typedef std::vector<uint8> Bytes;
 
 const tavo::HostAddress LOOPBACK("127.0.0.1");
 
-using eudpwire::modes;
-using eudpwire::packet;
-
-typedef RawUdpSocket::Datagram Datagram;
+using eudpwire::Bytes, eudpwire::modes, eudpwire::packet;
 
 // A plain UDP socket on loopback through which a test plays the peer.
 struct RawPeer : RawUdpSocket
@@ -42,12 +38,8 @@ struct RawPeer : RawUdpSocket
     // The next datagram that is not an idle keep-alive (a CMD without payload).
     Datagram answer()
     {
-        return receiveFirst(
-            [](const Bytes& bytes)
-            {
-                return bytes.size() != 8 ||
-                       !std::equal(bytes.begin(), bytes.begin() + 4, packet("CMD", 0).begin());
-            });
+        return receiveFirst([](const Bytes& bytes)
+                            { return bytes.size() != 8 || !eudpwire::is(bytes, "CMD"); });
     }
 
     // Nothing else reached this socket: a marker sent now is the next datagram.
@@ -109,7 +101,7 @@ protected:
     {
         raw.send(m_listenPort, packet("CON", first));
         std::unique_ptr<EUDPTransport> server(static_cast<EUDPTransport*>(m_listener->accept()));
-        const Datagram ack = raw.receive();
+        const auto ack = raw.receive();
         EXPECT_EQ(ack.bytes, packet("ACK", first));
         EXPECT_NE(ack.from, m_listenPort);
         EXPECT_EQ(ack.from, server->getLocalPort());
@@ -126,8 +118,7 @@ protected:
     }
 
     std::unique_ptr<EUDPTransport> m_listener;
-    uint16 m_listenPort = 0;
-    uint16 m_serverPort = 0;
+    uint16 m_listenPort = 0, m_serverPort = 0;
 };
 
 TEST_F(EUDPTransportTest, ARepeatedConIsAnsweredFromTheSamePortAndANewOneMakesANewConnection)
@@ -142,13 +133,13 @@ TEST_F(EUDPTransportTest, ARepeatedConIsAnsweredFromTheSamePortAndANewOneMakesAN
     std::unique_ptr<IWEFTTransport> second;
     std::thread acceptor([&] { second.reset(m_listener->accept()); });
     raw.send(m_listenPort, packet("CON", 7));
-    const Datagram repeated = raw.answer();
+    const auto repeated = raw.answer();
     EXPECT_EQ(repeated.bytes, packet("ACK", 7));
     EXPECT_EQ(repeated.from, m_serverPort);
     // A CON with another number is another connection, from a new port.
     raw.send(m_listenPort, packet("CON", 100));
     acceptor.join();
-    const Datagram other = raw.receive();
+    const auto other = raw.receive();
     EXPECT_EQ(other.bytes, packet("ACK", 100));
     EXPECT_NE(other.from, m_serverPort);
 }
@@ -198,11 +189,10 @@ TEST_F(EUDPTransportTest, ConnectFailsOnAWrongAckSilenceOrDisconnectAndTheNextTa
 
     // The next one starts afresh, and a lost CON is sent again.
     listening.drain();
-    RawPeer accepted;
-    RawPeer duplicate; // a server that makes a connection for every CON
+    RawPeer accepted, duplicate; // duplicate: a server making a connection for every CON
     connected = connecting();
-    const Datagram lost = listening.receive();
-    const Datagram con = listening.receive();
+    const auto lost = listening.receive();
+    const auto con = listening.receive();
     EXPECT_EQ(con.bytes, packet("CON", 0));
     EXPECT_EQ(con.bytes, lost.bytes);
     EXPECT_EQ(con.from, lost.from);
@@ -344,12 +334,7 @@ TEST_F(EUDPTransportTest, EachRefusalWritesItsLineAtItsLevel)
     EXPECT_FALSE(window.get());
     expectLine(raw.port(), "failed to set window size (tried 40, got 30)", 2);
 
-    const struct
-    {
-        std::vector<Bytes> datagrams;
-        std::string text;
-        int level;
-    } cases[] = {
+    const std::tuple<std::vector<Bytes>, std::string, int> cases[] = {
         {{packet("cmd", 1)}, "dropping invalid packet", 3},
         {{packet("CON", 0)}, "unknown/unexpected command (ignoring)", 3},
         {{packet("CMD", 1, "a"), packet("CMD", 1, "a")},
@@ -357,13 +342,13 @@ TEST_F(EUDPTransportTest, EachRefusalWritesItsLineAtItsLevel)
          5},
         {{packet("MOD", modes("DDRD")), packet("CMD", 5, "x")}, "3 packets lost", 3},
     };
-    for (const auto& c : cases)
+    for (const auto& [datagrams, text, level] : cases)
     {
-        for (const Bytes& datagram : c.datagrams)
+        for (const Bytes& datagram : datagrams)
         {
             raw.send(m_serverPort, datagram);
         }
-        expectLine(raw.port(), c.text, c.level);
+        expectLine(raw.port(), text, level);
     }
     server->allowReceiveMode(false, false);
     expectLine(raw.port(), "allowing neither realtime nor reliable mode", 2);

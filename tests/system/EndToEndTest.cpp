@@ -17,9 +17,7 @@ using namespace std::chrono_literals;
 
 constexpr int CLIENTS = 6;
 
-class WEFTListenerTest : public ListenerFixture
-{
-};
+using WEFTListenerTest = ListenerFixture;
 
 class WEFTEndToEndTest : public WEFTListenerTest, public ::testing::WithParamInterface<ETransport>
 {
@@ -39,6 +37,8 @@ protected:
 TEST_P(WEFTEndToEndTest, ClientsUpToTheLimitAreHandedOverInOrderAndLoseNothingAndOneMoreIsClosed)
 {
     constexpr int messagesEach = 200;
+    const auto nameOf = [](int c, int i)
+    { return "c" + std::to_string(c) + "." + std::to_string(i); };
     EventLog clientEvents;
     Recorder client(clientEvents);
     std::vector<std::unique_ptr<WEFTConnection>> connections;
@@ -81,8 +81,7 @@ TEST_P(WEFTEndToEndTest, ClientsUpToTheLimitAreHandedOverInOrderAndLoseNothingAn
             {
                 for (int i = 0; i < messagesEach; ++i)
                 {
-                    EXPECT_TRUE(connections[c]->subscribe("c" + std::to_string(c) + "." +
-                                                          std::to_string(i)));
+                    EXPECT_TRUE(connections[c]->subscribe(nameOf(c, i)));
                 }
             });
     }
@@ -97,8 +96,7 @@ TEST_P(WEFTEndToEndTest, ClientsUpToTheLimitAreHandedOverInOrderAndLoseNothingAn
     {
         for (int i = 0; i < messagesEach; ++i)
         {
-            const std::string name = "c" + std::to_string(c) + "." + std::to_string(i);
-            ASSERT_EQ(m_serverEvents.countOf({"subscribe", name, ""}), 1) << name;
+            ASSERT_EQ(m_serverEvents.countOf({"subscribe", nameOf(c, i), ""}), 1) << nameOf(c, i);
         }
     }
     // A place is free once the server has seen one go.

@@ -56,8 +56,7 @@ TEST_P(FaultTest, DisconnectRacingWithSendsAndTheReceiveLoopAlwaysReturns)
         }
 
         // Two senders on the client, one on the server.
-        EventCounter sent;
-        EventCounter finished;
+        EventCounter sent, finished;
         std::vector<std::thread> threads;
         for (int s = 0; s < 3; ++s)
         {

@@ -20,12 +20,9 @@ namespace
 {
 
 using namespace std::chrono_literals;
-typedef std::vector<uint8> Bytes;
-using eudpwire::packet;
+using eudpwire::Bytes, eudpwire::packet;
 
-class HostilePeerTest : public ListenerFixture
-{
-};
+using HostilePeerTest = ListenerFixture;
 
 TEST_F(HostilePeerTest,
        ConsBeyondTheHalfOpenLimitAndDatagramsFromStrangersAreIgnoredWhileAGoodClientIsServed)
@@ -59,9 +56,13 @@ TEST_F(HostilePeerTest,
     // The good client's connection completes with its first message.
     ASSERT_NO_FATAL_FAILURE(exchange("before"));
     const auto isAck = [](const Bytes& bytes) { return bytes == packet("ACK", 0); };
-    RawUdpSocket first;
-    RawUdpSocket second;
-    RawUdpSocket third;
+    // A CON from `socket`, then the number of connections accepted so far.
+    const auto conThenAccepted = [&](RawUdpSocket& socket)
+    {
+        socket.send(m_port, packet("CON", 0));
+        return m_connector.accepted();
+    };
+    RawUdpSocket first, second, third;
     first.send(m_port, packet("CON", 0));
     const uint16 firstAccepted = first.receiveFirst(isAck).from;
     second.send(m_port, packet("CON", 0));
@@ -91,13 +92,7 @@ TEST_F(HostilePeerTest,
     // One answers its ACK: its connection is complete and frees a place.
     ASSERT_NE(firstAccepted, 0);
     first.send(firstAccepted, packet("NOP", 0));
-    ASSERT_TRUE(eventually(
-        [&]
-        {
-            third.send(m_port, packet("CON", 0));
-            return m_connector.accepted() == 4;
-        },
-        10s));
+    ASSERT_TRUE(eventually([&] { return conThenAccepted(third) == 4; }, 10s));
     // The limit is reached again, until the silent ones close.
     RawUdpSocket fourth;
     fourth.send(m_port, packet("CON", 0));
@@ -105,13 +100,7 @@ TEST_F(HostilePeerTest,
     EXPECT_EQ(m_connector.accepted(), 4);
     ASSERT_TRUE(m_serverEvents.waitFor(Event{"status", "server2", "disconnected"}, 20s));
     // Its receive thread gives the place back as it ends, just after.
-    EXPECT_TRUE(eventually(
-        [&]
-        {
-            fourth.send(m_port, packet("CON", 0));
-            return m_connector.accepted() == 5;
-        },
-        10s));
+    EXPECT_TRUE(eventually([&] { return conThenAccepted(fourth) == 5; }, 10s));
     ASSERT_NO_FATAL_FAILURE(exchange("after"));
     EXPECT_EQ(m_serverEvents.countOf(Event{"subscribe", "intruder", ""}), 0);
     EXPECT_EQ(m_serverEvents.countOf(Event{"status", "server0", "disconnected"}), 0);

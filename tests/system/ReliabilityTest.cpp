@@ -15,7 +15,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <future>
 #include <memory>
 #include <string>
@@ -27,7 +26,7 @@ namespace
 
 using namespace std::chrono_literals;
 
-using eudpwire::Bytes;
+using eudpwire::argOf, eudpwire::Bytes, eudpwire::is;
 
 // Tests named after the share of datagrams the relay drops.
 std::string percent(const ::testing::TestParamInfo<double>& info)
@@ -189,17 +188,6 @@ public:
 private:
     static constexpr std::int32_t RANGE = 65535;
 
-    static bool is(const Bytes& datagram, const char* command)
-    {
-        return datagram.size() >= 8 && datagram[0] == eudpwire::VERSION &&
-               std::memcmp(datagram.data() + 1, command, 3) == 0;
-    }
-    static std::uint32_t argOf(const Bytes& datagram)
-    {
-        return datagram[4] | datagram[5] << 8 | datagram[6] << 16 |
-               static_cast<std::uint32_t>(datagram[7]) << 24;
-    }
-
     void handle(const Bytes& datagram)
     {
         if (is(datagram, "WIN"))
@@ -209,8 +197,7 @@ private:
         else if (is(datagram, "MOD"))
         {
             // Every mode allowed; only the receive half matters to a receiver.
-            const std::uint8_t send = datagram[4];
-            const std::uint8_t receive = datagram[6];
+            const std::uint8_t send = datagram[4], receive = datagram[6];
             if (receive == 'R' || receive == 'T')
             {
                 m_reliable = receive == 'R';
@@ -252,8 +239,7 @@ private:
         m_connection.send(m_peerPort, eudpwire::packet(command, arg));
     }
 
-    RawUdpSocket m_listening;
-    RawUdpSocket m_connection;
+    RawUdpSocket m_listening, m_connection;
     std::uint16_t m_peerPort = 0;
     std::int32_t m_expected = 0;
     bool m_reliable = false;

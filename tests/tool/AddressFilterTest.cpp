@@ -3,20 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 namespace
 {
 
-struct Case
-{
-    const char* allow;
-    const char* address;
-    bool allowed;
-};
-
 TEST(AddressFilterTest, AnAddressIsTakenOnlyInsideANetworkOfItsFamily)
 {
-    const Case cases[] = {
+    // The networks allowed, an address and whether it is taken.
+    const std::tuple<const char*, const char*, bool> cases[] = {
         {"", "203.0.113.9", true}, // no filter: everyone
         {"10.0.0.0/8", "10.255.255.255", true},
         {"10.0.0.0/8", "11.0.0.0", false},
@@ -35,12 +30,12 @@ TEST(AddressFilterTest, AnAddressIsTakenOnlyInsideANetworkOfItsFamily)
         {"10.0.0.0/8,fd00::/8", "fd00::2", true}, // any of a list
         {"10.0.0.0/8", "not an address", false},
     };
-    for (const Case& c : cases)
+    for (const auto& [allow, address, allowed] : cases)
     {
         weftcli::AddressFilter filter;
         std::string error;
-        ASSERT_TRUE(filter.parse(c.allow, error)) << c.allow << ": " << error;
-        EXPECT_EQ(filter.allows(c.address), c.allowed) << c.allow << " / " << c.address;
+        ASSERT_TRUE(filter.parse(allow, error)) << allow << ": " << error;
+        EXPECT_EQ(filter.allows(address), allowed) << allow << " / " << address;
     }
 }
 

@@ -1,4 +1,5 @@
 #include "ImpairmentRelay.h"
+#include "support/EudpWire.h"
 #include "support/RawUdpSocket.h"
 #include "support/Waiting.h"
 
@@ -17,24 +18,18 @@ using namespace std::chrono_literals;
 using namespace std::string_literals;
 constexpr auto WAIT = 5000ms;
 constexpr auto C2S = RelayDirection::ClientToServer;
+using eudpwire::Bytes;
 
-// A plain UDP socket on 127.0.0.1 playing a client or a server.
-struct Peer : RawUdpSocket
+std::string text(const RawUdpSocket::Datagram& datagram)
 {
-    // The next datagram within `timeout` (0: only one already waiting), or an empty one.
-    std::pair<std::string, uint16_t> receive(std::chrono::milliseconds timeout = WAIT)
-    {
-        const Datagram d = RawUdpSocket::receive(static_cast<int>(timeout.count()));
-        return {std::string(d.bytes.begin(), d.bytes.end()), d.from};
-    }
-};
+    return std::string(datagram.bytes.begin(), datagram.bytes.end());
+}
 
 // A client and a server (listening on the port the relay targets) with the
 // relay between them, and the numbers that reached the server, in order.
 struct Path
 {
-    Peer client;
-    Peer server;
+    RawUdpSocket client, server; // plain UDP sockets on 127.0.0.1
     ImpairmentRelay relay;
     std::vector<int> arrived;
 
@@ -52,9 +47,9 @@ struct Path
             {
                 ASSERT_TRUE(
                     eventually([&] { return relay.getCounts(C2S).received == before + i; }, WAIT));
-                for (auto d = server.receive(0ms); !d.first.empty(); d = server.receive(0ms))
+                for (auto d = server.receive(0); !d.bytes.empty(); d = server.receive(0))
                 {
-                    arrived.push_back(std::stoi(d.first));
+                    arrived.push_back(std::stoi(text(d)));
                 }
             }
         }
@@ -73,8 +68,8 @@ struct Path
         while (arrived.size() < counts.forwarded + counts.duplicated)
         {
             const auto d = server.receive();
-            ASSERT_FALSE(d.first.empty()) << arrived.size() << " of " << counts.forwarded;
-            arrived.push_back(std::stoi(d.first));
+            ASSERT_FALSE(d.bytes.empty()) << arrived.size() << " of " << counts.forwarded;
+            arrived.push_back(std::stoi(text(d)));
         }
     }
 };
@@ -86,34 +81,30 @@ struct Path
 TEST(ImpairmentRelayTest, SessionsCarryBytesUnchangedFollowTheServersNewPortAndExpireWhenIdle)
 {
     Path path(1);
-    Peer other;
-    Peer accepted;
-    const std::string con("\x01"
-                          "CON\0\0\0\0\xff payload",
-                          18);
-    const std::string cmd("\x01"
-                          "CMD\1\0\0\0",
-                          8);
+    RawUdpSocket other, accepted;
+    const Bytes con = eudpwire::packet("CON", 0, "\xff payload"), cmd = eudpwire::packet("CMD", 1);
     path.client.send(path.relay.getPort(), cmd); // to the listening port while no other is known
     path.client.send(path.relay.getPort(), con);
     other.send(path.relay.getPort(), "other"s);
-    EXPECT_EQ(path.server.receive().first, cmd);
+    EXPECT_EQ(path.server.receive().bytes, cmd);
     const auto firstCon = path.server.receive();
-    EXPECT_EQ(firstCon.first, con);
+    EXPECT_EQ(firstCon.bytes, con);
     const auto fromOther = path.server.receive();
-    EXPECT_EQ(fromOther.first, "other");
-    EXPECT_NE(fromOther.second, firstCon.second);
+    EXPECT_EQ(text(fromOther), "other");
+    EXPECT_NE(fromOther.from, firstCon.from);
     EXPECT_EQ(path.relay.getSessionCount(), 2u);
 
-    const std::string answer(1400, '\xab');
-    path.server.send(fromOther.second, "to other"s);
-    accepted.send(firstCon.second, answer);
-    EXPECT_EQ(other.receive().first, "to other");
-    EXPECT_EQ(path.client.receive(), std::make_pair(answer, path.relay.getPort()));
+    const Bytes answer(1400, 0xab);
+    path.server.send(fromOther.from, "to other"s);
+    accepted.send(firstCon.from, answer);
+    EXPECT_EQ(text(other.receive()), "to other");
+    const auto back = path.client.receive();
+    EXPECT_EQ(back.bytes, answer);
+    EXPECT_EQ(back.from, path.relay.getPort());
     path.client.send(path.relay.getPort(), cmd);
-    EXPECT_EQ(accepted.receive().first, cmd);
+    EXPECT_EQ(accepted.receive().bytes, cmd);
     path.client.send(path.relay.getPort(), con);
-    EXPECT_EQ(path.server.receive().first, con);
+    EXPECT_EQ(path.server.receive().bytes, con);
 
     RelayOptions options;
     options.listen.port = other.port();
@@ -126,10 +117,10 @@ TEST(ImpairmentRelayTest, SessionsCarryBytesUnchangedFollowTheServersNewPortAndE
     options.idleTimeout = 40ms;
     ImpairmentRelay relay(options);
     ASSERT_TRUE(relay.isOpen()) << relay.getError();
-    for (const std::string text : {"first", "again"})
+    for (const std::string word : {"first", "again"})
     {
-        other.send(relay.getPort(), text);
-        EXPECT_EQ(path.server.receive().first, text);
+        other.send(relay.getPort(), word);
+        EXPECT_EQ(text(path.server.receive()), word);
         EXPECT_TRUE(eventually([&] { return relay.getSessionCount() == 0; }, WAIT));
     }
 }

@@ -16,8 +16,7 @@ using namespace std::chrono_literals;
 using TimePoint = EUDPAcceptedPeers::TimePoint;
 
 const TimePoint START = TimePoint{} + 1h;
-const tavo::HostAddress HOST("127.0.0.1");
-const tavo::HostAddress OTHER_HOST("127.0.0.2");
+const tavo::HostAddress HOST("127.0.0.1"), OTHER_HOST("127.0.0.2");
 
 class EUDPAcceptedPeersTest : public WeftFixture
 {

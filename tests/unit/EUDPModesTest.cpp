@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 namespace
 {
@@ -61,13 +62,8 @@ TEST(EUDPModesTest, ARequesterTellsItsOwnAnswerFromAnotherRequestsAndSeesARefusa
 {
     EXPECT_EQ(modeRequestArg(CONN_MODE_RELIABLE, true), modes("RDDD"));
     EXPECT_EQ(modeRequestArg(CONN_MODE_REALTIME, false), modes("DDTD"));
-    const struct
-    {
-        EConnMode mode;
-        bool sendDirection;
-        uint answer;
-        EModeReply reply;
-    } table[] = {
+    // The mode asked for, in which direction, the answer and what it means.
+    const std::tuple<EConnMode, bool, uint, EModeReply> table[] = {
         {CONN_MODE_RELIABLE, true, modes("RRDT"), MODE_AGREED},
         {CONN_MODE_RELIABLE, true, modes("RTDT"), MODE_REFUSED},
         {CONN_MODE_RELIABLE, true, modes("DRRR"), MODE_NOT_OURS}, // a receive request's answer
@@ -76,12 +72,11 @@ TEST(EUDPModesTest, ARequesterTellsItsOwnAnswerFromAnotherRequestsAndSeesARefusa
         {CONN_MODE_DONT_CARE, true, modes("DRDT"), MODE_AGREED},
         {CONN_MODE_DONT_CARE, true, modes("TRDT"), MODE_NOT_OURS},
     };
-    for (const auto& row : table)
+    for (const auto& [mode, sendDirection, answer, reply] : table)
     {
-        EXPECT_EQ(readModeAnswer(row.answer, modeRequestArg(row.mode, row.sendDirection), row.mode,
-                                 row.sendDirection),
-                  row.reply)
-            << std::hex << row.answer;
+        EXPECT_EQ(readModeAnswer(answer, modeRequestArg(mode, sendDirection), mode, sendDirection),
+                  reply)
+            << std::hex << answer;
     }
     EXPECT_EQ(modeLetterAt(modes("DTRR"), 1), CONN_MODE_REALTIME);
     EXPECT_EQ(modeLetterAt(modes("DTRR"), 3), CONN_MODE_RELIABLE);

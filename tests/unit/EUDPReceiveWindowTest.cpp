@@ -34,8 +34,7 @@ struct Arrival
 
 TEST(EUDPReceiveWindowTest, EachArrivingNumberIsTakenDroppedOrAnsweredByItsPlaceAndTheMode)
 {
-    const EConnMode T = CONN_MODE_REALTIME;
-    const EConnMode R = CONN_MODE_RELIABLE;
+    const EConnMode T = CONN_MODE_REALTIME, R = CONN_MODE_RELIABLE;
     const Arrival table[] = {
         // Real-time: anything newer is taken, gaps skipped, no answer...
         {T, 5, 5, "a", W::ARRIVAL_IN_ORDER, EUDP_UNKNOWN, 0, true, 6},

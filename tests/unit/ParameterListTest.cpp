@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace
 {
 
@@ -75,23 +77,18 @@ TEST(ParameterListTest, WireExamplesRoundTripAndEveryCutOrShortRoomIsRefused)
 
 TEST(ParameterListTest, DecodingMergesIntoExistingEntriesAndKeepsTheLaterOfDuplicates)
 {
-    const struct
-    {
-        std::string wire;
-        int consumed;
-        const char* after;
-    } cases[] = {
+    const std::tuple<std::string, int, const char*> cases[] = {
         {"02 61 00 42 00 78 00 49 05 00 00 00", 12, "a = OFF b = 7 x = 5 "},
         {"02 61 00 49 01 00 00 00 61 00 49 02 00 00 00", 15, "a = 2 b = 7 "},
         {"02 61 00 42 01 78 00 49 05 00", 0, "a = ON b = 7 "}, // the first entry stays
         {"01 61 62", 0, "b = 7 "},                             // a name without its NUL
     };
-    for (const auto& c : cases)
+    for (const auto& [wire, consumed, after] : cases)
     {
         ParameterList list;
         list.addNumeric("b", 7);
-        EXPECT_EQ(decodeExact(list, c.wire, fromHex(c.wire).size()), c.consumed) << c.wire;
-        EXPECT_EQ(printed(list), c.after) << c.wire;
+        EXPECT_EQ(decodeExact(list, wire, fromHex(wire).size()), consumed) << wire;
+        EXPECT_EQ(printed(list), after) << wire;
     }
 }
 

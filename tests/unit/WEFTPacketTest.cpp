@@ -39,14 +39,9 @@ protected:
 // reads must stop at the end and keep their place.
 TEST_F(WEFTPacketTest, WireExamplesRoundTripAndEveryCutFailsToReadCleanly)
 {
+    // The command, the name, its value (`none`: an empty list) and the example.
     const ParameterValue five(5), on(true), hi("hi"), none;
-    const struct
-    {
-        EWEFTCommand command;
-        std::string name;
-        const ParameterValue* value; // none for a list item
-        std::string wire;
-    } cases[] = {
+    const std::tuple<EWEFTCommand, std::string, const ParameterValue*, std::string> cases[] = {
         {WEFT_CMD_SUBSCRIBE, "ab", nullptr, "01 53 03 00 61 62 00"},
         {WEFT_CMD_UNSUBSCRIBE, "ab", nullptr, "01 58 03 00 61 62 00"},
         {WEFT_CMD_TRIGGER, "t", &five, "01 54 07 00 74 00 49 05 00 00 00"},
@@ -54,20 +49,20 @@ TEST_F(WEFTPacketTest, WireExamplesRoundTripAndEveryCutFailsToReadCleanly)
         {WEFT_CMD_UPDATE_STATE, "s", &hi, "01 55 06 00 73 00 53 68 69 00"},
         {WEFT_CMD_FID, "f", &none, "01 46 03 00 66 00 00"},
     };
-    for (const auto& c : cases)
+    for (const auto& [command, itemName, item, example] : cases)
     {
-        SCOPED_TRACE(c.wire);
-        const bool nameOnly = c.command == WEFT_CMD_SUBSCRIBE || c.command == WEFT_CMD_UNSUBSCRIBE;
-        WEFTPacket sent(c.command);
-        ASSERT_TRUE(sent.appendString(c.name));
-        ASSERT_TRUE(nameOnly || (c.value == &none ? sent.appendParamList(ParameterList())
-                                                  : sent.appendParamValue(*c.value)));
-        EXPECT_EQ(wireOf(sent), c.wire);
+        SCOPED_TRACE(example);
+        const bool nameOnly = command == WEFT_CMD_SUBSCRIBE || command == WEFT_CMD_UNSUBSCRIBE;
+        WEFTPacket sent(command);
+        ASSERT_TRUE(sent.appendString(itemName));
+        ASSERT_TRUE(nameOnly || (item == &none ? sent.appendParamList(ParameterList())
+                                               : sent.appendParamValue(*item)));
+        EXPECT_EQ(wireOf(sent), example);
 
-        const std::size_t length = fromHex(c.wire).size();
+        const std::size_t length = fromHex(example).size();
         for (std::size_t cut = length; cut >= WEFT_HEADER_SIZE; --cut)
         {
-            Bytes bytes = fromHex(c.wire);
+            Bytes bytes = fromHex(example);
             bytes[2] = static_cast<uint8>(cut - WEFT_HEADER_SIZE);
             bytes.resize(cut);
             const std::string wire = toHex(bytes.data(), bytes.size());
@@ -79,14 +74,14 @@ TEST_F(WEFTPacketTest, WireExamplesRoundTripAndEveryCutFailsToReadCleanly)
             ParameterList list;
             if (!nameOnly && afterName > WEFT_HEADER_SIZE)
             {
-                c.value == &none ? packet.getParameterList(list) : packet.getParameterValue(value);
+                item == &none ? packet.getParameterList(list) : packet.getParameterValue(value);
             }
             const bool whole = cut == length;
             EXPECT_EQ(packet.getReadPos(), whole ? length : afterName) << "cut to " << cut;
-            EXPECT_EQ(name, afterName > WEFT_HEADER_SIZE ? c.name : "") << "cut to " << cut;
-            if (whole && c.value != nullptr)
+            EXPECT_EQ(name, afterName > WEFT_HEADER_SIZE ? itemName : "") << "cut to " << cut;
+            if (whole && item != nullptr)
             {
-                EXPECT_EQ(value.getAsString(), c.value->getAsString());
+                EXPECT_EQ(value.getAsString(), item->getAsString());
             }
         }
     }

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace
@@ -85,12 +86,7 @@ TEST_F(WeftLogTest, EachRefusalWritesItsLineAtItsLevel)
     const std::string eudp = "3 WEFT/EUDP: packet validation failed: ";
     const std::string weft = "3 WEFT: packet validation failed: ";
     const std::string unexpected = "3 WEFT: received unexpected ";
-    const struct
-    {
-        char how;
-        Bytes bytes;
-        std::vector<std::string> lines;
-    } received[] = {
+    const std::tuple<char, Bytes, std::vector<std::string>> received[] = {
         {'e', {2, 'C', 'M', 'D', 0, 0, 0, 0}, {eudp + "wrong version"}},
         {'e', {1, 'C', 'M', 'D', 0, 0, 0}, {eudp + "header too short"}},
         {'e', {1, 'c', 'm', 'd', 0, 0, 0, 0}, {eudp + "unknown command"}},
@@ -107,11 +103,11 @@ TEST_F(WeftLogTest, EachRefusalWritesItsLineAtItsLevel)
         {'r', {1, 'T', 3, 0, 't', 0, 'N'}, {unexpected + "trigger cmd (no client available)"}},
         {'r', {1, 'U', 3, 0, 'u', 0, 'N'}, {unexpected + "update state cmd (no client available)"}},
     };
-    for (const auto& c : received)
+    for (const auto& [how, bytes, lines] : received)
     {
         log().clear();
-        receive(c.how, c.bytes);
-        EXPECT_EQ(logged(log()), c.lines);
+        receive(how, bytes);
+        EXPECT_EQ(logged(log()), lines);
     }
 
     const std::string big(1488, 'v');

@@ -26,8 +26,7 @@ ERROR, WARN, NOTE = "8388608", "6291456", "4194304"  # expert severities
 # plugin or personal preferences cannot change what is tested.
 TSHARK_HOME = tempfile.mkdtemp(prefix="weft-ws-home-")
 atexit.register(shutil.rmtree, TSHARK_HOME, True)
-TSHARK_ENV = {k: v for k, v in os.environ.items() if k != "XDG_CONFIG_HOME"}
-TSHARK_ENV["HOME"] = TSHARK_HOME
+TSHARK_ENV = dict({k: v for k, v in os.environ.items() if k != "XDG_CONFIG_HOME"}, HOME=TSHARK_HOME)
 BASE_FIELDS = ["frame.number", "_ws.col.Info", "_ws.expert.message", "_ws.expert.severity", "_ws.malformed"]
 
 

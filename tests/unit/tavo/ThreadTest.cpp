@@ -45,8 +45,7 @@ public:
     std::atomic<int> runs{0};
     std::atomic<int> shutdownRequests{0};
     std::atomic<bool> stubborn{false}; // ignores requests to stop
-    tavo::BinarySemaphore started;
-    tavo::BinarySemaphore stop;
+    tavo::BinarySemaphore started, stop;
 };
 
 TEST(ThreadTest, ShutdownAsksRunToEndOrReportsItDoesNotAndAFinishedThreadRunsAgainWithItsPriority)
@@ -66,13 +65,9 @@ TEST(ThreadTest, ShutdownAsksRunToEndOrReportsItDoesNotAndAFinishedThreadRunsAga
     EXPECT_TRUE(thread.setPriority(tavo::PRIORITY_LOW)); // lowering needs no privilege
     ASSERT_EQ(thread.started.take(5000), tavo::TAKE_OK);
     EXPECT_EQ(thread.getPriority(), tavo::PRIORITY_LOW);
-    EXPECT_TRUE(eventually(
-        [&]
-        {
-            return ::getpriority(PRIO_PROCESS, static_cast<id_t>(thread.nativeId.load())) ==
-                   thread.mapPriority(tavo::PRIORITY_LOW);
-        },
-        5s));
+    const auto id = static_cast<id_t>(thread.nativeId.load());
+    const int low = thread.mapPriority(tavo::PRIORITY_LOW);
+    EXPECT_TRUE(eventually([&] { return ::getpriority(PRIO_PROCESS, id) == low; }, 5s));
     ASSERT_TRUE(thread.shutdown(-1));
     EXPECT_EQ(thread.runs.load(), 2);
 

@@ -74,9 +74,7 @@ TEST(TimerTest, OneShotFiresOnceAfterItsPeriodAndStopSilencesArmedAndPeriodicTim
 
 TEST(TimerTest, ATimerReArmedOftenFiresOnceAndAnEarlierDeadlineStillWakesTheThread)
 {
-    TestTimer far;
-    TestTimer pushed;
-    TestTimer near;
+    TestTimer far, pushed, near;
     // The timer thread sleeps towards the far deadline; re-arming pushes the
     // other timer back without waking it, and the near deadline must wake
     // it all the same, long before the far one.
