@@ -194,16 +194,18 @@ void EUDPTransport::endBurst()
         m_burstAck = m_pAckDelay->afterInOrder(*m_burstAck, m_burstStoredInOrder,
                                                std::chrono::steady_clock::now());
     }
-    if (m_burstAck)
-    {
-        sendBurstAck();
-    }
     m_burstStoredInOrder = 0;
     m_burstNak.reset();
+    // The reader is woken before the ACK leaves: the data is stored either
+    // way, and the send is then off the path from datagram to application.
     if (m_burstStored > 0)
     {
         m_semReceived.give(m_burstStored);
         m_burstStored = 0;
+    }
+    if (m_burstAck)
+    {
+        sendBurstAck();
     }
 }
 

@@ -17,6 +17,7 @@ TEST(AddressFilterTest, AnAddressIsTakenOnlyInsideANetworkOfItsFamily)
         {"10.0.0.0/8", "11.0.0.0", false},
         {"192.168.1.128/25", "192.168.1.128", true}, // a prefix inside a byte
         {"192.168.1.128/25", "192.168.1.127", false},
+        {"192.168.1.128/25", "192.168.1.192", true},
         {"10.0.0.5", "10.0.0.5", true}, // an address alone is /32
         {"10.0.0.5", "10.0.0.6", false},
         {"0.0.0.0/0", "198.51.100.1", true},

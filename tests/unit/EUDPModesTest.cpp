@@ -67,6 +67,7 @@ TEST(EUDPModesTest, ARequesterTellsItsOwnAnswerFromAnotherRequestsAndSeesARefusa
         {CONN_MODE_RELIABLE, true, modes("RRDT"), MODE_AGREED},
         {CONN_MODE_RELIABLE, true, modes("RTDT"), MODE_REFUSED},
         {CONN_MODE_RELIABLE, true, modes("DRRR"), MODE_NOT_OURS}, // a receive request's answer
+        {CONN_MODE_RELIABLE, true, modes("RRTT"), MODE_NOT_OURS}, // it asked for the other direction too
         {CONN_MODE_REALTIME, false, modes("DTTR"), MODE_REFUSED},
         {CONN_MODE_REALTIME, false, modes("DRTT"), MODE_AGREED},
         {CONN_MODE_DONT_CARE, true, modes("DRDT"), MODE_AGREED},
