@@ -25,8 +25,11 @@ struct EUDPTimeouts
     // repeats, at the longest and before the round trip is measured.
     Duration retransmit{std::chrono::milliseconds(500)};
     // The shortest such silence, however short the round trip: below it the
-    // ordinary jitter of a busy host would be taken for loss.
-    Duration retransmitFloor{std::chrono::milliseconds(2)};
+    // ordinary jitter of a busy host would be taken for loss. A thread that
+    // waits for a core can miss a few milliseconds; at 2 ms a large window's
+    // burst on a busy two-core host was repeated again and again while the
+    // peer was still reading it, and 10 ms made every real loss cost more.
+    Duration retransmitFloor{std::chrono::milliseconds(5)};
     // How long the acknowledgement of a data packet may wait for the next
     // packet to cover it too; well below retransmitFloor.
     Duration ackDelay{std::chrono::milliseconds(1)};
