@@ -38,6 +38,22 @@ public:
         return m_smoothed ? timeout() : std::min(m_floor, m_ceiling);
     }
 
+    // How long after the newest packet, with nothing acknowledged since, it
+    // goes again as a probe; unset before the round trip is known. Its
+    // answer tells a lost acknowledgement or a lost last packet apart from a
+    // slow peer, at the cost of one datagram, long before the time-out: so
+    // the measured round trip, with half the time-out's floor (more than
+    // the longest an acknowledgement is held back for the next packet).
+    std::optional<Duration> probeInterval() const
+    {
+        if (!m_smoothed)
+        {
+            return std::nullopt;
+        }
+        return std::clamp(*m_smoothed + 4 * m_variation, std::min(m_floor, m_ceiling) / 2,
+                          m_ceiling);
+    }
+
 private:
     Duration m_floor;
     Duration m_ceiling;

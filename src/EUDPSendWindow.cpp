@@ -43,6 +43,8 @@ void EUDPSendWindow::restart(ModuloValue next, ModuloValue acknowledged)
     m_missing.reset();
     m_resendPending = false;
     m_peerKeeps = false;
+    m_probed = false;
+    m_probePending = false;
     m_fillLeft = 0;
     m_filledAt.reset();
 }
@@ -99,6 +101,8 @@ void EUDPSendWindow::startReliable()
     m_recoveryBudget = UNLIMITED;
     m_missing.reset();
     m_resendPending = false;
+    m_probed = false;
+    m_probePending = false;
     m_fillLeft = 0;
     m_filledAt.reset();
 }
@@ -132,6 +136,19 @@ const EUDPPacket* EUDPSendWindow::nextReliable(int window, TimePoint now)
             m_resentAt = now;
             m_lastActivity = now;
             return &m_sendBuffer.at(static_cast<uint>(index));
+        }
+    }
+    if (m_probePending)
+    {
+        // In flight already, like a repeat.
+        m_probePending = false;
+        if (const std::optional<uint> index = newestSentIndex())
+        {
+            Sent& sent = m_sentTimes.at(*index);
+            sent.at = now;
+            ++sent.times;
+            m_lastActivity = now;
+            return &m_sendBuffer.at(*index);
         }
     }
     if (window <= m_inFlight || m_recoveryBudget == 0)
@@ -170,6 +187,56 @@ uint EUDPSendWindow::firstUnsentIndex() const
     const ModuloValue oldest = ModuloValue::fromArg(m_sendBuffer.at(0).getArg());
     const int ahead = m_lastSentSeq.distance(oldest);
     return ahead < 0 ? 0u : static_cast<uint>(ahead) + 1;
+}
+
+std::optional<uint> EUDPSendWindow::newestSentIndex() const
+{
+    if (m_sendBuffer.isEmpty())
+    {
+        return std::nullopt;
+    }
+    const int index = m_lastSentSeq.distance(ModuloValue::fromArg(m_sendBuffer.front().getArg()));
+    if (index < 0 || index >= static_cast<int>(m_sendBuffer.size()) ||
+        m_sentTimes.at(static_cast<uint>(index)).times == 0)
+    {
+        return std::nullopt;
+    }
+    return static_cast<uint>(index);
+}
+
+std::optional<EUDPSendWindow::TimePoint> EUDPSendWindow::probeDue() const
+{
+    const std::optional<Duration> interval = m_roundTrip.probeInterval();
+    if (!interval || m_probed || m_recoveryBudget != UNLIMITED || m_fillLeft > 0)
+    {
+        return std::nullopt;
+    }
+    if (m_missing)
+    {
+        // The repeat of a missing packet may be lost too, and with the window
+        // full no later packet brings the NAK that would say so.
+        return m_resendPending ? std::nullopt : std::optional<TimePoint>(m_resentAt + *interval);
+    }
+    const std::optional<uint> newest = newestSentIndex();
+    if (!newest)
+    {
+        return std::nullopt;
+    }
+    return std::max(m_sentTimes.at(*newest).at, m_lastProgress) + *interval;
+}
+
+void EUDPSendWindow::probe(TimePoint now)
+{
+    m_probed = true;
+    if (m_missing)
+    {
+        m_resendPending = true;
+    }
+    else
+    {
+        m_probePending = true;
+    }
+    m_lastActivity = now;
 }
 
 std::optional<EUDPSendWindow::TimePoint> EUDPSendWindow::retransmitDue() const
@@ -212,6 +279,7 @@ void EUDPSendWindow::goBack(TimePoint now)
 
 void EUDPSendWindow::rewind(TimePoint now)
 {
+    m_probePending = false;
     m_lastSentSeq = m_lastAckedSeq;
     m_inFlight = 0;
     m_recoveryBudget = UNLIMITED;
@@ -286,6 +354,8 @@ EUDPSendWindow::AckResult EUDPSendWindow::acknowledge(ModuloValue seq, TimePoint
     if (freed > 0)
     {
         m_lastProgress = now;
+        m_probed = false;
+        m_probePending = false;
     }
     return AckResult{true, freed};
 }

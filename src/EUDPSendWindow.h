@@ -72,6 +72,12 @@ public:
     // When to go back if nothing is heard: the oldest unacknowledged
     // packet's transmission plus the time-out; set while anything is queued.
     std::optional<TimePoint> retransmitDue() const;
+    // When the newest packet goes again as a probe: nothing could be sent
+    // and nothing was acknowledged for a round trip after it left; during a
+    // recovery, the missing packet, a round trip after its repeat. Once per
+    // acknowledgement that frees a packet.
+    std::optional<TimePoint> probeDue() const;
+    void probe(TimePoint now);
     // The time-out passed: the oldest unacknowledged packet goes again, alone;
     // what follows goes again once its acknowledgement shows the peer lacks
     // it (at once, to a peer not known to keep what follows a gap).
@@ -127,6 +133,8 @@ private:
     // half the number space.
     bool wasQueued(ModuloValue seq) const;
     uint firstUnsentIndex() const;
+    // Where the newest packet sent lies in the queue; unset if it left it.
+    std::optional<uint> newestSentIndex() const;
 
     RingBuffer<EUDPPacket> m_sendBuffer;
     // In step with m_sendBuffer.
@@ -168,6 +176,10 @@ private:
     bool m_peerKeeps = false;
     // The recovery began with a time-out, not a NAK.
     bool m_afterTimeout = false;
+    // A probe went since the latest acknowledgement that freed a packet, and
+    // whether it is still to go.
+    bool m_probed = false;
+    bool m_probePending = false;
     // The latest transmission, acknowledgement or go-back.
     TimePoint m_lastActivity;
     // The latest acknowledgement that freed a packet.

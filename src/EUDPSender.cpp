@@ -65,16 +65,21 @@ void EUDPTransport::sendPass(std::optional<std::chrono::steady_clock::time_point
     if (m_sendMode == CONN_MODE_RELIABLE)
     {
         const auto due = m_pSendWindow->retransmitDue();
+        const auto probeDue = m_pSendWindow->probeDue();
         if (due && now >= *due)
         {
             // Nothing heard for a while: everything unacknowledged goes again.
             m_pSendWindow->goBack(now);
         }
+        else if (probeDue && now >= *probeDue)
+        {
+            m_pSendWindow->probe(now);
+        }
     }
     flushSendable(now);
     if (m_sendMode == CONN_MODE_RELIABLE)
     {
-        wakeAt = m_pSendWindow->retransmitDue();
+        wakeAt = nextSenderDeadline();
         // Nothing waits for an acknowledgement, but packets went out since
         // the last pass: more are likely, so keep ticking once a time-out
         // rather than sleep without a deadline and be woken by the next one
@@ -133,7 +138,7 @@ bool EUDPTransport::senderWakesTooLate()
     {
         return false;
     }
-    const auto due = m_pSendWindow->retransmitDue();
+    const auto due = nextSenderDeadline();
     if (!due)
     {
         return false;
@@ -147,6 +152,17 @@ bool EUDPTransport::senderWakesTooLate()
     m_senderIdle = false;
     m_senderDeadline = *due;
     return true;
+}
+
+std::optional<std::chrono::steady_clock::time_point> EUDPTransport::nextSenderDeadline() const
+{
+    const auto due = m_pSendWindow->retransmitDue();
+    const auto probeDue = m_pSendWindow->probeDue();
+    if (due && probeDue)
+    {
+        return std::min(*due, *probeDue);
+    }
+    return due ? due : probeDue;
 }
 
 void EUDPTransport::giveWakeups(bool wakeSender, bool giveSpace)

@@ -14,15 +14,18 @@ TEST(EUDPRoundTripTest, TheTimeOutFollowsTheRoundTripWithinItsBoundsAndBacksOffA
     // Nothing measured yet: the ceiling.
     EXPECT_EQ(rt.timeout(), D(500ms));
     EXPECT_FALSE(rt.smoothed());
+    EXPECT_FALSE(rt.probeInterval());
     // First sample: round trip plus four half round trips.
     rt.sample(10ms);
     EXPECT_EQ(rt.timeout(), D(30ms));
+    EXPECT_EQ(rt.probeInterval(), D(30ms));
     // Steady samples shrink the variation towards nothing, down to the floor.
     for (int i = 0; i < 200; ++i)
     {
         rt.sample(100us);
     }
     EXPECT_EQ(rt.timeout(), D(2ms));
+    EXPECT_EQ(rt.probeInterval(), D(1ms)); // a probe costs a datagram, not a go-back
     // A slow path raises it, never above the ceiling.
     for (int i = 0; i < 200; ++i)
     {

@@ -82,6 +82,37 @@ TEST(EUDPSendWindowTest, ARepeatFallsDueATimeOutAfterTheLatestAcknowledgementTha
     EXPECT_EQ(window.retransmitDue(), START + 1ms + window.roundTrip().timeout());
 }
 
+TEST(EUDPSendWindowTest, WhenNothingComesBackTheNewestOrTheMissingPacketGoesOnceMoreARoundTripLater)
+{
+    EUDPSendWindow window(EUDP_RING_CAPACITY, RETRANSMIT);
+    window.connectionSent(START - 3ms, false);
+    window.acknowledgeConnection(ModuloValue(-1), START);
+    const auto interval = *window.roundTrip().probeInterval();
+    EXPECT_LT(interval, window.roundTrip().timeout());
+    window.startReliable();
+    queueMessages(window, 20);
+    EXPECT_EQ(drainReliable(window, 10, START), numbers(0, 9));
+    // The window is full and nothing came back: the newest goes again, once.
+    ASSERT_EQ(window.probeDue(), START + interval);
+    window.probe(START + interval);
+    EXPECT_EQ(drainReliable(window, 10, START + interval), numbers(9, 9));
+    EXPECT_FALSE(window.probeDue());
+    // Its acknowledgement frees the window and arms the probe again.
+    const TimePoint acked = START + interval + 1ms;
+    ASSERT_EQ(window.onAck(ModuloValue(9), acked).freed, 10u);
+    EXPECT_EQ(drainReliable(window, 10, acked), numbers(10, 19));
+    EXPECT_EQ(window.probeDue(), acked + interval);
+    // While a gap is filled it is the repeat that goes once more, a round
+    // trip after it went.
+    const TimePoint resent = acked + 1ms;
+    EXPECT_EQ(window.onNak(ModuloValue(10), resent), EUDPSendWindow::NAK_RESEND);
+    EXPECT_EQ(drainReliable(window, 10, resent), numbers(10, 10));
+    ASSERT_EQ(window.probeDue(), resent + interval);
+    window.probe(resent + interval);
+    EXPECT_EQ(drainReliable(window, 10, resent + interval), numbers(10, 10));
+    EXPECT_FALSE(window.probeDue());
+}
+
 TEST(EUDPSendWindowTest, WhileAGapIsFilledNewPacketsGoOnlyAsFarAsAReceiverKeepsAfterIt)
 {
     EUDPSendWindow window(EUDP_RING_CAPACITY, RETRANSMIT);
