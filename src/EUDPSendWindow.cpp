@@ -130,12 +130,8 @@ const EUDPPacket* EUDPSendWindow::nextReliable(int window, TimePoint now)
         const int index = m_missing->distance(ModuloValue::fromArg(m_sendBuffer.front().getArg()));
         if (index >= 0 && index < static_cast<int>(m_sendBuffer.size()))
         {
-            Sent& sent = m_sentTimes.at(static_cast<uint>(index));
-            sent.at = now;
-            ++sent.times;
             m_resentAt = now;
-            m_lastActivity = now;
-            return &m_sendBuffer.at(static_cast<uint>(index));
+            return &sendAgain(static_cast<uint>(index), now);
         }
     }
     if (m_probePending)
@@ -144,11 +140,7 @@ const EUDPPacket* EUDPSendWindow::nextReliable(int window, TimePoint now)
         m_probePending = false;
         if (const std::optional<uint> index = newestSentIndex())
         {
-            Sent& sent = m_sentTimes.at(*index);
-            sent.at = now;
-            ++sent.times;
-            m_lastActivity = now;
-            return &m_sendBuffer.at(*index);
+            return &sendAgain(*index, now);
         }
     }
     if (window <= m_inFlight || m_recoveryBudget == 0)
@@ -180,6 +172,15 @@ const EUDPPacket* EUDPSendWindow::nextReliable(int window, TimePoint now)
     m_lastSentSeq = ModuloValue::fromArg(packet.getArg());
     m_lastActivity = now;
     return &packet;
+}
+
+const EUDPPacket& EUDPSendWindow::sendAgain(uint index, TimePoint now)
+{
+    Sent& sent = m_sentTimes.at(index);
+    sent.at = now;
+    ++sent.times;
+    m_lastActivity = now;
+    return m_sendBuffer.at(index);
 }
 
 uint EUDPSendWindow::firstUnsentIndex() const

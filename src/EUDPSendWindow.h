@@ -133,6 +133,9 @@ private:
     // half the number space.
     bool wasQueued(ModuloValue seq) const;
     uint firstUnsentIndex() const;
+    // The queued packet at `index` goes out once more (a repeat or a probe):
+    // its time and count are kept for the round trip and the time-out.
+    const EUDPPacket& sendAgain(uint index, TimePoint now);
     // Where the newest packet sent lies in the queue; unset if it left it.
     std::optional<uint> newestSentIndex() const;
 
