@@ -2,6 +2,7 @@
 
 #include <tavo/Assert.h>
 
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -25,9 +26,33 @@ int currentNativeId()
 
 } // namespace
 
+void applyWakeup(EWakeup wakeup)
+{
+#ifdef SCHED_BATCH
+    // A new thread inherits its creator's policy: one started from a
+    // waiting thread is put back unless it is to wait too. A real-time
+    // policy the application chose is inherited as it is.
+    sched_param parameters{};
+    const int policy = ::sched_getscheduler(0);
+    if (wakeup == WAKEUP_WAITS && policy == SCHED_OTHER)
+    {
+        // Same share of the processor, but a wake-up no longer preempts
+        // the thread running. Needs no privilege; refused, the thread
+        // simply keeps preempting.
+        ::pthread_setschedparam(::pthread_self(), SCHED_BATCH, &parameters);
+    }
+    else if (wakeup == WAKEUP_PREEMPTS && policy == SCHED_BATCH)
+    {
+        ::pthread_setschedparam(::pthread_self(), SCHED_OTHER, &parameters);
+    }
+#else
+    (void)wakeup;
+#endif
+}
+
 Thread::Thread(const std::string& name)
-    : m_name(name), m_priority(PRIORITY_NORMAL), m_handle(), m_hasHandle(false), m_running(false),
-      m_nativeId(0)
+    : m_name(name), m_priority(PRIORITY_NORMAL), m_wakeup(WAKEUP_PREEMPTS), m_handle(),
+      m_hasHandle(false), m_running(false), m_nativeId(0)
 {
 }
 
@@ -110,6 +135,7 @@ void Thread::body()
         std::lock_guard<std::mutex> state(m_stateMutex);
         m_nativeId = currentNativeId();
     }
+    applyWakeup(m_wakeup);
     if (m_priority != PRIORITY_NORMAL)
     {
         applyPriority();

@@ -22,6 +22,17 @@ enum EPriority
     PRIORITY_HIGHEST,
 };
 
+// How a thread that becomes runnable competes for a processor another thread
+// is using.
+enum EWakeup
+{
+    WAKEUP_PREEMPTS, // may take it at once (the system's default)
+    WAKEUP_WAITS,    // waits until that thread sleeps or its time slice ends
+};
+
+// Puts the calling thread under the given wake-up rule.
+TAVO_EXPORT void applyWakeup(EWakeup wakeup);
+
 // A worker thread. Derived classes implement run(); shutdown() asks the thread
 // to stop through shutdownCallback() and waits for run() to return. One object
 // may run its thread any number of times, one run at a time.
@@ -48,6 +59,10 @@ public:
     // system refuses it (raising priority needs privileges) or nothing runs.
     virtual bool applyPriority();
     virtual EPriority getPriority() const;
+    // Applies from the next start. A hint: a system without it runs the
+    // thread as WAKEUP_PREEMPTS.
+    void setWakeup(EWakeup wakeup) { m_wakeup = wakeup; }
+    EWakeup getWakeup() const { return m_wakeup; }
 
     // The thread's body.
     virtual void run() = 0;
@@ -84,6 +99,7 @@ private:
     std::string m_name;
     // Atomic: setPriority may run while the new thread reads it at its start.
     std::atomic<EPriority> m_priority;
+    std::atomic<EWakeup> m_wakeup;
     // Serialises start, shutdown and destruction against each other.
     std::mutex m_controlMutex;
     // Guards the run state below; m_ended signals the end of run().

@@ -1,5 +1,7 @@
 #include <tavo/Timer.h>
 
+#include <tavo/Thread.h>
+
 #include <tavo/Assert.h>
 
 #include <pthread.h>
@@ -68,6 +70,8 @@ private:
     static void* entry(void* self)
     {
         ::pthread_setname_np(::pthread_self(), "tavo-timer");
+        // Timers are due when due, whichever thread created the service.
+        applyWakeup(WAKEUP_PREEMPTS);
         isTimerThread() = true;
         static_cast<TimerService*>(self)->loop();
         return nullptr;

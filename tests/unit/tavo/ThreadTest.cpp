@@ -5,11 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <thread>
 
 namespace
 {
@@ -26,6 +28,7 @@ public:
     void run() override
     {
         nativeId = static_cast<int>(::gettid());
+        policy = ::sched_getscheduler(0);
         ++runs;
         started.give();
         stop.take();
@@ -42,6 +45,7 @@ public:
     }
 
     std::atomic<int> nativeId{0};
+    std::atomic<int> policy{-1};
     std::atomic<int> runs{0};
     std::atomic<int> shutdownRequests{0};
     std::atomic<bool> stubborn{false}; // ignores requests to stop
@@ -68,8 +72,32 @@ TEST(ThreadTest, ShutdownAsksRunToEndOrReportsItDoesNotAndAFinishedThreadRunsAga
     const auto id = static_cast<id_t>(thread.nativeId.load());
     const int low = thread.mapPriority(tavo::PRIORITY_LOW);
     EXPECT_TRUE(eventually([&] { return ::getpriority(PRIO_PROCESS, id) == low; }, 5s));
+    EXPECT_EQ(thread.policy.load(), SCHED_OTHER);
     ASSERT_TRUE(thread.shutdown(-1));
     EXPECT_EQ(thread.runs.load(), 2);
+
+    // Waiting on wake-up, the thread keeps its priority; a thread it starts
+    // preempts again unless told to wait too.
+    thread.setWakeup(tavo::WAKEUP_WAITS);
+    ASSERT_TRUE(thread.start(tavo::PRIORITY_LOW));
+    ASSERT_EQ(thread.started.take(5000), tavo::TAKE_OK);
+    EXPECT_EQ(thread.policy.load(), SCHED_BATCH);
+    EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(thread.nativeId.load())), low);
+    ASSERT_TRUE(thread.shutdown(-1));
+    std::atomic<int> childPolicy{-1};
+    std::thread parent(
+        [&]
+        {
+            tavo::applyWakeup(tavo::WAKEUP_WAITS);
+            StoppableThread child;
+            child.start();
+            child.started.take(5000);
+            childPolicy = child.policy.load();
+            child.shutdown(-1);
+        });
+    parent.join();
+    EXPECT_EQ(childPolicy.load(), SCHED_OTHER);
+    thread.setWakeup(tavo::WAKEUP_PREEMPTS);
 
     // A time-out reports a thread that does not end; it may end by itself.
     thread.stubborn = true;
