@@ -54,6 +54,8 @@ public:
 
     bool isEmpty() const { return m_receiveBuffer.isEmpty(); }
     uint stored() const { return m_receiveBuffer.size(); }
+    // Payloads that can still be stored.
+    uint room() const { return m_receiveBuffer.capacity() - 1 - m_receiveBuffer.size(); }
     // The oldest stored packet; only when not empty.
     const EUDPPacket& oldest() { return m_receiveBuffer.front(); }
     void dropOldest() { m_receiveBuffer.pop(); }

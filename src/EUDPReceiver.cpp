@@ -46,6 +46,7 @@ void EUDPTransport::receiverThread()
     uint16 sourcePort = 0;
     while (!m_closed)
     {
+        waitForRoom();
         int received = 0;
         if (const auto heldUntil = m_pAckDelay->due())
         {
@@ -72,7 +73,8 @@ void EUDPTransport::receiverThread()
         for (unsigned int burst = 0; received >= 1; ++burst)
         {
             handleDatagram(packet, static_cast<uint>(received), source, sourcePort);
-            if (m_closed || burst + 1 >= EUDP_RECEIVE_BURST)
+            if (m_closed || burst + 1 >= EUDP_RECEIVE_BURST ||
+                (m_receiveRingFull && !m_receiveDraining))
             {
                 break;
             }
@@ -99,6 +101,38 @@ void EUDPTransport::receiverThread()
         m_pReceiveWindow->releaseIfEmpty();
     }
     wakeWaiters();
+}
+
+void EUDPTransport::waitForRoom()
+{
+    {
+        tavo::MutexLock lock(m_receiveMutex);
+        const uint room = m_pReceiveWindow->room();
+        if (m_receiveDraining && room >= EUDP_RECEIVE_BURST)
+        {
+            m_receiveDraining = false;
+        }
+        if (room > 0 || m_receiveDraining)
+        {
+            return;
+        }
+        m_roomWanted = true;
+        // A give that came after the last wait had ended.
+        m_semReceiveRoom.clear();
+    }
+    // The reader is behind: what arrives now would be read only to be
+    // dropped, while the socket's buffer can hold it until there is room.
+    // Answers wait too, so the wait is short.
+    sendBurstAck();
+    m_semReceiveRoom.take(toWaitMs(m_pTimeouts->receiveRoomWait));
+    tavo::MutexLock lock(m_receiveMutex);
+    m_roomWanted = false;
+    // A reader that did not make room for a burst in that time is not
+    // waited for again until it has: meanwhile every datagram is read at
+    // once and data that finds the ring full is dropped, so that the
+    // socket's buffer does not fill and acknowledgements and answers are
+    // not held up behind data.
+    m_receiveDraining = m_pReceiveWindow->room() < EUDP_RECEIVE_BURST;
 }
 
 void EUDPTransport::handleDatagram(EUDPPacket& packet, uint length, const tavo::HostAddress& source,
@@ -320,6 +354,7 @@ void EUDPTransport::handleData(const EUDPPacket& packet)
     const EConnMode mode = m_receiveMode;
     tavo::MutexLock lock(m_receiveMutex);
     const EUDPReceiveWindow::Verdict verdict = m_pReceiveWindow->receive(packet, mode);
+    m_receiveRingFull = m_pReceiveWindow->room() == 0;
     switch (verdict.arrival)
     {
     case EUDPReceiveWindow::ARRIVAL_DUPLICATE:

@@ -235,6 +235,12 @@ int EUDPTransport::receiveData(uint8* buffer, uint size)
         }
         std::memcpy(buffer, packet.getPayload(), length);
         m_pReceiveWindow->dropOldest();
+        if (m_roomWanted && m_pReceiveWindow->room() >= EUDP_RECEIVE_BURST)
+        {
+            // Once for a burst's room, not for every payload taken.
+            m_roomWanted = false;
+            m_semReceiveRoom.give();
+        }
         return static_cast<int>(length);
     }
 }

@@ -19,8 +19,8 @@ EUDPTimeouts EUDPTimeouts::shortenedBy(int divisor) const
     for (Duration* value :
          {&shorter.connect, &shorter.connectRepeat, &shorter.negotiation,
           &shorter.negotiationRepeat, &shorter.retransmit, &shorter.retransmitFloor,
-          &shorter.ackDelay, &shorter.acceptedKeepAlive, &shorter.connectingKeepAlive,
-          &shorter.deadPeer, &shorter.sendStall, &shorter.tcpMessage})
+          &shorter.ackDelay, &shorter.receiveRoomWait, &shorter.acceptedKeepAlive,
+          &shorter.connectingKeepAlive, &shorter.deadPeer, &shorter.sendStall, &shorter.tcpMessage})
     {
         *value /= divisor;
     }

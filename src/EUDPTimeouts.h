@@ -33,6 +33,10 @@ struct EUDPTimeouts
     // How long the acknowledgement of a data packet may wait for the next
     // packet to cover it too; well below retransmitFloor.
     Duration ackDelay{std::chrono::milliseconds(1)};
+    // How long the receiver, finding the receive ring full, leaves datagrams
+    // in the socket's buffer for the reader to catch up. Answers wait as
+    // long, so it stays well below retransmitFloor.
+    Duration receiveRoomWait{std::chrono::milliseconds(2)};
     // Idle time before a keep-alive: an accepted transport speaks first, so
     // that the connecting side hears from it early. While the peer stays
     // silent, a keep-alive goes out again after each such period.

@@ -100,6 +100,7 @@ void EUDPTransport::wakeWaiters()
     m_semSendWork.give();
     m_semSendSpace.give();
     m_semReceived.give();
+    m_semReceiveRoom.give();
     m_semConnected.give();
     m_semModeAck.give();
     m_semWindowAck.give();

@@ -204,6 +204,9 @@ private:
                         uint16 sourcePort);
     // Sends what a burst of datagrams left to answer and wakes the reader.
     void endBurst();
+    // While the receive ring is full, waits briefly for the reader to make
+    // room for a burst before reading on.
+    void waitForRoom();
     // The burst's pending acknowledgement, if any.
     void sendBurstAck();
     // An answer sent at once, after the acknowledgements it follows.
@@ -263,6 +266,8 @@ private:
     // change, the end.
     tavo::BinarySemaphore m_semSendWork;
     tavo::CountingSemaphore m_semReceived;
+    // Wakes the receiver thread waiting for room in the receive ring.
+    tavo::BinarySemaphore m_semReceiveRoom;
     tavo::MutexSemaphore m_receiveMutex;
     tavo::MutexSemaphore m_sendMutex;
     std::atomic<bool> m_allowSendRealtime;
@@ -326,6 +331,13 @@ private:
     std::optional<uint> m_burstNak;
     unsigned int m_burstStored = 0;
     unsigned int m_burstStoredInOrder = 0;
+    // Under m_receiveMutex (the reader gives the wake-up): the receiver
+    // thread waits for room in the receive ring.
+    bool m_roomWanted = false;
+    // Receiver thread only: it has stopped waiting for room until the reader
+    // makes some, and the latest data packet left the ring full.
+    bool m_receiveDraining = false;
+    bool m_receiveRingFull = false;
     // The latest request reported, so that its repeats are not; under
     // m_modeHoldMutex (the receiver and the thread releasing held requests).
     EEUDPCommand m_lastReported = EUDP_UNKNOWN;

@@ -311,6 +311,46 @@ TEST_F(EUDPTransportTest, AnAckHeldForTheNextPacketLeavesAtItsTimeOrBeforeAnothe
     }
 }
 
+TEST_F(EUDPTransportTest, AFullReceiveRingLeavesDataInTheSocketForAWhileThenDropsItAndAnswersOn)
+{
+    EUDPTimeouts wait = SHORT_WAITS;
+    wait.receiveRoomWait = 300ms;
+    ScopedEUDPTimeouts scoped(wait);
+    listenAgain();
+    RawPeer raw;
+    auto server = acceptRaw(raw, 0);
+    // Nobody reads: the ring takes 999, the rest waits in the socket until
+    // the reader makes room, and all of it arrives in order.
+    uint seq = 1;
+    for (; seq <= 1010; ++seq)
+    {
+        raw.send(m_serverPort, packet("CMD", seq, std::to_string(seq)));
+    }
+    for (uint i = 1; i < seq; ++i)
+    {
+        ASSERT_EQ(receiveText(*server), std::to_string(i));
+    }
+    // A reader away for longer than the wait: what then finds the ring full
+    // is dropped, and a request behind it is answered without waiting again
+    // for each burst.
+    const uint first = seq;
+    for (; seq < first + 1400; ++seq)
+    {
+        raw.send(m_serverPort, packet("CMD", seq, std::to_string(seq)));
+    }
+    raw.send(m_serverPort, packet("WIN", 40));
+    EXPECT_EQ(
+        raw.receiveFirst([](const Bytes& bytes) { return eudpwire::is(bytes, "WAK"); }, 1500).bytes,
+        packet("WAK", 40));
+    expectLine(raw.port(), "receive buffer is full (dropping packet)", 5);
+    EXPECT_EQ(receiveText(*server), std::to_string(first));
+    for (int i = 1; i < 998; ++i)
+    {
+        receiveText(*server);
+    }
+    EXPECT_EQ(receiveText(*server), std::to_string(first + 998));
+}
+
 // The lines of the transport's threads that no other test here checks; those
 // of the codecs and the connection are in unit/WeftLogTest.cpp. (How each
 // request is answered is EUDPModesTest's.)
