@@ -93,11 +93,9 @@ TEST(ThreadTest, ShutdownAsksRunToEndOrReportsItDoesNotAndAFinishedThreadRunsAga
             child.start();
             child.started.take(5000);
             childPolicy = child.policy.load();
-            child.shutdown(-1);
         });
     parent.join();
     EXPECT_EQ(childPolicy.load(), SCHED_OTHER);
-    thread.setWakeup(tavo::WAKEUP_PREEMPTS);
 
     // A time-out reports a thread that does not end; it may end by itself.
     thread.stubborn = true;
