@@ -18,12 +18,11 @@
 
 EUDPTransport::EUDPReceiver::EUDPReceiver() : tavo::Thread("eudp-receiver"), m_pOwner(nullptr)
 {
-    // Woken for each datagram, this thread would otherwise preempt whatever
-    // runs: most often the thread that has just sent the datagram, or the
-    // reader it has just woken, each a moment from sleeping anyway. Waiting
-    // for them costs microseconds and saves a switch each way; it also
-    // leaves a busy sender to fill a burst. At worst, on a host with every
-    // core busy, it waits out the running thread's time slice: a few
+    // Woken for each datagram, this thread would otherwise preempt the
+    // thread running, which is likely a moment from sleeping: the one that
+    // sent the datagram, or the reader just woken. Waiting for it costs
+    // microseconds and saves a switch. At worst, on a host with every core
+    // busy, it waits out the running thread's time slice: a few
     // milliseconds, which the time before a repeat allows for.
     setWakeup(tavo::WAKEUP_WAITS);
 }
