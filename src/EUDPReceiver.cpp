@@ -104,6 +104,12 @@ void EUDPTransport::receiverThread()
 
 void EUDPTransport::waitForRoom()
 {
+    // Only this thread fills the ring: while its last store left room there
+    // is room still, and the lock is not needed to know it.
+    if (!m_receiveRingFull && !m_receiveDraining)
+    {
+        return;
+    }
     {
         tavo::MutexLock lock(m_receiveMutex);
         const uint room = m_pReceiveWindow->room();
