@@ -296,7 +296,7 @@ void EUDPTransport::processAck(int seq)
         }
         // The window moved: what it lets out goes from this thread, at once.
         flushSendable(now);
-        giveSpace = result.freed > 0 && m_spaceWaiters > 0;
+        giveSpace = wakesWriter(result.freed > 0);
         wakeSender = senderWakesTooLate();
     }
     giveWakeups(wakeSender, giveSpace);
@@ -319,7 +319,7 @@ void EUDPTransport::processNak(int seq)
             // may have moved.
             flushSendable(now);
         }
-        giveSpace = m_pSendWindow->queued() < queuedBefore && m_spaceWaiters > 0;
+        giveSpace = wakesWriter(m_pSendWindow->queued() < queuedBefore);
         wakeSender = senderWakesTooLate();
     }
     giveWakeups(wakeSender, giveSpace);

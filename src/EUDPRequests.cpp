@@ -287,12 +287,29 @@ void EUDPTransport::drainReliable()
             }
             return;
         }
+        // Progress is what the peer acknowledged, seen after the wait: a
+        // wake-up comes only once a burst's room is free.
+        const uint queuedBefore = m_pSendWindow->queued();
         ++m_spaceWaiters;
         m_sendMutex.give();
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
-            std::min(end, quiet) - Clock::now());
-        const bool progressed =
-            left.count() > 0 && m_semSendSpace.take(toWaitMs(left)) == tavo::TAKE_OK;
+        bool progressed = false;
+        for (;;)
+        {
+            const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+                std::min(end, quiet) - Clock::now());
+            if (left.count() <= 0)
+            {
+                break;
+            }
+            m_semSendSpace.take(toWaitMs(left));
+            tavo::MutexLock lock(m_sendMutex);
+            // A wake-up left over from an earlier wait is no progress.
+            progressed = m_closed || m_pSendWindow->queued() < queuedBefore;
+            if (progressed)
+            {
+                break;
+            }
+        }
         m_sendMutex.take();
         --m_spaceWaiters;
         m_sendMutex.give();

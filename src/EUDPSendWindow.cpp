@@ -183,6 +183,18 @@ const EUDPPacket& EUDPSendWindow::sendAgain(uint index, TimePoint now)
     return m_sendBuffer.at(index);
 }
 
+bool EUDPSendWindow::roomForWriter() const
+{
+    if (m_sendBuffer.isFull())
+    {
+        return false;
+    }
+    // A ring holds one element less than its capacity.
+    const uint room = m_sendBuffer.capacity() - 1 - m_sendBuffer.size();
+    return room >= EUDP_SEND_WAKE_ROOM || m_sendBuffer.isEmpty() ||
+           firstUnsentIndex() >= m_sendBuffer.size();
+}
+
 uint EUDPSendWindow::firstUnsentIndex() const
 {
     const ModuloValue oldest = ModuloValue::fromArg(m_sendBuffer.at(0).getArg());

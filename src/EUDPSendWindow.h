@@ -35,6 +35,10 @@ public:
     bool isFull() const { return m_sendBuffer.isFull(); }
     bool isEmpty() const { return m_sendBuffer.isEmpty(); }
     uint queued() const { return m_sendBuffer.size(); }
+    // Whether a writer waiting for room is worth waking: there is room for a
+    // burst of writes, or room and nothing queued waits for the window, so
+    // the link would idle without new packets.
+    bool roomForWriter() const;
     // Queues one data packet under the next number; the queue must not be
     // full. A payload too long for a packet leaves it empty (and logs).
     void queue(const uint8* data, uint length);

@@ -129,7 +129,12 @@ void EUDPTransport::afterQueued(bool freed, bool& wakeSender, bool& giveSpace)
     // Caller holds m_sendMutex. A reliable packet now waits for its
     // acknowledgement: a sleeping sender thread must start keeping time.
     wakeSender = senderWakesTooLate();
-    giveSpace = freed && m_spaceWaiters > 0;
+    giveSpace = wakesWriter(freed);
+}
+
+bool EUDPTransport::wakesWriter(bool freed) const
+{
+    return freed && m_spaceWaiters > 0 && m_pSendWindow->roomForWriter();
 }
 
 bool EUDPTransport::senderWakesTooLate()

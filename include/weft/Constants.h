@@ -76,6 +76,9 @@ constexpr int EUDP_SOCKET_RECEIVE_BUFFER = 2 * 1024 * 1024;
 // ends with one cumulative acknowledgement, so a burst of a window's worth is
 // answered once rather than packet by packet.
 constexpr unsigned int EUDP_RECEIVE_BURST = 64;
+// Free send slots that wake a writer waiting for room: one wake-up for a
+// burst of writes, not one per acknowledgement.
+constexpr unsigned int EUDP_SEND_WAKE_ROOM = 64;
 // Packets a reliable receiver holds after a gap until the gap is filled, so
 // that a sender that repeats only the missing packet is not made to repeat
 // everything after it too (beyond these, later packets are dropped).

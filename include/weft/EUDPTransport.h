@@ -191,6 +191,9 @@ private:
     // because a retransmission is due well before it would wake (idle, or
     // the time-out shrank once the round trip was measured).
     bool senderWakesTooLate();
+    // Caller holds m_sendMutex: slots were freed and a caller waiting for
+    // room should be woken for them.
+    bool wakesWriter(bool freed) const;
     // Caller holds m_sendMutex: the sender thread's next duty, a probe or a
     // time-out, while reliable packets wait for acknowledgements.
     std::optional<std::chrono::steady_clock::time_point> nextSenderDeadline() const;

@@ -71,6 +71,25 @@ TEST(EUDPSendWindowTest, TheWindowBoundsWhatIsInFlightAndAnAckFreesEverythingUpT
     EXPECT_FALSE(window.retransmitDue());
 }
 
+TEST(EUDPSendWindowTest, AWriterWaitingForRoomIsWokenForABurstOrWhenTheLinkWouldIdle)
+{
+    EUDPSendWindow window(200, RETRANSMIT); // holds 199
+    window.restart(ModuloValue(0), ModuloValue(65534));
+    window.startReliable();
+    queueMessages(window, 199);
+    EXPECT_EQ(drainReliable(window, 64, START).size(), 64u);
+    window.onAck(ModuloValue(62), START); // 63 free, 136 wait for the window
+    EXPECT_FALSE(window.roomForWriter());
+    window.onAck(ModuloValue(63), START);
+    EXPECT_TRUE(window.roomForWriter());
+    queueMessages(window, 64);
+    EXPECT_FALSE(window.roomForWriter());
+    // Everything queued on the wire: one free slot keeps the link busy.
+    EXPECT_EQ(drainReliable(window, 1000, START).size(), 199u);
+    window.onAck(ModuloValue(64), START);
+    EXPECT_TRUE(window.roomForWriter());
+}
+
 TEST(EUDPSendWindowTest, ARepeatFallsDueATimeOutAfterTheLatestAcknowledgementThatFreedAPacket)
 {
     EUDPSendWindow window(EUDP_RING_CAPACITY, RETRANSMIT);
