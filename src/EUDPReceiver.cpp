@@ -7,6 +7,7 @@
 #include "EUDPAckDelay.h"
 #include "EUDPModes.h"
 #include "EUDPReceiveWindow.h"
+#include "EUDPReceiverPace.h"
 #include "EUDPSendWindow.h"
 #include "EUDPTimeouts.h"
 
@@ -23,7 +24,8 @@ EUDPTransport::EUDPReceiver::EUDPReceiver() : tavo::Thread("eudp-receiver"), m_p
     // sent the datagram, or the reader just woken. Waiting for it costs
     // microseconds and saves a switch. At worst, on a host with every core
     // busy, it waits out the running thread's time slice: a few
-    // milliseconds, which the time before a repeat allows for.
+    // milliseconds, which the time before a repeat allows for; a real-time
+    // receiver that falls behind preempts again (EUDPReceiverPace).
     setWakeup(tavo::WAKEUP_WAITS);
 }
 
@@ -69,10 +71,11 @@ void EUDPTransport::receiverThread()
         // What else has arrived meanwhile is handled in the same turn and
         // answered once: one cumulative ACK for the burst, one wake-up of the
         // reader for all it stored.
-        for (unsigned int burst = 0; received >= 1; ++burst)
+        unsigned int taken = 0;
+        while (received >= 1)
         {
             handleDatagram(packet, static_cast<uint>(received), source, sourcePort);
-            if (m_closed || burst + 1 >= EUDP_RECEIVE_BURST ||
+            if (m_closed || ++taken >= EUDP_RECEIVE_BURST ||
                 (m_receiveRingFull && !m_receiveDraining))
             {
                 break;
@@ -81,6 +84,11 @@ void EUDPTransport::receiverThread()
                 packet.getBuffer(), static_cast<int>(EUDP_MAX_PACKET_SIZE), source, sourcePort);
         }
         endBurst();
+        if (const auto wakeup =
+                m_pReceiverPace->afterTurn(taken, m_receiveMode != CONN_MODE_RELIABLE))
+        {
+            tavo::applyWakeup(*wakeup);
+        }
         if (received < 1 && received != tavo::UdpSocket::NOTHING_PENDING)
         {
             break;

@@ -11,6 +11,7 @@
 #include "EUDPAckDelay.h"
 #include "EUDPLiveness.h"
 #include "EUDPReceiveWindow.h"
+#include "EUDPReceiverPace.h"
 #include "EUDPSendWindow.h"
 #include "EUDPTimeouts.h"
 #include "WeftLog.h"
@@ -25,8 +26,9 @@ EUDPTransport::EUDPTransport(const tavo::HostAddress& peer, uint16 port)
       m_pSendWindow(std::make_unique<EUDPSendWindow>(EUDP_RING_CAPACITY, m_pTimeouts->retransmit,
                                                      m_pTimeouts->retransmitFloor)),
       m_pReceiveWindow(std::make_unique<EUDPReceiveWindow>(EUDP_RING_CAPACITY)),
-      m_pAckDelay(std::make_unique<EUDPAckDelay>(m_pTimeouts->ackDelay)), m_windowAnswer(0),
-      m_modeAnswer(0), m_semReceived(0), m_allowSendRealtime(true), m_allowSendReliable(true),
+      m_pAckDelay(std::make_unique<EUDPAckDelay>(m_pTimeouts->ackDelay)),
+      m_pReceiverPace(std::make_unique<EUDPReceiverPace>()), m_windowAnswer(0), m_modeAnswer(0),
+      m_semReceived(0), m_allowSendRealtime(true), m_allowSendReliable(true),
       m_allowReceiveRealtime(true), m_allowReceiveReliable(true), m_sendMode(CONN_MODE_REALTIME),
       m_receiveMode(CONN_MODE_REALTIME), m_windowSize(EUDP_DEFAULT_WINDOW), m_closed(false),
       m_timersInitialised(false), m_pLog(weftLogOutput()), m_pAliveCallback(nullptr),

@@ -30,6 +30,7 @@ class IWEFTNegotiationObserver;
 class EUDPLiveness;
 class EUDPReceiveWindow;
 class EUDPAckDelay;
+class EUDPReceiverPace;
 class EUDPSendWindow;
 struct EUDPTimeouts;
 
@@ -255,6 +256,7 @@ private:
     std::unique_ptr<EUDPReceiveWindow> m_pReceiveWindow;
     // Receiver thread only.
     std::unique_ptr<EUDPAckDelay> m_pAckDelay;
+    std::unique_ptr<EUDPReceiverPace> m_pReceiverPace;
     // Written by the receiver, read by the requester after the semaphore; a
     // second answer may arrive while the first is read, hence atomic.
     std::atomic<uint> m_windowAnswer;
